@@ -1,0 +1,38 @@
+# Settings every target of the project shares: language level, warnings, floating point, ccache.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+option(KV_WERROR "Treat warnings as errors" OFF)
+
+if(MSVC)
+  # Exact single-precision arithmetic: no contraction, no reassociation.
+  add_compile_options(/W4 /fp:precise /permissive- /Zc:__cplusplus)
+  if(KV_WERROR)
+    add_compile_options(/WX)
+  endif()
+else()
+  # Never fuse a multiply and an add: results must match bit for bit on every path.
+  add_compile_options(-Wall -Wextra -ffp-contract=off -fno-fast-math)
+  if(KV_WERROR)
+    add_compile_options(-Werror)
+  endif()
+endif()
+
+# ccache, with paths made relative to the source tree so that another clone on this machine (CI
+# builds a fresh one) reuses the kernel objects.
+find_program(KV_CCACHE ccache)
+if(KV_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(_kv_launcher "${CMAKE_COMMAND}" -E env "CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}"
+                   "CCACHE_NOHASHDIR=1" "${KV_CCACHE}")
+  set(CMAKE_C_COMPILER_LAUNCHER ${_kv_launcher})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${_kv_launcher})
+endif()
