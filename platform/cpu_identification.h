@@ -1,0 +1,57 @@
+// Processor identification: the cpuid and xgetbv instructions through the compiler's intrinsics.
+// Header-only so that the separately built vector modules can check their own instruction sets.
+#pragma once
+
+#include <cstdint>
+
+#if defined(_MSC_VER) && (defined(_M_X64) || defined(_M_IX86))
+#include <immintrin.h>
+#include <intrin.h>
+#define KV_HAS_CPUID 1
+#elif (defined(__GNUC__) || defined(__clang__)) && (defined(__x86_64__) || defined(__i386__))
+#include <cpuid.h>
+#define KV_HAS_CPUID 1
+#endif
+
+namespace kv {
+namespace platform {
+
+struct cpuid_registers {
+    uint32_t eax, ebx, ecx, edx;
+};
+
+// cpuid with the given leaf and sub-leaf. Off x86 every register reads 0, so no feature is seen.
+inline cpuid_registers cpuid(uint32_t leaf, uint32_t subleaf) {
+    cpuid_registers r{0, 0, 0, 0};
+#if defined(KV_HAS_CPUID) && defined(_MSC_VER)
+    int regs[4];
+    __cpuidex(regs, static_cast<int>(leaf), static_cast<int>(subleaf));
+    r = {static_cast<uint32_t>(regs[0]), static_cast<uint32_t>(regs[1]),
+         static_cast<uint32_t>(regs[2]), static_cast<uint32_t>(regs[3])};
+#elif defined(KV_HAS_CPUID)
+    __cpuid_count(leaf, subleaf, r.eax, r.ebx, r.ecx, r.edx);
+#else
+    (void)leaf;
+    (void)subleaf;
+#endif
+    return r;
+}
+
+// xgetbv with ECX 0: the register state the operating system has enabled. Only valid once OSXSAVE
+// (leaf 1, ECX bit 27) has been seen.
+inline uint64_t xgetbv0() {
+#if defined(KV_HAS_CPUID) && defined(_MSC_VER)
+    return _xgetbv(0);
+#elif defined(KV_HAS_CPUID)
+    uint32_t eax = 0, edx = 0;
+    __asm__ __volatile__("xgetbv" : "=a"(eax), "=d"(edx) : "c"(0));
+    return (static_cast<uint64_t>(edx) << 32) | eax;
+#else
+    return 0;
+#endif
+}
+
+inline bool bit(uint32_t value, int position) { return ((value >> position) & 1u) != 0; }
+
+}  // namespace platform
+}  // namespace kv
