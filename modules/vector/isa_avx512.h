@@ -1,0 +1,159 @@
+// The AVX-512 layer under the vector pipeline: four 128-bit lanes per vector. Included inside
+// namespace kv::vector::avx512 after vector_common.h; built only with -mavx512f -mavx512dq
+// -mavx512bw. No 128- or 256-bit EVEX forms (AVX512VL) are used.
+
+using vi = __m512i;
+using vf = __m512;
+using shift_count_register = __m128i;
+
+constexpr int lane_count = 4;
+constexpr size_t vector_bytes = 64;
+
+inline vi zero_i() { return _mm512_setzero_si512(); }
+inline vi splat_i(int32_t value) { return _mm512_set1_epi32(value); }
+inline vf splat_f(float value) { return _mm512_set1_ps(value); }
+inline vi lane_constant(const lane_bytes& bytes) {
+    return _mm512_broadcast_i32x4(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes.data())));
+}
+
+// Register r receives chunk S * k + r in lane k.
+template <int S>
+inline void load_chunks(const void* source, vi (&registers)[S]) {
+    const __m128i* p = static_cast<const __m128i*>(source);
+    if constexpr (S == 1) {
+        registers[0] = _mm512_loadu_si512(p);
+    } else {
+        for (int r = 0; r < S; ++r) {
+            vi v = _mm512_castsi128_si512(_mm_loadu_si128(p + r));
+            v = _mm512_inserti32x4(v, _mm_loadu_si128(p + S + r), 1);
+            v = _mm512_inserti32x4(v, _mm_loadu_si128(p + 2 * S + r), 2);
+            registers[r] = _mm512_inserti32x4(v, _mm_loadu_si128(p + 3 * S + r), 3);
+        }
+    }
+}
+
+// Contiguous vector T holds chunks 4T .. 4T + 3; chunk c sits in register c % S, lane c / S. The
+// lanes from the first two registers met are picked by one two-source permute, any from a third
+// or fourth register are merged in under a mask.
+template <int S, int T>
+struct contiguous_plan {
+    static constexpr int reg(int j) { return (4 * T + j) % S; }
+    static constexpr int lane(int j) { return (4 * T + j) / S; }
+    static constexpr int first = reg(0);
+    static constexpr int second_of() {
+        for (int j = 0; j < 4; ++j) {
+            if (reg(j) != first) return reg(j);
+        }
+        return first;
+    }
+    static constexpr int second = second_of();
+    // Qword index vector element for lane j of the two-source permute (don't care: 0).
+    static constexpr long long pair_index(int q) {
+        const int j = q / 2;
+        if (reg(j) == first) return 2 * lane(j) + q % 2;
+        if (reg(j) == second) return 8 + 2 * lane(j) + q % 2;
+        return 0;
+    }
+    static constexpr long long single_index(int q) { return 2 * lane(q / 2) + q % 2; }
+    static constexpr unsigned mask_for(int r) {
+        unsigned m = 0;
+        for (int j = 0; j < 4; ++j) {
+            if (reg(j) == r && r != first && r != second) m |= 3u << (2 * j);
+        }
+        return m;
+    }
+};
+
+template <int S, int T>
+inline vi contiguous_vector(const vi (&registers)[S]) {
+    using plan = contiguous_plan<S, T>;
+    const __m512i pair = _mm512_set_epi64(
+        plan::pair_index(7), plan::pair_index(6), plan::pair_index(5), plan::pair_index(4),
+        plan::pair_index(3), plan::pair_index(2), plan::pair_index(1), plan::pair_index(0));
+    vi v = _mm512_permutex2var_epi64(registers[plan::first], pair, registers[plan::second]);
+    if constexpr (S > 2) {
+        const __m512i single = _mm512_set_epi64(
+            plan::single_index(7), plan::single_index(6), plan::single_index(5),
+            plan::single_index(4), plan::single_index(3), plan::single_index(2),
+            plan::single_index(1), plan::single_index(0));
+        for (int r = 0; r < S; ++r) {
+            const unsigned m = plan::mask_for(r);
+            if (m != 0) v = _mm512_mask_permutexvar_epi64(v, __mmask8(m), single, registers[r]);
+        }
+    }
+    return v;
+}
+
+template <int S, int... T>
+inline void store_contiguous(__m512i* p, const vi (&registers)[S], bool stream,
+                             std::integer_sequence<int, T...>) {
+    if (stream) {
+        (_mm512_stream_si512(p + T, contiguous_vector<S, T>(registers)), ...);
+    } else {
+        (_mm512_storeu_si512(p + T, contiguous_vector<S, T>(registers)), ...);
+    }
+}
+
+template <int S>
+inline void store_chunks(void* destination, const vi (&registers)[S], bool stream) {
+    __m512i* p = static_cast<__m512i*>(destination);
+    if constexpr (S == 1) {
+        if (stream) {
+            _mm512_stream_si512(p, registers[0]);
+        } else {
+            _mm512_storeu_si512(p, registers[0]);
+        }
+    } else {
+        store_contiguous(p, registers, stream, std::make_integer_sequence<int, S>());
+    }
+}
+
+inline void store_fence() { _mm_sfence(); }
+
+// Integer operations, lane by lane; per-lane blend patterns become 32- and 64-bit masks.
+inline vi and_i(vi a, vi b) { return _mm512_and_si512(a, b); }
+template <unsigned Mask>  // 16-bit element p of each lane from b where bit p is set
+inline vi blend16(vi a, vi b) {
+    return _mm512_mask_blend_epi16(__mmask32(Mask * 0x01010101u), a, b);
+}
+template <unsigned Mask>  // byte p of each lane from b where bit p is set
+inline vi blend8(vi a, vi b) {
+    return _mm512_mask_blend_epi8(__mmask64(Mask * 0x0001000100010001ull), a, b);
+}
+inline vi shuffle_bytes(vi a, vi table) { return _mm512_shuffle_epi8(a, table); }
+inline vi unpack_low_16(vi a, vi b) { return _mm512_unpacklo_epi16(a, b); }
+inline vi unpack_high_16(vi a, vi b) { return _mm512_unpackhi_epi16(a, b); }
+inline vi unpack_low_32(vi a, vi b) { return _mm512_unpacklo_epi32(a, b); }
+inline vi unpack_high_32(vi a, vi b) { return _mm512_unpackhi_epi32(a, b); }
+inline vi pack_32_to_16(vi a, vi b) { return _mm512_packus_epi32(a, b); }  // saturates
+inline vi pack_16_to_8(vi a, vi b) { return _mm512_packus_epi16(a, b); }   // saturates
+template <int Count>
+inline vi shift_left_32(vi a) {
+    return _mm512_slli_epi32(a, Count);
+}
+inline vi min_32(vi a, vi b) { return _mm512_min_epi32(a, b); }
+inline vi max_32(vi a, vi b) { return _mm512_max_epi32(a, b); }
+inline shift_count_register shift_count_of(uint32_t count) {
+    return _mm_cvtsi32_si128(int(count));
+}
+inline vi shift_left_32(vi a, shift_count_register count) { return _mm512_sll_epi32(a, count); }
+inline vi shift_right_arithmetic_32(vi a, shift_count_register count) {
+    return _mm512_sra_epi32(a, count);
+}
+
+// Float operations: separate multiply and add, never fused.
+inline vf to_float(vi a) { return _mm512_cvtepi32_ps(a); }
+inline vf mul(vf a, vf b) { return _mm512_mul_ps(a, b); }
+inline vf add(vf a, vf b) { return _mm512_add_ps(a, b); }
+
+// The rounded sum where it can land inside the clamp bounds, 0 where the true rounding gives 0 or
+// less (see vector_pipeline.h for why that is exact after the clamp).
+inline vi round_for_clamp(vf sum) {
+    const vf half = _mm512_set1_ps(0.5f);
+    const __mmask16 at_least_half = _mm512_cmp_ps_mask(sum, half, _CMP_GE_OQ);
+    return _mm512_maskz_cvttps_epi32(at_least_half, _mm512_add_ps(sum, half));
+}
+
+inline vi lookup(vi index, const uint32_t* table) {
+    return _mm512_i32gather_epi32(index, table, 4);
+}

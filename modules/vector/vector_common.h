@@ -1,0 +1,170 @@
+// What the three vector builds share outside their instruction-set namespaces: the headers the
+// per-ISA layer and the pipeline body need (they are included inside a namespace and so include
+// nothing themselves), the settings a vector loop is specialised on, and the per-lane shuffle and
+// blend patterns of the interleaved layouts, worked out at compile time.
+#pragma once
+
+// GCC 12 warns about the _mm512_undefined_*() start values inside its own AVX-512 intrinsics once
+// they are inlined (GCC bug 105593); the warning points into the header, so it is silenced there.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#endif
+#include <immintrin.h>
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+#include <utility>
+
+#include "kernels/transform_request.h"
+
+namespace kv {
+namespace vector {
+
+// Set by each module's initialize from the processor's cache sizes: frames whose input and output
+// together exceed it are written with non-temporal stores. Until then nothing streams.
+extern std::atomic<uint64_t> streaming_threshold_bytes;
+
+// ---------------------------------------------------------------------------------------------
+// The settings a vector loop is specialised on, chosen once per call. Everything else (which
+// channels of a LUT set are on, the shift counts, the bounds, the matrix) is a run-time constant
+// of the call and costs no test per pixel.
+// ---------------------------------------------------------------------------------------------
+
+enum layout_kind : int { PLANES = 0, BGR = 1, RGB = 2 };
+
+struct loop_settings {
+    int output_width;    // 8 or 16
+    int input_layout;    // layout_kind
+    int output_layout;   // layout_kind
+    bool fourth_channel;
+    bool input_LUTs;     // at least one input LUT on
+    bool output_LUTs;    // at least one output LUT on
+    bool shifts;         // at least one non-zero shift distance
+
+    static constexpr uint32_t count_per_width = 3 * 3 * 2 * 2 * 2 * 2;
+
+    // The code within one width.
+    constexpr uint32_t encode() const {
+        uint32_t code = uint32_t(input_layout);
+        code = code * 3 + uint32_t(output_layout);
+        code = code * 2 + uint32_t(fourth_channel);
+        code = code * 2 + uint32_t(input_LUTs);
+        code = code * 2 + uint32_t(output_LUTs);
+        code = code * 2 + uint32_t(shifts);
+        return code;
+    }
+
+    static constexpr loop_settings decode(int width, uint32_t code) {
+        loop_settings s{};
+        s.output_width = width;
+        s.shifts = code % 2 != 0;
+        code /= 2;
+        s.output_LUTs = code % 2 != 0;
+        code /= 2;
+        s.input_LUTs = code % 2 != 0;
+        code /= 2;
+        s.fourth_channel = code % 2 != 0;
+        code /= 2;
+        s.output_layout = int(code % 3);
+        code /= 3;
+        s.input_layout = int(code);
+        return s;
+    }
+};
+static_assert(loop_settings::decode(8, loop_settings{8, 2, 1, true, false, true, true}.encode())
+                      .encode() == loop_settings{8, 2, 1, true, false, true, true}.encode(),
+              "round trip");
+
+// Formats other than 1 and 2 are planes, as the scalar dispatch reads them.
+inline int layout_of(int32_t format) {
+    return format == FORMAT_BGR_INTERLEAVED ? BGR : format == FORMAT_RGB_INTERLEAVED ? RGB : PLANES;
+}
+
+// The slot (0, 1, 2 within an interleaved pixel) of channel c (0 blue, 1 green, 2 red).
+constexpr int slot_of(int layout, int c) { return layout == RGB ? 2 - c : c; }
+
+// True when the bytes of the two buffers share an address. Overlapping frames are left to the
+// scalar kernels, whose pixel-by-pixel order defines what such a call does.
+inline bool buffers_overlap(const void* input, uint64_t input_bytes, const void* output,
+                            uint64_t output_bytes) {
+    const uint64_t in = reinterpret_cast<uintptr_t>(input);
+    const uint64_t out = reinterpret_cast<uintptr_t>(output);
+    return in < out + output_bytes && out < in + input_bytes;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Per-lane patterns. A 128-bit lane holds 8 pixels of 16-bit elements or 16 pixels of 8-bit ones;
+// an interleaved group of such pixels spans three lanes (chunks). Element e of the group (pixel
+// e / 3, slot e % 3) sits in chunk e / k at position e % k, with k elements a chunk. Because 3 is
+// prime to k, the positions of one slot across the three chunks are all different, so one blend
+// per chunk gathers a slot and one byte shuffle puts its pixels in order.
+// ---------------------------------------------------------------------------------------------
+
+using lane_bytes = std::array<uint8_t, 16>;
+constexpr uint8_t zero_byte = 0x80;  // a shuffle index that writes 0
+
+// Bit p set: position p of the gathered slot comes from the given chunk (16-bit positions).
+constexpr unsigned gather_mask_16(int slot, int chunk) {
+    unsigned mask = 0;
+    for (int p = 0; p < 8; ++p) {
+        if ((8 * chunk + p) % 3 == slot) mask |= 1u << p;
+    }
+    return mask;
+}
+
+// After the blends, position p of slot s holds pixel (8 * chunk(p) + p) / 3. This shuffle puts
+// pixels first..first+3 into the 32-bit lanes, zero-extended.
+constexpr lane_bytes widen_pixels_16(int slot, int first) {
+    lane_bytes t{};
+    for (auto& b : t) b = zero_byte;
+    for (int p = 0; p < 8; ++p) {
+        for (int chunk = 0; chunk < 3; ++chunk) {
+            const int e = 8 * chunk + p;
+            if (e % 3 != slot) continue;
+            const int pixel = e / 3;
+            if (pixel < first || pixel >= first + 4) continue;
+            t[4 * (pixel - first)] = uint8_t(2 * p);
+            t[4 * (pixel - first) + 1] = uint8_t(2 * p + 1);
+        }
+    }
+    return t;
+}
+
+// Output side, 16-bit elements: pixel i of a slot moves to position (3i + slot) % 8, the place it
+// takes in the chunk it belongs to.
+constexpr lane_bytes scatter_pixels_16(int slot) {
+    lane_bytes t{};
+    for (int i = 0; i < 8; ++i) {
+        const int p = (3 * i + slot) % 8;
+        t[2 * p] = uint8_t(2 * i);
+        t[2 * p + 1] = uint8_t(2 * i + 1);
+    }
+    return t;
+}
+
+// Output side, 8-bit elements: pixel i of a slot moves to position (3i + slot) % 16.
+constexpr lane_bytes scatter_pixels_8(int slot) {
+    lane_bytes t{};
+    for (int i = 0; i < 16; ++i) t[(3 * i + slot) % 16] = uint8_t(i);
+    return t;
+}
+
+// Bit p set: byte p of the chunk belongs to the given slot (8-bit positions).
+constexpr unsigned gather_mask_8(int slot, int chunk) {
+    unsigned mask = 0;
+    for (int p = 0; p < 16; ++p) {
+        if ((16 * chunk + p) % 3 == slot) mask |= 1u << p;
+    }
+    return mask;
+}
+
+}  // namespace vector
+}  // namespace kv

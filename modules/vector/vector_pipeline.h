@@ -1,0 +1,369 @@
+// The one vector pipeline: the stages of kernels/pixel_pipeline.h over whole vectors, written
+// against the thin instruction-set layer (isa_*.h) and included once per instruction set inside a
+// namespace named for it, after vector_common.h and that set's layer.
+//
+// Block layout. A vector is cut into 128-bit lanes, and a block gives each lane a run of
+// consecutive pixels: 8 for 16-bit output, 16 for 8-bit output, so that one lane of output
+// elements is whole pixels. Lane k of a block holds pixels P*k .. P*k+P-1. Each channel's 32-bit
+// values are Q = P/4 vectors, vector q holding pixels P*k+4q .. P*k+4q+3 in lane k. All data
+// movement (deinterleave, narrowing, interleave) then stays inside lanes, the same code on one,
+// two or four lanes, and only the layer's chunk loads and stores know where the lanes go.
+//
+// Exactness. Every stage is the scalar one, lane by lane: products and sums are separate
+// single-precision multiplies and adds, (R term + G term) + B term. Rounding differs in form only:
+// the scalar rule is cvttsd2si(double(sum) + 0.5) and then the clamp to [min, max] within
+// [0, 65535]. The vector form is cvttps2dq(float(sum + 0.5f)), forced to 0 where sum < 0.5 or
+// NaN. The clamped values are the same for every float sum:
+//   - sum < 0.5 (and NaN): the scalar rounding gives 0 or less (NaN gives -2^31), so the clamp
+//     yields min; the vector form gives 0, and the clamp yields min as well. This covers the one
+//     float where the float add rounds up (0.49999997 + 0.5 rounds to 1.0).
+//   - 0.5 <= sum < 2^23: sum and 0.5 are multiples of ulp(sum), so if the float add rounds at all
+//     it is into the next binade with ulp 2 * ulp(sum), and an integer k can only be reached from
+//     k - ulp(sum); that would need sum >= 2^e from below 2^e, which no such sum does. So the
+//     truncations agree: floor(sum + 0.5) on both sides.
+//   - 2^23 <= sum < 2^31: both results are at least 2^23, above every max, so both clamp to max.
+//   - sum >= 2^31 and +infinity: float(sum + 0.5) >= 2^31 as well, so both give -2^31: min.
+// Stores never saturate: narrowing masks the low bits before the saturating packs, or picks them
+// with blends and shuffles.
+
+template <int Width>
+constexpr int lane_pixels = Width == 8 ? 16 : 8;
+
+template <int Width>
+constexpr ptrdiff_t block_pixels = lane_pixels<Width> * lane_count;
+
+// What a call reads from its record once, held in registers across the loop.
+struct call_constants {
+    vf matrix[9];
+    vi minimum[3], maximum[3];  // blue, green, red
+    shift_count_register left[3], right[3];
+    const uint32_t* input_LUT[3];
+    const uint32_t* output_LUT[3];
+    bool input_LUT_on[3], output_LUT_on[3];
+};
+
+// ---------------------------------------------------------------------------------------------
+// Load: three channels of 32-bit values from the input layout.
+// ---------------------------------------------------------------------------------------------
+
+// One slot of an interleaved group of three chunks, widened: pixels 0-3 and 4-7 of the lane.
+template <int Slot>
+inline void deinterleave_slot(const vi* chunks, vi& low, vi& high) {
+    static constexpr lane_bytes first_four = widen_pixels_16(Slot, 0);
+    static constexpr lane_bytes last_four = widen_pixels_16(Slot, 4);
+    const vi gathered = blend16<gather_mask_16(Slot, 2)>(
+        blend16<gather_mask_16(Slot, 1)>(chunks[0], chunks[1]), chunks[2]);
+    low = shuffle_bytes(gathered, lane_constant(first_four));
+    high = shuffle_bytes(gathered, lane_constant(last_four));
+}
+
+template <int Layout, int Q>
+inline void load_block(const uint16_t* in, ptrdiff_t i, ptrdiff_t n, vi (&v)[3][Q]) {
+    constexpr int groups = Q / 2;  // 8-pixel groups per lane
+    if constexpr (Layout == PLANES) {
+        for (int c = 0; c < 3; ++c) {
+            vi x[groups];
+            load_chunks<groups>(in + c * n + i, x);
+            for (int g = 0; g < groups; ++g) {
+                v[c][2 * g] = unpack_low_16(x[g], zero_i());
+                v[c][2 * g + 1] = unpack_high_16(x[g], zero_i());
+            }
+        }
+    } else {
+        vi x[3 * groups];
+        load_chunks<3 * groups>(in + 3 * i, x);
+        for (int g = 0; g < groups; ++g) {
+            constexpr int blue = slot_of(Layout, 0), red = slot_of(Layout, 2);
+            deinterleave_slot<blue>(x + 3 * g, v[0][2 * g], v[0][2 * g + 1]);
+            deinterleave_slot<1>(x + 3 * g, v[1][2 * g], v[1][2 * g + 1]);
+            deinterleave_slot<red>(x + 3 * g, v[2][2 * g], v[2][2 * g + 1]);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Arithmetic stages.
+// ---------------------------------------------------------------------------------------------
+
+template <int Q>
+inline void input_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
+    const vi low_16 = splat_i(0xFFFF);
+    for (int c = 0; c < 3; ++c) {
+        if (!k.input_LUT_on[c]) continue;
+        for (int q = 0; q < Q; ++q) v[c][q] = and_i(lookup(v[c][q], k.input_LUT[c]), low_16);
+    }
+}
+
+template <int Q>
+inline void matrix_stage(const call_constants& k, vi (&v)[3][Q]) {
+    const vf* m = k.matrix;
+    for (int q = 0; q < Q; ++q) {
+        const vf R = to_float(v[2][q]), G = to_float(v[1][q]), B = to_float(v[0][q]);
+        const vf red = add(add(mul(m[0], R), mul(m[1], G)), mul(m[2], B));
+        const vf green = add(add(mul(m[3], R), mul(m[4], G)), mul(m[5], B));
+        const vf blue = add(add(mul(m[6], R), mul(m[7], G)), mul(m[8], B));
+        // Upper bound first: with crossed bounds the minimum wins, as in the scalar kernels.
+        v[0][q] = max_32(min_32(round_for_clamp(blue), k.maximum[0]), k.minimum[0]);
+        v[1][q] = max_32(min_32(round_for_clamp(green), k.maximum[1]), k.minimum[1]);
+        v[2][q] = max_32(min_32(round_for_clamp(red), k.maximum[2]), k.minimum[2]);
+    }
+}
+
+template <int Q>
+inline void output_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
+    for (int c = 0; c < 3; ++c) {
+        if (!k.output_LUT_on[c]) continue;
+        for (int q = 0; q < Q; ++q) v[c][q] = lookup(v[c][q], k.output_LUT[c]);
+    }
+}
+
+// Left by one count, then right (arithmetic) by the other; a channel without a shift has both 0.
+template <int Q>
+inline void shift_stage(const call_constants& k, vi (&v)[3][Q]) {
+    for (int c = 0; c < 3; ++c) {
+        for (int q = 0; q < Q; ++q) {
+            v[c][q] = shift_right_arithmetic_32(shift_left_32(v[c][q], k.left[c]), k.right[c]);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Narrowing: the low 16 or 8 bits of each value, in pixel order within the lane. InRange says the
+// values are known to lie in [0, 65535] (no output LUT, no shift), where the packs cannot clip.
+// ---------------------------------------------------------------------------------------------
+
+template <bool InRange>
+inline vi narrow_to_16(vi low, vi high) {
+    if constexpr (!InRange) {
+        low = blend16<0xAA>(low, zero_i());  // clear the upper half of every 32-bit value
+        high = blend16<0xAA>(high, zero_i());
+    }
+    return pack_32_to_16(low, high);
+}
+
+template <bool InRange>
+inline vi narrow_to_8(const vi (&q)[4]) {
+    if constexpr (InRange) {
+        const vi low_8 = splat_i(0x00FF00FF);  // the low byte of each 16-bit value
+        return pack_16_to_8(and_i(pack_32_to_16(q[0], q[1]), low_8),
+                            and_i(pack_32_to_16(q[2], q[3]), low_8));
+    } else {
+        const vi low_8 = splat_i(0xFF);
+        return pack_16_to_8(pack_32_to_16(and_i(q[0], low_8), and_i(q[1], low_8)),
+                            pack_32_to_16(and_i(q[2], low_8), and_i(q[3], low_8)));
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Store: the channels at the places of the output layout.
+// ---------------------------------------------------------------------------------------------
+
+// Three slots of narrowed pixels in order -> three chunks of interleaved elements. Pixel i of a
+// slot first moves to the position it takes in its chunk, then each chunk picks its slots.
+template <int Bits>
+inline void interleave_three(const vi (&slot)[3], vi (&chunk)[3]) {
+    constexpr auto scatter = Bits == 16 ? scatter_pixels_16 : scatter_pixels_8;
+    static constexpr lane_bytes to_place[3] = {scatter(0), scatter(1), scatter(2)};
+    const vi placed[3] = {shuffle_bytes(slot[0], lane_constant(to_place[0])),
+                          shuffle_bytes(slot[1], lane_constant(to_place[1])),
+                          shuffle_bytes(slot[2], lane_constant(to_place[2]))};
+    if constexpr (Bits == 16) {
+        chunk[0] = blend16<gather_mask_16(2, 0)>(
+            blend16<gather_mask_16(1, 0)>(placed[0], placed[1]), placed[2]);
+        chunk[1] = blend16<gather_mask_16(2, 1)>(
+            blend16<gather_mask_16(1, 1)>(placed[0], placed[1]), placed[2]);
+        chunk[2] = blend16<gather_mask_16(2, 2)>(
+            blend16<gather_mask_16(1, 2)>(placed[0], placed[1]), placed[2]);
+    } else {
+        chunk[0] = blend8<gather_mask_8(2, 0)>(blend8<gather_mask_8(1, 0)>(placed[0], placed[1]),
+                                               placed[2]);
+        chunk[1] = blend8<gather_mask_8(2, 1)>(blend8<gather_mask_8(1, 1)>(placed[0], placed[1]),
+                                               placed[2]);
+        chunk[2] = blend8<gather_mask_8(2, 2)>(blend8<gather_mask_8(1, 2)>(placed[0], placed[1]),
+                                               placed[2]);
+    }
+}
+
+template <int Width, int Layout, bool Fourth, bool InRange, int Q>
+inline void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi (&v)[3][Q], bool stream) {
+    using element = std::conditional_t<Width == 8, uint8_t, uint16_t>;
+    element* const o = static_cast<element*>(out);
+    constexpr int blue = slot_of(Layout, 0), red = slot_of(Layout, 2);
+
+    if constexpr (Layout == PLANES) {
+        for (int c = 0; c < 3; ++c) {
+            vi plane[1];
+            if constexpr (Width == 16) {
+                plane[0] = narrow_to_16<InRange>(v[c][0], v[c][1]);
+            } else {
+                plane[0] = narrow_to_8<InRange>(v[c]);
+            }
+            store_chunks<1>(o + c * n + i, plane, stream);
+        }
+        if constexpr (Fourth) {
+            const vi zero[1] = {zero_i()};
+            store_chunks<1>(o + 3 * n + i, zero, stream);
+        }
+    } else if constexpr (!Fourth) {
+        vi slot[3], chunk[3];
+        for (int c = 0; c < 3; ++c) {
+            const int s = c == 0 ? blue : c == 2 ? red : 1;
+            if constexpr (Width == 16) {
+                slot[s] = narrow_to_16<InRange>(v[c][0], v[c][1]);
+            } else {
+                slot[s] = narrow_to_8<InRange>(v[c]);
+            }
+        }
+        interleave_three<Width>(slot, chunk);
+        store_chunks<3>(o + 3 * i, chunk, stream);
+    } else if constexpr (Width == 16) {
+        // Per 32-bit value: slots 0 and 1 as one pair of halves, slot 2 and the zero as another;
+        // two of each interleaved give two pixels a chunk.
+        const vi(&first)[Q] = v[blue == 0 ? 0 : 2];
+        const vi(&third)[Q] = v[blue == 0 ? 2 : 0];
+        vi chunk[4];
+        for (int q = 0; q < 2; ++q) {
+            const vi pair = blend16<0xAA>(first[q], shift_left_32<16>(v[1][q]));  // s0 s1 | ...
+            const vi rest = blend16<0xAA>(third[q], zero_i());                     // s2 0  | ...
+            chunk[2 * q] = unpack_low_32(pair, rest);    // pixel 4q, pixel 4q+1
+            chunk[2 * q + 1] = unpack_high_32(pair, rest);  // pixel 4q+2, pixel 4q+3
+        }
+        store_chunks<4>(o + 4 * i, chunk, stream);
+    } else {
+        // One 32-bit value a pixel: slot bytes 0, 1, 2 and a zero byte 3.
+        const vi(&first)[Q] = v[blue == 0 ? 0 : 2];
+        const vi(&third)[Q] = v[blue == 0 ? 2 : 0];
+        vi chunk[4];
+        for (int q = 0; q < 4; ++q) {
+            vi pixel = blend8<0x2222>(first[q], shift_left_32<8>(v[1][q]));
+            pixel = blend8<0x4444>(pixel, shift_left_32<16>(third[q]));
+            chunk[q] = blend8<0x8888>(pixel, zero_i());
+        }
+        store_chunks<4>(o + 4 * i, chunk, stream);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// The loop of one specialisation.
+// ---------------------------------------------------------------------------------------------
+
+template <int Width, uint32_t Code>
+inline void process_block(const transform_request& r, const call_constants& k, ptrdiff_t i,
+                          bool stream) {
+    constexpr loop_settings s = loop_settings::decode(Width, Code);
+    constexpr int Q = lane_pixels<Width> / 4;
+    const ptrdiff_t n = r.pixel_count;
+    vi v[3][Q];
+    load_block<s.input_layout, Q>(r.input_buffer, i, n, v);
+    if constexpr (s.input_LUTs) input_LUT_stage(k, v);
+    matrix_stage(k, v);
+    if constexpr (s.output_LUTs) output_LUT_stage(k, v);
+    if constexpr (s.shifts) shift_stage(k, v);
+    constexpr bool in_range = !s.output_LUTs && !s.shifts;
+    store_block<Width, s.output_layout, s.fourth_channel, in_range>(r.output_buffer, i, n, v,
+                                                                    stream);
+}
+
+// The first pixel, below one block, from which every store of a block lands on a vector
+// boundary (all planes at once for planar output), or -1 if there is none.
+template <int Width>
+inline ptrdiff_t aligned_start(const transform_request& r, bool planes, int elements) {
+    const uintptr_t base = reinterpret_cast<uintptr_t>(r.output_buffer);
+    const uintptr_t bytes = Width / 8;
+    const uintptr_t plane = planes ? uintptr_t(r.pixel_count) * bytes : 0;
+    const uintptr_t pixel = planes ? bytes : bytes * uintptr_t(elements);
+    const int planes_to_check = planes ? elements : 1;
+    for (ptrdiff_t h = 0; h < block_pixels<Width>; ++h) {
+        bool aligned = true;
+        for (int c = 0; c < planes_to_check; ++c) {
+            aligned = aligned && (base + c * plane + uintptr_t(h) * pixel) % vector_bytes == 0;
+        }
+        if (aligned) return h;
+    }
+    return -1;
+}
+
+// Full blocks from the first aligned pixel on, one block at 0 before them and one ending at the
+// last pixel after them: the overlaps are written twice with the same values, and the call does
+// the whole frame. Non-temporal stores only between aligned boundaries of a large frame.
+template <int Width, uint32_t Code>
+int32_t run(const transform_request& r, const call_constants& constants, bool large) {
+    constexpr loop_settings s = loop_settings::decode(Width, Code);
+    constexpr ptrdiff_t block = block_pixels<Width>;
+    const call_constants k = constants;
+    const ptrdiff_t n = r.pixel_count;
+    const ptrdiff_t start =
+        aligned_start<Width>(r, s.output_layout == PLANES, s.fourth_channel ? 4 : 3);
+    const bool stream = large && start >= 0;
+    ptrdiff_t i = 0;
+    if (start > 0) {
+        process_block<Width, Code>(r, k, 0, false);
+        i = start;
+    }
+    for (; i + block <= n; i += block) process_block<Width, Code>(r, k, i, stream);
+    if (i < n) process_block<Width, Code>(r, k, n - block, false);
+    if (stream) store_fence();
+    return r.pixel_count;
+}
+
+using run_function = int32_t (*)(const transform_request&, const call_constants&, bool);
+
+template <int Width, uint32_t... Code>
+constexpr std::array<run_function, sizeof...(Code)> make_run_table(
+    std::integer_sequence<uint32_t, Code...>) {
+    return {&run<Width, Code>...};
+}
+
+template <int Width>
+constexpr std::array<run_function, loop_settings::count_per_width> run_table =
+    make_run_table<Width>(std::make_integer_sequence<uint32_t, loop_settings::count_per_width>());
+
+// ---------------------------------------------------------------------------------------------
+// The entry: checks that decide whether to take the frame, the call's constants, the loop.
+// ---------------------------------------------------------------------------------------------
+
+template <int Width>
+int32_t transform(const transform_request* request) {
+    const transform_request& r = *request;
+    // Shorter frames (and counts of 0 or below) are the scalar kernels' alone.
+    if (r.pixel_count < block_pixels<Width>) return 0;
+    const uint64_t n = uint64_t(r.pixel_count);
+    const uint64_t input_bytes = 6 * n;
+    const uint64_t output_bytes = n * (r.fourth_channel != 0 ? 4 : 3) * (Width / 8);
+    if (buffers_overlap(r.input_buffer, input_bytes, r.output_buffer, output_bytes)) return 0;
+
+    call_constants k;
+    const float* matrix = matrix_of(r.processor);
+    for (int i = 0; i < 9; ++i) k.matrix[i] = splat_f(matrix[i]);
+    const uint16_t minimum[3] = {r.blue_output_min, r.green_output_min, r.red_output_min};
+    const uint16_t maximum[3] = {r.blue_output_max, r.green_output_max, r.red_output_max};
+    const int32_t distance[3] = {r.blue_shift_distance, r.green_shift_distance,
+                                 r.red_shift_distance};
+    const uint32_t* const input_LUT[3] = {r.blue_input_LUT, r.green_input_LUT, r.red_input_LUT};
+    const uint32_t* const output_LUT[3] = {r.blue_output_LUT, r.green_output_LUT,
+                                           r.red_output_LUT};
+    const uint8_t input_on[3] = {r.blue_input_LUT_enabled, r.green_input_LUT_enabled,
+                                 r.red_input_LUT_enabled};
+    const uint8_t output_on[3] = {r.blue_output_LUT_enabled, r.green_output_LUT_enabled,
+                                  r.red_output_LUT_enabled};
+    loop_settings s{Width, layout_of(r.input_format), layout_of(r.output_format),
+                    r.fourth_channel != 0, false, false, false};
+    for (int c = 0; c < 3; ++c) {
+        k.minimum[c] = splat_i(minimum[c]);
+        k.maximum[c] = splat_i(maximum[c]);
+        // A positive distance shifts left, a negative one right by its negation, modulo 32.
+        const uint32_t bits = uint32_t(distance[c]);
+        k.left[c] = shift_count_of(distance[c] > 0 ? bits & 31u : 0u);
+        k.right[c] = shift_count_of(distance[c] < 0 ? (0u - bits) & 31u : 0u);
+        s.shifts = s.shifts || distance[c] != 0;
+        k.input_LUT[c] = input_LUT[c];
+        k.output_LUT[c] = output_LUT[c];
+        k.input_LUT_on[c] = input_on[c] != 0;
+        k.output_LUT_on[c] = output_on[c] != 0;
+        s.input_LUTs = s.input_LUTs || input_on[c] != 0;
+        s.output_LUTs = s.output_LUTs || output_on[c] != 0;
+    }
+    const bool large =
+        input_bytes + output_bytes > streaming_threshold_bytes.load(std::memory_order_relaxed);
+    return run_table<Width>[s.encode()](r, k, large);
+}
