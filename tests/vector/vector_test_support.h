@@ -77,6 +77,11 @@ struct frame_settings {
     int32_t shift_distance[3] = {0, 0, 0};
 };
 
+// The record of a frame; reserved bytes hold noise, as on a real stack.
+transform_request make_request(const frame_settings& settings, const uint16_t* input,
+                               int32_t pixel_count, void* output,
+                               const color_correction_head* matrix);
+
 // A frame: input elements, the settings and a guarded output buffer filled with noise, so that
 // any byte a run writes where it should not shows.
 class frame {
