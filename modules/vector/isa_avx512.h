@@ -7,27 +7,40 @@ using vf = __m512;
 using shift_count_register = __m128i;
 
 constexpr int lane_count = 4;
+// Word permutes across lanes (AVX512BW): the 16-bit interleaved layouts use them.
+constexpr bool cross_lane_word_permutes = true;
 constexpr size_t vector_bytes = 64;
 
-inline vi zero_i() { return _mm512_setzero_si512(); }
-inline vi splat_i(int32_t value) { return _mm512_set1_epi32(value); }
-inline vf splat_f(float value) { return _mm512_set1_ps(value); }
-inline vi lane_constant(const lane_bytes& bytes) {
+KV_VECTOR_INLINE vi zero_i() { return _mm512_setzero_si512(); }
+KV_VECTOR_INLINE vi splat_i(int32_t value) { return _mm512_set1_epi32(value); }
+KV_VECTOR_INLINE vf splat_f(float value) { return _mm512_set1_ps(value); }
+KV_VECTOR_INLINE vi lane_constant(const lane_bytes& bytes) {
     return _mm512_broadcast_i32x4(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes.data())));
 }
 
-// Register r receives chunk S * k + r in lane k.
+// One whole vector; a streaming store needs a vector-aligned address.
+KV_VECTOR_INLINE vi load_vector(const void* p) { return _mm512_loadu_si512(p); }
+KV_VECTOR_INLINE void store_vector(void* p, vi v, bool stream) {
+    if (stream) {
+        _mm512_stream_si512(static_cast<__m512i*>(p), v);
+    } else {
+        _mm512_storeu_si512(p, v);
+    }
+}
+
+// Register r receives chunk S * k + r in lane k. The first lane is a plain load, the others
+// come in by merging broadcast loads, which keeps the loads off the shuffle unit.
 template <int S>
-inline void load_chunks(const void* source, vi (&registers)[S]) {
+KV_VECTOR_INLINE void load_chunks(const void* source, vi (&registers)[S]) {
     const __m128i* p = static_cast<const __m128i*>(source);
     if constexpr (S == 1) {
         registers[0] = _mm512_loadu_si512(p);
     } else {
         for (int r = 0; r < S; ++r) {
             vi v = _mm512_castsi128_si512(_mm_loadu_si128(p + r));
-            v = _mm512_inserti32x4(v, _mm_loadu_si128(p + S + r), 1);
-            v = _mm512_inserti32x4(v, _mm_loadu_si128(p + 2 * S + r), 2);
-            registers[r] = _mm512_inserti32x4(v, _mm_loadu_si128(p + 3 * S + r), 3);
+            v = _mm512_mask_broadcast_i32x4(v, 0x00F0, _mm_loadu_si128(p + S + r));
+            v = _mm512_mask_broadcast_i32x4(v, 0x0F00, _mm_loadu_si128(p + 2 * S + r));
+            registers[r] = _mm512_mask_broadcast_i32x4(v, 0xF000, _mm_loadu_si128(p + 3 * S + r));
         }
     }
 }
@@ -65,7 +78,7 @@ struct contiguous_plan {
 };
 
 template <int S, int T>
-inline vi contiguous_vector(const vi (&registers)[S]) {
+KV_VECTOR_INLINE vi contiguous_vector(const vi (&registers)[S]) {
     using plan = contiguous_plan<S, T>;
     const __m512i pair = _mm512_set_epi64(
         plan::pair_index(7), plan::pair_index(6), plan::pair_index(5), plan::pair_index(4),
@@ -85,7 +98,7 @@ inline vi contiguous_vector(const vi (&registers)[S]) {
 }
 
 template <int S, int... T>
-inline void store_contiguous(__m512i* p, const vi (&registers)[S], bool stream,
+KV_VECTOR_INLINE void store_contiguous(__m512i* p, const vi (&registers)[S], bool stream,
                              std::integer_sequence<int, T...>) {
     if (stream) {
         (_mm512_stream_si512(p + T, contiguous_vector<S, T>(registers)), ...);
@@ -95,7 +108,7 @@ inline void store_contiguous(__m512i* p, const vi (&registers)[S], bool stream,
 }
 
 template <int S>
-inline void store_chunks(void* destination, const vi (&registers)[S], bool stream) {
+KV_VECTOR_INLINE void store_chunks(void* destination, const vi (&registers)[S], bool stream) {
     __m512i* p = static_cast<__m512i*>(destination);
     if constexpr (S == 1) {
         if (stream) {
@@ -108,52 +121,55 @@ inline void store_chunks(void* destination, const vi (&registers)[S], bool strea
     }
 }
 
-inline void store_fence() { _mm_sfence(); }
+KV_VECTOR_INLINE void store_fence() { _mm_sfence(); }
 
 // Integer operations, lane by lane; per-lane blend patterns become 32- and 64-bit masks.
-inline vi and_i(vi a, vi b) { return _mm512_and_si512(a, b); }
+KV_VECTOR_INLINE vi and_i(vi a, vi b) { return _mm512_and_si512(a, b); }
 template <unsigned Mask>  // 16-bit element p of each lane from b where bit p is set
-inline vi blend16(vi a, vi b) {
+KV_VECTOR_INLINE vi blend16(vi a, vi b) {
     return _mm512_mask_blend_epi16(__mmask32(Mask * 0x01010101u), a, b);
 }
 template <unsigned Mask>  // byte p of each lane from b where bit p is set
-inline vi blend8(vi a, vi b) {
+KV_VECTOR_INLINE vi blend8(vi a, vi b) {
     return _mm512_mask_blend_epi8(__mmask64(Mask * 0x0001000100010001ull), a, b);
 }
-inline vi shuffle_bytes(vi a, vi table) { return _mm512_shuffle_epi8(a, table); }
-inline vi unpack_low_16(vi a, vi b) { return _mm512_unpacklo_epi16(a, b); }
-inline vi unpack_high_16(vi a, vi b) { return _mm512_unpackhi_epi16(a, b); }
-inline vi unpack_low_32(vi a, vi b) { return _mm512_unpacklo_epi32(a, b); }
-inline vi unpack_high_32(vi a, vi b) { return _mm512_unpackhi_epi32(a, b); }
-inline vi pack_32_to_16(vi a, vi b) { return _mm512_packus_epi32(a, b); }  // saturates
-inline vi pack_16_to_8(vi a, vi b) { return _mm512_packus_epi16(a, b); }   // saturates
+KV_VECTOR_INLINE vi shuffle_bytes(vi a, vi table) { return _mm512_shuffle_epi8(a, table); }
+// Words of a and b (indices 0-31, 32-63) in any order, across lanes.
+KV_VECTOR_INLINE vi permute_words(vi a, const word_indices& index, vi b) {
+    return _mm512_permutex2var_epi16(a, _mm512_loadu_si512(index.data()), b);
+}
+// The same for the words in mask, over a (0-31) and b (32-63); the others keep a's word.
+KV_VECTOR_INLINE vi permute_words_into(vi a, uint32_t mask, const word_indices& index, vi b) {
+    return _mm512_mask_permutex2var_epi16(a, __mmask32(mask), _mm512_loadu_si512(index.data()), b);
+}
+KV_VECTOR_INLINE vi unpack_low_16(vi a, vi b) { return _mm512_unpacklo_epi16(a, b); }
+KV_VECTOR_INLINE vi unpack_high_16(vi a, vi b) { return _mm512_unpackhi_epi16(a, b); }
+KV_VECTOR_INLINE vi unpack_low_32(vi a, vi b) { return _mm512_unpacklo_epi32(a, b); }
+KV_VECTOR_INLINE vi unpack_high_32(vi a, vi b) { return _mm512_unpackhi_epi32(a, b); }
+KV_VECTOR_INLINE vi pack_32_to_16(vi a, vi b) { return _mm512_packus_epi32(a, b); }  // saturates
+KV_VECTOR_INLINE vi pack_16_to_8(vi a, vi b) { return _mm512_packus_epi16(a, b); }   // saturates
 template <int Count>
-inline vi shift_left_32(vi a) {
+KV_VECTOR_INLINE vi shift_left_32(vi a) {
     return _mm512_slli_epi32(a, Count);
 }
-inline vi min_32(vi a, vi b) { return _mm512_min_epi32(a, b); }
-inline vi max_32(vi a, vi b) { return _mm512_max_epi32(a, b); }
-inline shift_count_register shift_count_of(uint32_t count) {
+KV_VECTOR_INLINE vi min_32(vi a, vi b) { return _mm512_min_epi32(a, b); }
+KV_VECTOR_INLINE vi max_32(vi a, vi b) { return _mm512_max_epi32(a, b); }
+KV_VECTOR_INLINE shift_count_register shift_count_of(uint32_t count) {
     return _mm_cvtsi32_si128(int(count));
 }
-inline vi shift_left_32(vi a, shift_count_register count) { return _mm512_sll_epi32(a, count); }
-inline vi shift_right_arithmetic_32(vi a, shift_count_register count) {
+KV_VECTOR_INLINE vi shift_left_32(vi a, shift_count_register count) { return _mm512_sll_epi32(a, count); }
+KV_VECTOR_INLINE vi shift_right_arithmetic_32(vi a, shift_count_register count) {
     return _mm512_sra_epi32(a, count);
 }
 
 // Float operations: separate multiply and add, never fused.
-inline vf to_float(vi a) { return _mm512_cvtepi32_ps(a); }
-inline vf mul(vf a, vf b) { return _mm512_mul_ps(a, b); }
-inline vf add(vf a, vf b) { return _mm512_add_ps(a, b); }
+KV_VECTOR_INLINE vf to_float(vi a) { return _mm512_cvtepi32_ps(a); }
+KV_VECTOR_INLINE vf mul(vf a, vf b) { return _mm512_mul_ps(a, b); }
+KV_VECTOR_INLINE vf add(vf a, vf b) { return _mm512_add_ps(a, b); }
 
-// The rounded sum where it can land inside the clamp bounds, 0 where the true rounding gives 0 or
-// less (see vector_pipeline.h for why that is exact after the clamp).
-inline vi round_for_clamp(vf sum) {
-    const vf half = _mm512_set1_ps(0.5f);
-    const __mmask16 at_least_half = _mm512_cmp_ps_mask(sum, half, _CMP_GE_OQ);
-    return _mm512_maskz_cvttps_epi32(at_least_half, _mm512_add_ps(sum, half));
-}
+// Truncation towards zero; NaN and values out of the int32 range give -2^31.
+KV_VECTOR_INLINE vi truncate_to_int32(vf a) { return _mm512_cvttps_epi32(a); }
 
-inline vi lookup(vi index, const uint32_t* table) {
+KV_VECTOR_INLINE vi lookup(vi index, const uint32_t* table) {
     return _mm512_i32gather_epi32(index, table, 4);
 }

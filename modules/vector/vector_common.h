@@ -25,6 +25,14 @@
 
 #include "kernels/transform_request.h"
 
+// The layer's wrappers and the pipeline's stages must fold into one loop body per
+// specialisation; left to its own judgement the compiler calls them with the vectors in memory.
+#if defined(_MSC_VER)
+#define KV_VECTOR_INLINE __forceinline
+#else
+#define KV_VECTOR_INLINE inline __attribute__((always_inline))
+#endif
+
 namespace kv {
 namespace vector {
 
@@ -163,6 +171,56 @@ constexpr unsigned gather_mask_8(int slot, int chunk) {
     for (int p = 0; p < 16; ++p) {
         if ((16 * chunk + p) % 3 == slot) mask |= 1u << p;
     }
+    return mask;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Cross-lane word permutes (where the layer has them): 32 pixels of 16-bit elements, three
+// vectors of 32 interleaved words each. A permute takes words from two vectors, indices 0-31 from
+// the first and 32-63 from the second; a third vector is merged in under a mask.
+// ---------------------------------------------------------------------------------------------
+
+using word_indices = std::array<uint16_t, 32>;
+
+// Input: pixel i of a slot is element 3i + slot of the 96; those below 64 from the first two
+// vectors, the rest (index 32 + e - 64 over the partial result and the third vector) merged in.
+constexpr word_indices slot_words_from_first_two(int slot) {
+    word_indices w{};
+    for (int i = 0; i < 32; ++i) w[i] = uint16_t(3 * i + slot < 64 ? 3 * i + slot : 0);
+    return w;
+}
+constexpr word_indices slot_words_from_third(int slot) {
+    word_indices w{};
+    for (int i = 0; i < 32; ++i) w[i] = uint16_t(3 * i + slot >= 64 ? 3 * i + slot - 32 : 0);
+    return w;
+}
+constexpr uint32_t slot_words_third_mask(int slot) {
+    uint32_t mask = 0;
+    for (int i = 0; i < 32; ++i) mask |= (3 * i + slot >= 64 ? 1u : 0u) << i;
+    return mask;
+}
+
+// Output: word p of vector j is element 32j + p, pixel (32j + p) / 3 of slot (32j + p) % 3.
+// Slots 0 and 1 first, slot 2 (index 32 + pixel over the partial result) merged in.
+constexpr word_indices chunk_words_from_first_two(int j) {
+    word_indices w{};
+    for (int p = 0; p < 32; ++p) {
+        const int e = 32 * j + p;
+        w[p] = uint16_t(e % 3 == 0 ? e / 3 : e % 3 == 1 ? 32 + e / 3 : 0);
+    }
+    return w;
+}
+constexpr word_indices chunk_words_from_third(int j) {
+    word_indices w{};
+    for (int p = 0; p < 32; ++p) {
+        const int e = 32 * j + p;
+        w[p] = uint16_t(e % 3 == 2 ? 32 + e / 3 : 0);
+    }
+    return w;
+}
+constexpr uint32_t chunk_words_third_mask(int j) {
+    uint32_t mask = 0;
+    for (int p = 0; p < 32; ++p) mask |= ((32 * j + p) % 3 == 2 ? 1u : 0u) << p;
     return mask;
 }
 

@@ -10,19 +10,19 @@
 // two or four lanes, and only the layer's chunk loads and stores know where the lanes go.
 //
 // Exactness. Every stage is the scalar one, lane by lane: products and sums are separate
-// single-precision multiplies and adds, (R term + G term) + B term. Rounding differs in form only:
-// the scalar rule is cvttsd2si(double(sum) + 0.5) and then the clamp to [min, max] within
-// [0, 65535]. The vector form is cvttps2dq(float(sum + 0.5f)), forced to 0 where sum < 0.5 or
-// NaN. The clamped values are the same for every float sum:
-//   - sum < 0.5 (and NaN): the scalar rounding gives 0 or less (NaN gives -2^31), so the clamp
-//     yields min; the vector form gives 0, and the clamp yields min as well. This covers the one
-//     float where the float add rounds up (0.49999997 + 0.5 rounds to 1.0).
-//   - 0.5 <= sum < 2^23: sum and 0.5 are multiples of ulp(sum), so if the float add rounds at all
-//     it is into the next binade with ulp 2 * ulp(sum), and an integer k can only be reached from
-//     k - ulp(sum); that would need sum >= 2^e from below 2^e, which no such sum does. So the
-//     truncations agree: floor(sum + 0.5) on both sides.
-//   - 2^23 <= sum < 2^31: both results are at least 2^23, above every max, so both clamp to max.
-//   - sum >= 2^31 and +infinity: float(sum + 0.5) >= 2^31 as well, so both give -2^31: min.
+// single-precision multiplies and adds, (R term + G term) + B term, never fused. Rounding differs
+// in form only. The scalar rule is cvttsd2si(double(sum) + 0.5), then the clamp to [min, max]
+// within [0, 65535]. The vector form stays in single precision: cvttps2dq(sum + h) with
+// h = 0.49999997 = 0.5 - 2^-25, and it gives the same clamped value for every float sum:
+//   - 0 <= sum < 2^23, sum = k + f: if f >= 0.5, sum + h is at least k + 1 - 2^-25 and rounds to
+//     k + 1 or more (the one tie, 1 - 2^-25 for sum = 0.5, goes to the even 1.0); if f < 0.5, it
+//     lies at least ulp(sum) + 2^-25 below k + 1, more than half an ulp of the result, and stays
+//     below. Either way the truncation is floor(sum + 0.5), the scalar result. (With 0.5 itself
+//     the float just below 0.5 would round up to 1.)
+//   - 2^23 <= sum < 2^31: both results are at least 2^23, above every max.
+//   - sum >= 2^31, +infinity and NaN give -2^31 on both sides, negative sums 0 or less: all
+//     below or at every min.
+// The tests check this identity for all 2^32 floats.
 // Stores never saturate: narrowing masks the low bits before the saturating packs, or picks them
 // with blends and shuffles.
 
@@ -48,7 +48,7 @@ struct call_constants {
 
 // One slot of an interleaved group of three chunks, widened: pixels 0-3 and 4-7 of the lane.
 template <int Slot>
-inline void deinterleave_slot(const vi* chunks, vi& low, vi& high) {
+KV_VECTOR_INLINE void deinterleave_slot(const vi* chunks, vi& low, vi& high) {
     static constexpr lane_bytes first_four = widen_pixels_16(Slot, 0);
     static constexpr lane_bytes last_four = widen_pixels_16(Slot, 4);
     const vi gathered = blend16<gather_mask_16(Slot, 2)>(
@@ -57,9 +57,24 @@ inline void deinterleave_slot(const vi* chunks, vi& low, vi& high) {
     high = shuffle_bytes(gathered, lane_constant(last_four));
 }
 
+// With word permutes across lanes, 16-bit output: the slot's 32 words in pixel order from three
+// plain loads, then widened in lanes. V is vi; a template so that the permutes are looked up only
+// in layers that have them.
+template <int Slot, class V>
+KV_VECTOR_INLINE void deinterleave_slot_across_lanes(const V (&words)[3], V& low, V& high) {
+    static constexpr word_indices first_two = slot_words_from_first_two(Slot);
+    static constexpr word_indices third = slot_words_from_third(Slot);
+    const V in_order =
+        permute_words_into(permute_words(words[0], first_two, words[1]),
+                           slot_words_third_mask(Slot), third, words[2]);
+    low = unpack_low_16(in_order, zero_i());
+    high = unpack_high_16(in_order, zero_i());
+}
+
 template <int Layout, int Q>
-inline void load_block(const uint16_t* in, ptrdiff_t i, ptrdiff_t n, vi (&v)[3][Q]) {
+KV_VECTOR_INLINE void load_block(const uint16_t* in, ptrdiff_t i, ptrdiff_t n, vi (&v)[3][Q]) {
     constexpr int groups = Q / 2;  // 8-pixel groups per lane
+    constexpr int blue = slot_of(Layout, 0), red = slot_of(Layout, 2);
     if constexpr (Layout == PLANES) {
         for (int c = 0; c < 3; ++c) {
             vi x[groups];
@@ -69,11 +84,16 @@ inline void load_block(const uint16_t* in, ptrdiff_t i, ptrdiff_t n, vi (&v)[3][
                 v[c][2 * g + 1] = unpack_high_16(x[g], zero_i());
             }
         }
+    } else if constexpr (cross_lane_word_permutes && Q == 2) {
+        const uint16_t* p = in + 3 * i;
+        const vi x[3] = {load_vector(p), load_vector(p + 32), load_vector(p + 64)};
+        deinterleave_slot_across_lanes<blue>(x, v[0][0], v[0][1]);
+        deinterleave_slot_across_lanes<1>(x, v[1][0], v[1][1]);
+        deinterleave_slot_across_lanes<red>(x, v[2][0], v[2][1]);
     } else {
         vi x[3 * groups];
         load_chunks<3 * groups>(in + 3 * i, x);
         for (int g = 0; g < groups; ++g) {
-            constexpr int blue = slot_of(Layout, 0), red = slot_of(Layout, 2);
             deinterleave_slot<blue>(x + 3 * g, v[0][2 * g], v[0][2 * g + 1]);
             deinterleave_slot<1>(x + 3 * g, v[1][2 * g], v[1][2 * g + 1]);
             deinterleave_slot<red>(x + 3 * g, v[2][2 * g], v[2][2 * g + 1]);
@@ -86,7 +106,7 @@ inline void load_block(const uint16_t* in, ptrdiff_t i, ptrdiff_t n, vi (&v)[3][
 // ---------------------------------------------------------------------------------------------
 
 template <int Q>
-inline void input_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
+KV_VECTOR_INLINE void input_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
     const vi low_16 = splat_i(0xFFFF);
     for (int c = 0; c < 3; ++c) {
         if (!k.input_LUT_on[c]) continue;
@@ -94,8 +114,13 @@ inline void input_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
     }
 }
 
+// The rounded sum as the clamp sees it (see the top of this file).
+KV_VECTOR_INLINE vi round_for_clamp(vf sum) {
+    return truncate_to_int32(add(sum, splat_f(0.49999997f)));
+}
+
 template <int Q>
-inline void matrix_stage(const call_constants& k, vi (&v)[3][Q]) {
+KV_VECTOR_INLINE void matrix_stage(const call_constants& k, vi (&v)[3][Q]) {
     const vf* m = k.matrix;
     for (int q = 0; q < Q; ++q) {
         const vf R = to_float(v[2][q]), G = to_float(v[1][q]), B = to_float(v[0][q]);
@@ -110,7 +135,7 @@ inline void matrix_stage(const call_constants& k, vi (&v)[3][Q]) {
 }
 
 template <int Q>
-inline void output_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
+KV_VECTOR_INLINE void output_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
     for (int c = 0; c < 3; ++c) {
         if (!k.output_LUT_on[c]) continue;
         for (int q = 0; q < Q; ++q) v[c][q] = lookup(v[c][q], k.output_LUT[c]);
@@ -119,7 +144,7 @@ inline void output_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
 
 // Left by one count, then right (arithmetic) by the other; a channel without a shift has both 0.
 template <int Q>
-inline void shift_stage(const call_constants& k, vi (&v)[3][Q]) {
+KV_VECTOR_INLINE void shift_stage(const call_constants& k, vi (&v)[3][Q]) {
     for (int c = 0; c < 3; ++c) {
         for (int q = 0; q < Q; ++q) {
             v[c][q] = shift_right_arithmetic_32(shift_left_32(v[c][q], k.left[c]), k.right[c]);
@@ -133,7 +158,7 @@ inline void shift_stage(const call_constants& k, vi (&v)[3][Q]) {
 // ---------------------------------------------------------------------------------------------
 
 template <bool InRange>
-inline vi narrow_to_16(vi low, vi high) {
+KV_VECTOR_INLINE vi narrow_to_16(vi low, vi high) {
     if constexpr (!InRange) {
         low = blend16<0xAA>(low, zero_i());  // clear the upper half of every 32-bit value
         high = blend16<0xAA>(high, zero_i());
@@ -142,7 +167,7 @@ inline vi narrow_to_16(vi low, vi high) {
 }
 
 template <bool InRange>
-inline vi narrow_to_8(const vi (&q)[4]) {
+KV_VECTOR_INLINE vi narrow_to_8(const vi (&q)[4]) {
     if constexpr (InRange) {
         const vi low_8 = splat_i(0x00FF00FF);  // the low byte of each 16-bit value
         return pack_16_to_8(and_i(pack_32_to_16(q[0], q[1]), low_8),
@@ -161,7 +186,7 @@ inline vi narrow_to_8(const vi (&q)[4]) {
 // Three slots of narrowed pixels in order -> three chunks of interleaved elements. Pixel i of a
 // slot first moves to the position it takes in its chunk, then each chunk picks its slots.
 template <int Bits>
-inline void interleave_three(const vi (&slot)[3], vi (&chunk)[3]) {
+KV_VECTOR_INLINE void interleave_three(const vi (&slot)[3], vi (&chunk)[3]) {
     constexpr auto scatter = Bits == 16 ? scatter_pixels_16 : scatter_pixels_8;
     static constexpr lane_bytes to_place[3] = {scatter(0), scatter(1), scatter(2)};
     const vi placed[3] = {shuffle_bytes(slot[0], lane_constant(to_place[0])),
@@ -184,8 +209,23 @@ inline void interleave_three(const vi (&slot)[3], vi (&chunk)[3]) {
     }
 }
 
+// With word permutes across lanes: three slots of 32 words in pixel order -> the three vectors of
+// interleaved words, in memory order, ready for whole (and streaming) stores.
+template <class V>
+KV_VECTOR_INLINE void interleave_three_across_lanes(const V (&slot)[3], V (&out)[3]) {
+    static constexpr word_indices first_two[3] = {
+        chunk_words_from_first_two(0), chunk_words_from_first_two(1),
+        chunk_words_from_first_two(2)};
+    static constexpr word_indices third[3] = {chunk_words_from_third(0), chunk_words_from_third(1),
+                                              chunk_words_from_third(2)};
+    for (int j = 0; j < 3; ++j) {
+        out[j] = permute_words_into(permute_words(slot[0], first_two[j], slot[1]),
+                                    chunk_words_third_mask(j), third[j], slot[2]);
+    }
+}
+
 template <int Width, int Layout, bool Fourth, bool InRange, int Q>
-inline void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi (&v)[3][Q], bool stream) {
+KV_VECTOR_INLINE void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi (&v)[3][Q], bool stream) {
     using element = std::conditional_t<Width == 8, uint8_t, uint16_t>;
     element* const o = static_cast<element*>(out);
     constexpr int blue = slot_of(Layout, 0), red = slot_of(Layout, 2);
@@ -214,8 +254,13 @@ inline void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi (&v)[3][Q]
                 slot[s] = narrow_to_8<InRange>(v[c]);
             }
         }
-        interleave_three<Width>(slot, chunk);
-        store_chunks<3>(o + 3 * i, chunk, stream);
+        if constexpr (cross_lane_word_permutes && Width == 16) {
+            interleave_three_across_lanes(slot, chunk);
+            for (int j = 0; j < 3; ++j) store_vector(o + 3 * i + 32 * j, chunk[j], stream);
+        } else {
+            interleave_three<Width>(slot, chunk);
+            store_chunks<3>(o + 3 * i, chunk, stream);
+        }
     } else if constexpr (Width == 16) {
         // Per 32-bit value: slots 0 and 1 as one pair of halves, slot 2 and the zero as another;
         // two of each interleaved give two pixels a chunk.
@@ -248,7 +293,7 @@ inline void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi (&v)[3][Q]
 // ---------------------------------------------------------------------------------------------
 
 template <int Width, uint32_t Code>
-inline void process_block(const transform_request& r, const call_constants& k, ptrdiff_t i,
+KV_VECTOR_INLINE void process_block(const transform_request& r, const call_constants& k, ptrdiff_t i,
                           bool stream) {
     constexpr loop_settings s = loop_settings::decode(Width, Code);
     constexpr int Q = lane_pixels<Width> / 4;
@@ -267,7 +312,7 @@ inline void process_block(const transform_request& r, const call_constants& k, p
 // The first pixel, below one block, from which every store of a block lands on a vector
 // boundary (all planes at once for planar output), or -1 if there is none.
 template <int Width>
-inline ptrdiff_t aligned_start(const transform_request& r, bool planes, int elements) {
+KV_VECTOR_INLINE ptrdiff_t aligned_start(const transform_request& r, bool planes, int elements) {
     const uintptr_t base = reinterpret_cast<uintptr_t>(r.output_buffer);
     const uintptr_t bytes = Width / 8;
     const uintptr_t plane = planes ? uintptr_t(r.pixel_count) * bytes : 0;
@@ -283,25 +328,29 @@ inline ptrdiff_t aligned_start(const transform_request& r, bool planes, int elem
     return -1;
 }
 
-// Full blocks from the first aligned pixel on, one block at 0 before them and one ending at the
-// last pixel after them: the overlaps are written twice with the same values, and the call does
-// the whole frame. Non-temporal stores only between aligned boundaries of a large frame.
+// Blocks at 0, then from the first aligned pixel on in steps of a block, and a last one ending
+// at the last pixel: the overlaps are written twice with the same values, and the call does the
+// whole frame. Non-temporal stores only for the aligned blocks of a large frame. One call site
+// keeps one copy of the loop body.
 template <int Width, uint32_t Code>
 int32_t run(const transform_request& r, const call_constants& constants, bool large) {
     constexpr loop_settings s = loop_settings::decode(Width, Code);
     constexpr ptrdiff_t block = block_pixels<Width>;
     const call_constants k = constants;
-    const ptrdiff_t n = r.pixel_count;
-    const ptrdiff_t start =
+    const ptrdiff_t last = ptrdiff_t(r.pixel_count) - block;
+    const ptrdiff_t found =
         aligned_start<Width>(r, s.output_layout == PLANES, s.fourth_channel ? 4 : 3);
-    const bool stream = large && start >= 0;
+    const bool stream = large && found >= 0;
+    const ptrdiff_t aligned = found > 0 ? found : 0;
     ptrdiff_t i = 0;
-    if (start > 0) {
-        process_block<Width, Code>(r, k, 0, false);
-        i = start;
+    bool streaming_block = stream && aligned == 0;
+    for (;;) {
+        process_block<Width, Code>(r, k, i, streaming_block);
+        if (i == last) break;
+        i = i < aligned ? aligned : i + block;
+        streaming_block = stream && i <= last;
+        if (i > last) i = last;
     }
-    for (; i + block <= n; i += block) process_block<Width, Code>(r, k, i, stream);
-    if (i < n) process_block<Width, Code>(r, k, n - block, false);
     if (stream) store_fence();
     return r.pixel_count;
 }

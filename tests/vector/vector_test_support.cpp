@@ -349,18 +349,29 @@ frame_settings random_settings(uint32_t coordinates, std::mt19937& rng) {
 std::vector<uint16_t> random_input(int32_t pixel_count, std::mt19937& rng) {
     std::vector<uint16_t> input(3 * static_cast<size_t>(std::max(pixel_count, 0)));
     const int kind = static_cast<int>(rng() % 4);
-    const double phase = std::uniform_real_distribution<double>(0, 6.28)(rng);
+    uint64_t state = rng();
+    auto next = [&state] {  // xorshift64: cheap enough for frames of millions of pixels
+        state ^= state << 13;
+        state ^= state >> 7;
+        state ^= state << 17;
+        return state;
+    };
+    static const uint16_t extremes[] = {0, 1, 2, 255, 256, 32767, 32768, 65534, 65535};
+    // Image-like: a ramp whose slope drifts, reflected at both ends, with a little noise.
+    int64_t level = static_cast<int64_t>(rng() % 65536), slope = 40;
     for (size_t i = 0; i < input.size(); ++i) {
+        const uint64_t r = next();
         switch (kind) {
-            case 0: input[i] = static_cast<uint16_t>(rng()); break;
-            case 1:  // smooth, image-like
-                input[i] = static_cast<uint16_t>(32767.5 + 32767.0 * std::sin(phase + 0.01 * i));
+            case 0: input[i] = static_cast<uint16_t>(r); break;
+            case 1:
+                if (i % 64 == 0) slope = static_cast<int64_t>(r % 161) - 80;
+                level += slope;
+                if (level < 0 || level > 65535) slope = -slope, level += 2 * slope;
+                input[i] = static_cast<uint16_t>(std::min<int64_t>(
+                    65535, std::max<int64_t>(0, level + static_cast<int64_t>(r >> 60))));
                 break;
-            case 2: input[i] = static_cast<uint16_t>(rng() % 300); break;
-            default: {
-                static const uint16_t extremes[] = {0, 1, 2, 255, 256, 32767, 32768, 65534, 65535};
-                input[i] = extremes[rng() % (sizeof extremes / sizeof *extremes)];
-            }
+            case 2: input[i] = static_cast<uint16_t>(r % 300); break;
+            default: input[i] = extremes[r % (sizeof extremes / sizeof *extremes)];
         }
     }
     return input;
