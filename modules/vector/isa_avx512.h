@@ -152,6 +152,10 @@ template <int Count>
 KV_VECTOR_INLINE vi shift_left_32(vi a) {
     return _mm512_slli_epi32(a, Count);
 }
+template <int Count>
+KV_VECTOR_INLINE vi shift_right_32(vi a) {
+    return _mm512_srli_epi32(a, Count);
+}
 KV_VECTOR_INLINE vi min_32(vi a, vi b) { return _mm512_min_epi32(a, b); }
 KV_VECTOR_INLINE vi max_32(vi a, vi b) { return _mm512_max_epi32(a, b); }
 KV_VECTOR_INLINE shift_count_register shift_count_of(uint32_t count) {

@@ -182,31 +182,43 @@ constexpr unsigned gather_mask_8(int slot, int chunk) {
 
 using word_indices = std::array<uint16_t, 32>;
 
+// Inside the lanes the words of a slot are kept in the order 0 4 1 5 2 6 3 7 (pixels of the lane),
+// so that the low and high halves of the 32-bit values are pixels 0-3 and 4-7: widening is then
+// a mask and a shift, and narrowing a shift and a blend, none of them a shuffle.
+constexpr int pixel_at_word(int p) { return 8 * (p / 8) + (p % 8) / 2 + 4 * (p % 2); }
+constexpr int word_of_pixel(int i) { return 8 * (i / 8) + 2 * (i % 4) + (i % 8) / 4; }
+
 // Input: pixel i of a slot is element 3i + slot of the 96; those below 64 from the first two
 // vectors, the rest (index 32 + e - 64 over the partial result and the third vector) merged in.
 constexpr word_indices slot_words_from_first_two(int slot) {
     word_indices w{};
-    for (int i = 0; i < 32; ++i) w[i] = uint16_t(3 * i + slot < 64 ? 3 * i + slot : 0);
+    for (int p = 0; p < 32; ++p) {
+        const int e = 3 * pixel_at_word(p) + slot;
+        w[p] = uint16_t(e < 64 ? e : 0);
+    }
     return w;
 }
 constexpr word_indices slot_words_from_third(int slot) {
     word_indices w{};
-    for (int i = 0; i < 32; ++i) w[i] = uint16_t(3 * i + slot >= 64 ? 3 * i + slot - 32 : 0);
+    for (int p = 0; p < 32; ++p) {
+        const int e = 3 * pixel_at_word(p) + slot;
+        w[p] = uint16_t(e >= 64 ? e - 32 : 0);
+    }
     return w;
 }
 constexpr uint32_t slot_words_third_mask(int slot) {
     uint32_t mask = 0;
-    for (int i = 0; i < 32; ++i) mask |= (3 * i + slot >= 64 ? 1u : 0u) << i;
+    for (int p = 0; p < 32; ++p) mask |= (3 * pixel_at_word(p) + slot >= 64 ? 1u : 0u) << p;
     return mask;
 }
 
 // Output: word p of vector j is element 32j + p, pixel (32j + p) / 3 of slot (32j + p) % 3.
-// Slots 0 and 1 first, slot 2 (index 32 + pixel over the partial result) merged in.
+// Slots 0 and 1 first, slot 2 (index 32 + its word over the partial result) merged in.
 constexpr word_indices chunk_words_from_first_two(int j) {
     word_indices w{};
     for (int p = 0; p < 32; ++p) {
-        const int e = 32 * j + p;
-        w[p] = uint16_t(e % 3 == 0 ? e / 3 : e % 3 == 1 ? 32 + e / 3 : 0);
+        const int e = 32 * j + p, word = word_of_pixel(e / 3);
+        w[p] = uint16_t(e % 3 == 0 ? word : e % 3 == 1 ? 32 + word : 0);
     }
     return w;
 }
@@ -214,7 +226,7 @@ constexpr word_indices chunk_words_from_third(int j) {
     word_indices w{};
     for (int p = 0; p < 32; ++p) {
         const int e = 32 * j + p;
-        w[p] = uint16_t(e % 3 == 2 ? 32 + e / 3 : 0);
+        w[p] = uint16_t(e % 3 == 2 ? 32 + word_of_pixel(e / 3) : 0);
     }
     return w;
 }

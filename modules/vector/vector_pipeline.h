@@ -57,9 +57,9 @@ KV_VECTOR_INLINE void deinterleave_slot(const vi* chunks, vi& low, vi& high) {
     high = shuffle_bytes(gathered, lane_constant(last_four));
 }
 
-// With word permutes across lanes, 16-bit output: the slot's 32 words in pixel order from three
-// plain loads, then widened in lanes. V is vi; a template so that the permutes are looked up only
-// in layers that have them.
+// With word permutes across lanes, 16-bit output: the slot's 32 words from three plain loads,
+// then widened in lanes (see word_of_pixel for the order). V is vi; a template so that the
+// permutes are looked up only in layers that have them.
 template <int Slot, class V>
 KV_VECTOR_INLINE void deinterleave_slot_across_lanes(const V (&words)[3], V& low, V& high) {
     static constexpr word_indices first_two = slot_words_from_first_two(Slot);
@@ -67,8 +67,8 @@ KV_VECTOR_INLINE void deinterleave_slot_across_lanes(const V (&words)[3], V& low
     const V in_order =
         permute_words_into(permute_words(words[0], first_two, words[1]),
                            slot_words_third_mask(Slot), third, words[2]);
-    low = unpack_low_16(in_order, zero_i());
-    high = unpack_high_16(in_order, zero_i());
+    low = and_i(in_order, splat_i(0xFFFF));
+    high = shift_right_32<16>(in_order);
 }
 
 template <int Layout, int Q>
@@ -209,8 +209,8 @@ KV_VECTOR_INLINE void interleave_three(const vi (&slot)[3], vi (&chunk)[3]) {
     }
 }
 
-// With word permutes across lanes: three slots of 32 words in pixel order -> the three vectors of
-// interleaved words, in memory order, ready for whole (and streaming) stores.
+// With word permutes across lanes: three slots of 32 words (in the order of word_of_pixel) -> the
+// three vectors of interleaved words, in memory order, ready for whole (and streaming) stores.
 template <class V>
 KV_VECTOR_INLINE void interleave_three_across_lanes(const V (&slot)[3], V (&out)[3]) {
     static constexpr word_indices first_two[3] = {
@@ -248,7 +248,10 @@ KV_VECTOR_INLINE void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi 
         vi slot[3], chunk[3];
         for (int c = 0; c < 3; ++c) {
             const int s = c == 0 ? blue : c == 2 ? red : 1;
-            if constexpr (Width == 16) {
+            if constexpr (cross_lane_word_permutes && Width == 16) {
+                // Low halves of pixels 0-3 and 4-7 side by side: the order of word_of_pixel.
+                slot[s] = blend16<0xAA>(v[c][0], shift_left_32<16>(v[c][1]));
+            } else if constexpr (Width == 16) {
                 slot[s] = narrow_to_16<InRange>(v[c][0], v[c][1]);
             } else {
                 slot[s] = narrow_to_8<InRange>(v[c]);
