@@ -38,9 +38,9 @@ KV_VECTOR_INLINE void load_chunks(const void* source, vi (&registers)[S]) {
     } else {
         for (int r = 0; r < S; ++r) {
             vi v = _mm512_castsi128_si512(_mm_loadu_si128(p + r));
-            v = _mm512_mask_broadcast_i32x4(v, 0x00F0, _mm_loadu_si128(p + S + r));
-            v = _mm512_mask_broadcast_i32x4(v, 0x0F00, _mm_loadu_si128(p + 2 * S + r));
-            registers[r] = _mm512_mask_broadcast_i32x4(v, 0xF000, _mm_loadu_si128(p + 3 * S + r));
+            v = _mm512_inserti32x4(v, _mm_loadu_si128(p + S + r), 1);
+            v = _mm512_inserti32x4(v, _mm_loadu_si128(p + 2 * S + r), 2);
+            registers[r] = _mm512_inserti32x4(v, _mm_loadu_si128(p + 3 * S + r), 3);
         }
     }
 }
@@ -174,6 +174,11 @@ KV_VECTOR_INLINE vf add(vf a, vf b) { return _mm512_add_ps(a, b); }
 // Truncation towards zero; NaN and values out of the int32 range give -2^31.
 KV_VECTOR_INLINE vi truncate_to_int32(vf a) { return _mm512_cvttps_epi32(a); }
 
+// Two 256-bit gathers: on the processors measured they outrun one 512-bit gather. (AVX2 comes
+// with every AVX-512 processor and initialize checks it.)
 KV_VECTOR_INLINE vi lookup(vi index, const uint32_t* table) {
-    return _mm512_i32gather_epi32(index, table, 4);
+    const int* base = reinterpret_cast<const int*>(table);
+    const __m256i low = _mm256_i32gather_epi32(base, _mm512_castsi512_si256(index), 4);
+    const __m256i high = _mm256_i32gather_epi32(base, _mm512_extracti64x4_epi64(index, 1), 4);
+    return _mm512_inserti64x4(_mm512_castsi256_si512(low), high, 1);
 }
