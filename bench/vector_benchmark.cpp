@@ -353,14 +353,16 @@ int main(int argc, char** argv) {
     for (const workload& w : workloads) {
         for (const frame_size& size : sizes) {
             double value[6] = {0, 0, 0, 0, 0, 0};
-            bool inexact = false;
+            bool inexact = false, measured = false;
             for (const result& x : results) {
                 if (x.workload != w.key || x.size != size.label) continue;
                 for (int p = 0; p < 6; ++p) {
                     if (x.path == paths[p]) value[p] = x.mpix();
                 }
                 inexact = inexact || !x.exact;
+                measured = true;
             }
+            if (!measured) continue;
             std::printf("(%s) %-10s", w.key, size.label);
             for (double v : value) {
                 if (v > 0) {
@@ -383,7 +385,9 @@ int main(int argc, char** argv) {
             std::printf("%s\n", inexact ? "  OUTPUT DIFFERS FROM SCALAR" : "");
         }
     }
-    for (const workload& w : workloads) std::printf("(%s) %s\n", w.key, w.title);
+    for (const workload& w : workloads) {
+        if (only_workloads.find(w.key) != std::string::npos) std::printf("(%s) %s\n", w.key, w.title);
+    }
     std::printf("memcpy copies the frame's input bytes (6 per pixel).\n");
 
     bool all_exact = true;
