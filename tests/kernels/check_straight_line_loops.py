@@ -83,14 +83,34 @@ def check(instructions):
     return problems
 
 
+def self_test():
+    """The checker itself must see what it is looking for."""
+    loop = [(0x10, "mov", "(%rdi),%eax"), (0x12, "add", "$0x1,%rax"),
+            (0x16, "cmp", "%rax,%rdx"), (0x19, "jne", "10 <k+0x10>"), (0x1b, "ret", "")]
+    branchy = loop[:2] + [(0x14, "je", "16 <k+0x16>")] + loop[2:]
+    calling = loop[:2] + [(0x14, "call", "0 <memcpy>")] + loop[2:]
+    no_loop = [(0x10, "ret", "")]
+    assert check(loop) == [], check(loop)
+    assert any("conditional" in p for p in check(branchy))
+    assert any("call" in p for p in check(calling))
+    assert check(no_loop) != []
+    print("self-test passed")
+    return 0
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("archive", help="the kernel library (libkv_kernels.a)")
+    parser.add_argument("archive", nargs="?", help="the kernel library (libkv_kernels.a)")
+    parser.add_argument("--self-test", action="store_true", help="check the checker and exit")
     parser.add_argument("--sample", type=int, default=40, help="random kernels besides the extremes")
     parser.add_argument("--seed", type=int, default=None, help="seed of the random sample")
     parser.add_argument("--all", action="store_true", help="check all 62,208 kernels")
     parser.add_argument("--objdump", default="objdump")
     args = parser.parse_args()
+    if args.self_test:
+        return self_test()
+    if args.archive is None:
+        parser.error("the kernel library is required")
 
     seed = args.seed if args.seed is not None else random.randrange(1 << 30)
     rng = random.Random(seed)
