@@ -70,24 +70,37 @@ inline float random_matrix_value(std::mt19937& rng) {
     std::uniform_real_distribution<float> ordinary(-2.0f, 2.0f);
     if (pick < 70) return ordinary(rng);
     switch (pick % 10) {
-        case 0: return std::numeric_limits<float>::quiet_NaN();
-        case 1: return std::numeric_limits<float>::infinity();
-        case 2: return -std::numeric_limits<float>::infinity();
-        case 3: return 3.0e38f;
-        case 4: return -1.0e6f;
-        case 5: return 1.0e-40f;  // subnormal
-        case 6: return -0.0f;
-        case 7: return 65536.0f;
-        case 8: return 1.0f;
-        default: return 0.0f;
+        case 0:
+            return std::numeric_limits<float>::quiet_NaN();
+        case 1:
+            return std::numeric_limits<float>::infinity();
+        case 2:
+            return -std::numeric_limits<float>::infinity();
+        case 3:
+            return 3.0e38f;
+        case 4:
+            return -1.0e6f;
+        case 5:
+            return 1.0e-40f;  // subnormal
+        case 6:
+            return -0.0f;
+        case 7:
+            return 65536.0f;
+        case 8:
+            return 1.0f;
+        default:
+            return 0.0f;
     }
 }
 
 inline uint16_t random_element(std::mt19937& rng) {
     switch (rng() % 4) {
-        case 0: return static_cast<uint16_t>(rng() & 0xFF);
-        case 1: return static_cast<uint16_t>(0xFFFF - (rng() & 0xF));
-        default: return static_cast<uint16_t>(rng());
+        case 0:
+            return static_cast<uint16_t>(rng() & 0xFF);
+        case 1:
+            return static_cast<uint16_t>(0xFFFF - (rng() & 0xF));
+        default:
+            return static_cast<uint16_t>(rng());
     }
 }
 

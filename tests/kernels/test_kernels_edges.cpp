@@ -55,9 +55,9 @@ struct random_frame {
     }
 
     std::vector<uint8_t> run(int width, int32_t start_index, uint8_t fill = 0x5A) {
-        std::vector<uint8_t> out(testing::output_bytes(width, request.fourth_channel != 0,
-                                                       request.pixel_count) + 16,
-                                 fill);
+        std::vector<uint8_t> out(
+            testing::output_bytes(width, request.fourth_channel != 0, request.pixel_count) + 16,
+            fill);
         transform_request r = request;
         r.output_buffer = out.data();
         testing::dispatch(width, r, start_index);
@@ -90,8 +90,8 @@ TEST_P(SplitRuns, AnyStartIndexContinuesTheSameFrame) {
             ASSERT_EQ(tail, expected) << "width " << width << " start " << k;
             for (int64_t i = k; i < n; ++i) {
                 for (int c = 0; c < (p.fourth ? 4 : 3); ++c) {
-                    const size_t at = reference::element_place(p.output_format, c, i, n, p.fourth) *
-                                      element;
+                    const size_t at =
+                        reference::element_place(p.output_format, c, i, n, p.fourth) * element;
                     ASSERT_EQ(tail[at], whole[at]);
                 }
             }
@@ -210,14 +210,13 @@ TEST_P(PlanarInputLayouts, IdentityPassPlacesEveryElement) {
     EXPECT_EQ(model, expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Examples, PlanarInputLayouts,
-    ::testing::Values(layout_case{0, false, {1, 2, 3, 4, 5, 6}},
-                      layout_case{0, true, {1, 2, 3, 4, 5, 6, 0, 0}},
-                      layout_case{1, false, {1, 3, 5, 2, 4, 6}},
-                      layout_case{2, false, {5, 3, 1, 6, 4, 2}},
-                      layout_case{1, true, {1, 3, 5, 0, 2, 4, 6, 0}},
-                      layout_case{2, true, {5, 3, 1, 0, 6, 4, 2, 0}}));
+INSTANTIATE_TEST_SUITE_P(Examples, PlanarInputLayouts,
+                         ::testing::Values(layout_case{0, false, {1, 2, 3, 4, 5, 6}},
+                                           layout_case{0, true, {1, 2, 3, 4, 5, 6, 0, 0}},
+                                           layout_case{1, false, {1, 3, 5, 2, 4, 6}},
+                                           layout_case{2, false, {5, 3, 1, 6, 4, 2}},
+                                           layout_case{1, true, {1, 3, 5, 0, 2, 4, 6, 0}},
+                                           layout_case{2, true, {5, 3, 1, 0, 6, 4, 2, 0}}));
 
 TEST(Layouts, RGBToBGRSwapsAndChannelsKeepTheirIdentity) {
     const uint16_t input[3] = {30, 20, 10};  // red, green, blue

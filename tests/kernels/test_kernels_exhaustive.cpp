@@ -20,9 +20,9 @@ using testing::guarded_output;
 struct coordinates {
     int output_width;
     int32_t input_format;
-    bool input_LUT[3];   // blue, green, red
+    bool input_LUT[3];  // blue, green, red
     bool output_LUT[3];
-    int shift_sign[3];   // 0 none, 1 left, 2 right
+    int shift_sign[3];  // 0 none, 1 left, 2 right
     bool fourth_channel;
     int32_t output_format;
 };
@@ -54,7 +54,7 @@ std::vector<coordinates> whole_space() {
 }
 
 class ExhaustiveKernels : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         std::mt19937 rng(20261121);
         for (auto& table : tables) {
@@ -105,8 +105,7 @@ TEST_F(ExhaustiveKernels, EveryCoordinateMatchesTheReferenceModel) {
         uint8_t* out_flags[3] = {&r.blue_output_LUT_enabled, &r.green_output_LUT_enabled,
                                  &r.red_output_LUT_enabled};
         const uint32_t** in_LUTs[3] = {&r.blue_input_LUT, &r.green_input_LUT, &r.red_input_LUT};
-        const uint32_t** out_LUTs[3] = {&r.blue_output_LUT, &r.green_output_LUT,
-                                        &r.red_output_LUT};
+        const uint32_t** out_LUTs[3] = {&r.blue_output_LUT, &r.green_output_LUT, &r.red_output_LUT};
         uint16_t* minimum[3] = {&r.blue_output_min, &r.green_output_min, &r.red_output_min};
         uint16_t* maximum[3] = {&r.blue_output_max, &r.green_output_max, &r.red_output_max};
         int32_t* distance[3] = {&r.blue_shift_distance, &r.green_shift_distance,
@@ -118,7 +117,8 @@ TEST_F(ExhaustiveKernels, EveryCoordinateMatchesTheReferenceModel) {
             *in_LUTs[ch] = (c.input_LUT[ch] || rng() % 2) ? tables[ch].data() : nullptr;
             *out_LUTs[ch] = (c.output_LUT[ch] || rng() % 2) ? tables[3 + ch].data() : nullptr;
             uint16_t a = static_cast<uint16_t>(rng()), b = static_cast<uint16_t>(rng());
-            if (rng() % 3 == 0) a = static_cast<uint16_t>(a & 0xFF), b = static_cast<uint16_t>(b & 0xFFF);
+            if (rng() % 3 == 0)
+                a = static_cast<uint16_t>(a & 0xFF), b = static_cast<uint16_t>(b & 0xFFF);
             *minimum[ch] = a < b ? a : b;
             *maximum[ch] = a < b ? b : a;
             *distance[ch] = random_distance(rng, c.shift_sign[ch]);

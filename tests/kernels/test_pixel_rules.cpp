@@ -37,8 +37,8 @@ struct pixel_case {
     int output_width;
     bool fourth_channel;
     float matrix[9];
-    uint16_t element[3];      // blue, green, red
-    bool LUT_on[6];           // input b, g, r; output b, g, r
+    uint16_t element[3];  // blue, green, red
+    bool LUT_on[6];       // input b, g, r; output b, g, r
     std::vector<LUT_entry> entries;
     uint16_t minimum[3];
     uint16_t maximum[3];
@@ -49,21 +49,38 @@ struct pixel_case {
 // The row that computes red, fed by R = 1 (and G = B = 1 where a case needs them).
 pixel_case red_sum(std::string name, float m0, float m1, float m2, uint16_t lo, uint16_t hi,
                    uint32_t expected_red) {
-    return {name, 16, false, {m0, m1, m2, 0, 1, 0, 0, 0, 1}, {1, 1, 1}, {}, {},
-            {0, 0, lo}, {0xFFFF, 0xFFFF, hi}, {0, 0, 0}, {1, 1, expected_red}};
+    return {name,
+            16,
+            false,
+            {m0, m1, m2, 0, 1, 0, 0, 0, 1},
+            {1, 1, 1},
+            {},
+            {},
+            {0, 0, lo},
+            {0xFFFF, 0xFFFF, hi},
+            {0, 0, 0},
+            {1, 1, expected_red}};
 }
 
 std::vector<pixel_case> cases() {
     const float worked[9] = {1.5f, -0.25f, 0.1f, 0.25f, 0.5f, 0.25f, -2.0f, 0.0f, 1.0f};
-    const std::vector<LUT_entry> worked_tables = {
-        {0, 1000, 0x00010064}, {1, 2000, 0x000000C8}, {2, 3000, 0x0000012D},
-        {3, 0, 7},             {4, 200, 0x000000FF},  {5, 412, 0x00001234}};
+    const std::vector<LUT_entry> worked_tables = {{0, 1000, 0x00010064}, {1, 2000, 0x000000C8},
+                                                  {2, 3000, 0x0000012D}, {3, 0, 7},
+                                                  {4, 200, 0x000000FF},  {5, 412, 0x00001234}};
     std::vector<pixel_case> all;
     for (int width : {16, 8}) {
         for (bool fourth : {false, true}) {
-            pixel_case c{"worked pixel", width, fourth, {}, {1000, 2000, 3000},
-                         {true, true, true, true, true, true}, worked_tables,
-                         {0, 0, 0}, {4095, 4095, 4095}, {0, -1, 2}, {}};
+            pixel_case c{"worked pixel",
+                         width,
+                         fourth,
+                         {},
+                         {1000, 2000, 3000},
+                         {true, true, true, true, true, true},
+                         worked_tables,
+                         {0, 0, 0},
+                         {4095, 4095, 4095},
+                         {0, -1, 2},
+                         {}};
             std::memcpy(c.matrix, worked, sizeof worked);
             c.expected = width == 16 ? std::vector<uint32_t>{0x0007, 0x007F, 0x48D0}
                                      : std::vector<uint32_t>{0x07, 0x7F, 0xD0};
@@ -74,8 +91,9 @@ std::vector<pixel_case> cases() {
     }
     auto plain = [](std::string name, int width, uint16_t b, uint16_t g, uint16_t r,
                     std::vector<uint32_t> expected) {
-        pixel_case c{name, width, false, {}, {b, g, r}, {}, {}, {0, 0, 0},
-                     {0xFFFF, 0xFFFF, 0xFFFF}, {0, 0, 0}, expected};
+        pixel_case c{
+            name,      width,   false, {}, {b, g, r}, {}, {}, {0, 0, 0}, {0xFFFF, 0xFFFF, 0xFFFF},
+            {0, 0, 0}, expected};
         std::memcpy(c.matrix, identity, sizeof identity);
         return c;
     };
@@ -85,19 +103,20 @@ std::vector<pixel_case> cases() {
     all.push_back(red_sum("0.5 rounds up", 0.5f, 0, 0, 0, 0xFFFF, 1));
     all.push_back(red_sum("1.5 rounds up", 1.5f, 0, 0, 0, 0xFFFF, 2));
     all.push_back(red_sum("2.5 rounds up, not to even", 2.5f, 0, 0, 0, 0xFFFF, 3));
-    all.push_back(red_sum("largest float below 0.5 rounds to 0", bits_to_float(0x3EFFFFFF), 0, 0,
-                          0, 0xFFFF, 0));
+    all.push_back(red_sum("largest float below 0.5 rounds to 0", bits_to_float(0x3EFFFFFF), 0, 0, 0,
+                          0xFFFF, 0));
     all.push_back(red_sum("-0.4 rounds to 0", -0.4f, 0, 0, 0, 0xFFFF, 0));
     all.push_back(red_sum("-0.7 rounds to 0", -0.7f, 0, 0, 0, 0xFFFF, 0));
     all.push_back(red_sum("negative sums clamp to the minimum", -1.7f, 0, 0, 3, 0xFFFF, 3));
     all.push_back(red_sum("(R + G) + B grouping", 16777216.0f, 1.0f, -16777216.0f, 0, 0xFFFF, 0));
-    all.push_back(red_sum("largest float below 2^31 goes to the maximum", 2147483520.0f, 0, 0, 7,
-                          100, 100));
+    all.push_back(
+        red_sum("largest float below 2^31 goes to the maximum", 2147483520.0f, 0, 0, 7, 100, 100));
     all.push_back(red_sum("2^31 folds to the minimum", 2147483648.0f, 0, 0, 7, 100, 7));
     all.push_back(red_sum("infinity folds to the minimum", infinity, 0, 0, 7, 100, 7));
     all.push_back(red_sum("-infinity folds to the minimum", -infinity, 0, 0, 7, 100, 7));
     all.push_back(red_sum("NaN folds to the minimum", nan_value, 0, 0, 7, 100, 7));
-    all.push_back(red_sum("a NaN anywhere in the row poisons the sum", 0.0f, nan_value, 0, 7, 100, 7));
+    all.push_back(
+        red_sum("a NaN anywhere in the row poisons the sum", 0.0f, nan_value, 0, 7, 100, 7));
     all.push_back(red_sum("subnormal products vanish in the rounding", 1e-40f, 0, 0, 0, 0xFFFF, 0));
 
     {
@@ -132,14 +151,14 @@ std::vector<pixel_case> cases() {
         all.push_back(c);
     }
     {
-        pixel_case c = plain("an unfilled input LUT maps its channel to 0", 16, 77, 88, 99,
-                             {77, 0, 99});
+        pixel_case c =
+            plain("an unfilled input LUT maps its channel to 0", 16, 77, 88, 99, {77, 0, 99});
         c.LUT_on[1] = true;
         all.push_back(c);
     }
     {
-        pixel_case c = plain("the high half of an input LUT entry is ignored", 16, 5, 0, 0,
-                             {0x1234, 0, 0});
+        pixel_case c =
+            plain("the high half of an input LUT entry is ignored", 16, 5, 0, 0, {0x1234, 0, 0});
         c.LUT_on[0] = true;
         c.entries = {{0, 5, 0xFFFF1234}};
         all.push_back(c);
@@ -174,8 +193,8 @@ TEST_P(PixelRules, ModelAndKernelsStoreTheWorkedValues) {
     r.pixel_count = 1;
     const uint32_t** LUT[6] = {&r.blue_input_LUT,  &r.green_input_LUT,  &r.red_input_LUT,
                                &r.blue_output_LUT, &r.green_output_LUT, &r.red_output_LUT};
-    uint8_t* flag[6] = {&r.blue_input_LUT_enabled,  &r.green_input_LUT_enabled,
-                        &r.red_input_LUT_enabled,   &r.blue_output_LUT_enabled,
+    uint8_t* flag[6] = {&r.blue_input_LUT_enabled,   &r.green_input_LUT_enabled,
+                        &r.red_input_LUT_enabled,    &r.blue_output_LUT_enabled,
                         &r.green_output_LUT_enabled, &r.red_output_LUT_enabled};
     for (int t = 0; t < 6; ++t) {
         *LUT[t] = tables[t].data();

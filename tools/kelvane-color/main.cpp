@@ -65,14 +65,15 @@ int main(int argc, char** argv) {
     for (int y = 0; y < height; ++y) {
         for (int x = 0; x < width; ++x) {
             const size_t i = static_cast<size_t>(y) * width + x;
-            input[3 * i + 0] = static_cast<uint16_t>(65535u * x / width);          // blue ramp
-            input[3 * i + 1] = static_cast<uint16_t>(65535u * y / height);         // green ramp
+            input[3 * i + 0] = static_cast<uint16_t>(65535u * x / width);   // blue ramp
+            input[3 * i + 1] = static_cast<uint16_t>(65535u * y / height);  // green ramp
             input[3 * i + 2] = static_cast<uint16_t>(((x / 64 + y / 64) % 2) * 40000u + 8000u);
         }
     }
     std::vector<uint8_t> output(3 * static_cast<size_t>(n));
 
-    kv::color_correction_head matrix = {{1.2f, -0.1f, -0.1f, -0.1f, 1.2f, -0.1f, -0.1f, -0.1f, 1.2f}};
+    kv::color_correction_head matrix = {
+        {1.2f, -0.1f, -0.1f, -0.1f, 1.2f, -0.1f, -0.1f, -0.1f, 1.2f}};
     kv::transform_request r{};
     r.input_buffer = input.data();
     r.input_format = kv::FORMAT_BGR_INTERLEAVED;
