@@ -49,7 +49,8 @@ KV_JOURNAL_API void kv_journal_record(const char* module, const char* event, con
     for (size_t i = 0; i < text_count && i < KV_JOURNAL_TEXTS; ++i) {
         copy_text(entry.texts[i], KV_JOURNAL_TEXT_SIZE, texts[i]);
     }
-    entry.byte_count = byte_count < KV_JOURNAL_BYTES ? byte_count : KV_JOURNAL_BYTES;
+    entry.byte_count =
+        byte_count < size_t{KV_JOURNAL_BYTES} ? byte_count : size_t{KV_JOURNAL_BYTES};
     if (bytes != nullptr) {
         std::memcpy(entry.bytes, bytes, entry.byte_count);
     }
