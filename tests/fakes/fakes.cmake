@@ -20,7 +20,7 @@ function(kv_fake_variant target source)
   target_link_libraries(${target} PRIVATE kv_fake_journal)
   set_target_properties(${target} PROPERTIES PREFIX "" LIBRARY_OUTPUT_DIRECTORY
                                              "${KV_FAKE_VARIANT_DIR}")
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND NOT WIN32)
     # Unique symbols would pin the module in memory and hide a missing release.
     target_compile_options(${target} PRIVATE -fno-gnu-unique)
   endif()
