@@ -225,7 +225,7 @@ TEST_P(FullValidation, BuffersOneByteApartAreDifferentBuffers) {
     EXPECT_EQ(memory, std::vector<uint8_t>(64, 0));
 }
 
-INSTANTIATE_TEST_SUITE_P(AllWidths, FullValidation, ::testing::ValuesIn(all_exports),
+INSTANTIATE_TEST_SUITE_P(FullWidths, FullValidation, ::testing::ValuesIn(all_exports),
                          [](const ::testing::TestParamInfo<transform_export>& info) {
                              return std::string(name_of(info.param)).substr(19);
                          });
