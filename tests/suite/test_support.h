@@ -71,7 +71,9 @@ int output_width_of(transform_export e);  // 8 or 16
 int elements_per_pixel(transform_export e);
 const char* timer_label_of(transform_export e);
 const char* name_of(transform_export e);
-inline void PrintTo(transform_export e, std::ostream* os) { *os << name_of(e); }
+inline void PrintTo(transform_export e, std::ostream* os) {
+    *os << name_of(e);
+}
 
 // The fifteen arguments of a transform, blue, green, red in the arrays.
 struct frame_arguments {
