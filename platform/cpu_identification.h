@@ -51,7 +51,9 @@ inline uint64_t xgetbv0() {
 #endif
 }
 
-inline bool bit(uint32_t value, int position) { return ((value >> position) & 1u) != 0; }
+inline bool bit(uint32_t value, int position) {
+    return ((value >> position) & 1u) != 0;
+}
 
 }  // namespace platform
 }  // namespace kv

@@ -37,7 +37,7 @@ using kv_LUT_transform_16_fn = int32_t (*)(LUT_handle handle, const uint16_t* so
                                            uint16_t* destination, int32_t count);
 
 // Vector modules "kelvane_qor_color_processing_vector_{sse,avx2,avx512}".
-using vector_initialize_fn = int32_t (*)();  // 0 is success
+using vector_initialize_fn = int32_t (*)();                                 // 0 is success
 using vector_transform_fn = int32_t (*)(const transform_request* request);  // pixels done from 0
 using vector_terminate_fn = void (*)();
 

@@ -14,12 +14,12 @@ namespace reference {
 enum channel_index { BLUE = 0, GREEN = 1, RED = 2 };
 
 struct pipeline_settings {
-    float matrix[9];                   // by rows, red, green, blue
-    const uint32_t* input_LUT[3];      // NULL: that channel's input LUT is off
-    const uint32_t* output_LUT[3];     // NULL: off
+    float matrix[9];                // by rows, red, green, blue
+    const uint32_t* input_LUT[3];   // NULL: that channel's input LUT is off
+    const uint32_t* output_LUT[3];  // NULL: off
     uint16_t minimum[3];
     uint16_t maximum[3];
-    int32_t shift_distance[3];         // 0: no shift stage
+    int32_t shift_distance[3];  // 0: no shift stage
 };
 
 // The 32-bit values of one pixel before narrowing, blue, green, red.

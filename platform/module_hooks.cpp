@@ -1,0 +1,29 @@
+// Hooks the library's load-time start into the platform: DllMain on Windows, a constructor
+// function elsewhere. Thread notifications are of no use to the library, so Windows stops them.
+#include "platform/module_hooks.h"
+
+#if defined(_WIN32)
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#include <windows.h>
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
+    if (reason == DLL_PROCESS_ATTACH) {
+        kv::on_module_load();
+        DisableThreadLibraryCalls(instance);
+    }
+    return TRUE;
+}
+
+#else
+
+namespace {
+
+__attribute__((constructor)) void kv_module_load_hook() {
+    kv::on_module_load();
+}
+
+}  // namespace
+
+#endif

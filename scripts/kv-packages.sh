@@ -1,0 +1,24 @@
+# Sourced by the scripts in this folder: makes sure the Debian packages a build needs are there.
+# As root it installs what is missing; otherwise it names the packages and stops.
+
+kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config
+                   libgtest-dev libgmock-dev)
+
+kv_ensure_packages() {
+    local missing=() pkg
+    for pkg in "$@"; do
+        if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed"; then
+            missing+=("$pkg")
+        fi
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    if [ "$(id -u)" -ne 0 ] || ! command -v apt-get >/dev/null 2>&1; then
+        echo "error: missing Debian packages: ${missing[*]}" >&2
+        echo "       install them with: sudo apt-get install ${missing[*]}" >&2
+        exit 1
+    fi
+    echo "installing missing Debian packages: ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}

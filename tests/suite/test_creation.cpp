@@ -1,0 +1,276 @@
+// Creation and destruction of a processor: depth checks, the LUT sets, the back-ends, the order of
+// building and tearing down, and the unwinding of a creation that fails halfway.
+#include <climits>
+#include <cstring>
+#include <map>
+
+#include "kelvane_qor_color_processing_suite/color_correction.h"
+#include "kelvane_qor_color_processing_suite/module_state.h"
+#include "kelvane_qor_color_processing_suite/tier_selection.h"
+#include "tests/suite/test_support.h"
+
+namespace kv_test {
+namespace {
+
+kv::color_correction* object_of(kv_color_processor_handle h) {
+    return reinterpret_cast<kv::color_correction*>(h);
+}
+
+class FullCreation : public initialized_test {};
+
+struct depth_case {
+    int32_t input_depth;
+    int32_t output_depth;
+    const char* message;  // NULL: a processor is made
+};
+
+constexpr const char* negative = "ERROR:  A negative bit depth is invalid!";
+constexpr const char* too_large = "ERROR:  A LUT size greater than 2^16 is invalid!";
+
+const depth_case depth_cases[] = {
+    {0, 0, nullptr},          {16, 16, nullptr},      {0, 16, nullptr},   {16, 0, nullptr},
+    {8, 3, nullptr},          {-1, 0, negative},      {0, -1, negative},  {17, -1, negative},
+    {-1, 17, negative},       {INT_MIN, 0, negative}, {17, 0, too_large}, {0, 17, too_large},
+    {INT_MAX, 16, too_large}, {16, 32, too_large},
+};
+
+TEST_F(FullCreation, DepthsAreCheckedForSignBeforeSize) {
+    for (const depth_case& c : depth_cases) {
+        SCOPED_TRACE(std::to_string(c.input_depth) + ", " + std::to_string(c.output_depth));
+        kv_journal_reset();
+        kv_color_processor_handle p =
+            kv_color_create_color_processor_test(c.input_depth, c.output_depth, KV_TIER_SSE);
+        if (c.message == nullptr) {
+            ASSERT_NE(p, nullptr);
+            EXPECT_EQ(object_of(p)->output_LUT_size, 1 << c.output_depth);
+            const std::vector<event> creates = events("LUT", "kv_create_LUT_test");
+            ASSERT_EQ(creates.size(), 6u);
+            for (size_t i = 0; i < 6; ++i) {
+                EXPECT_EQ(creates[i].values[0], 1 << (i < 3 ? c.input_depth : c.output_depth));
+            }
+            EXPECT_TRUE(log_lines().empty());
+            EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+            continue;
+        }
+        EXPECT_EQ(p, nullptr);
+        const std::vector<event> lines = log_lines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].values[0], 2);
+        EXPECT_EQ(lines[0].texts[0], "kelvane_qor_color_processing.cpp");
+        EXPECT_EQ(lines[0].texts[1], "`anonymous-namespace'::create_color_processor_impl");
+        EXPECT_EQ(lines[0].texts[2], c.message);
+        EXPECT_TRUE(statement_holds(lines[0].texts[0], lines[0].values[1],
+                                    std::string(c.message).substr(8)));
+        EXPECT_TRUE(events("LUT").empty());
+        EXPECT_TRUE(events("sse").empty());
+    }
+}
+
+TEST_F(FullCreation, NewProcessorHasIdentityDisabledZeroedLUTsAndItsTier) {
+    const int32_t tiers[] = {-1, 0, 1, 2, 3, 4, 1000, INT_MIN, INT_MAX};
+    for (int32_t tier : tiers) {
+        SCOPED_TRACE(tier);
+        kv_journal_reset();
+        kv_color_processor_handle p = kv_color_create_color_processor_test(5, 7, tier);
+        ASSERT_NE(p, nullptr);
+        const kv::color_correction& o = *object_of(p);
+        EXPECT_EQ(o.tier, tier);
+        for (const event& e : events("LUT", "kv_create_LUT_test")) {
+            EXPECT_EQ(e.values[1], tier == KV_TIER_AVX2 ? 1 : 0) << "AVX2 flag";
+        }
+        const kv::color_LUT* LUTs[] = {&o.input_LUTs.blue,   &o.input_LUTs.green,
+                                       &o.input_LUTs.red,    &o.output_LUTs.blue,
+                                       &o.output_LUTs.green, &o.output_LUTs.red};
+        for (const kv::color_LUT* lut : LUTs) {
+            EXPECT_EQ(lut->enabled, 0);
+        }
+        uint32_t* (*const getters[])(kv_color_processor_handle) = {
+            kv_color_get_blue_input_LUT,   kv_color_get_green_input_LUT,
+            kv_color_get_red_input_LUT,    kv_color_get_blue_output_LUT,
+            kv_color_get_green_output_LUT, kv_color_get_red_output_LUT};
+        for (int i = 0; i < 6; ++i) {
+            const uint32_t* table = getters[i](p);
+            ASSERT_NE(table, nullptr);
+            EXPECT_EQ(table, getters[i](p)) << "the same table on every call";
+            // The fake hands tables out filled with 0xCD; creation must clear every entry.
+            for (int entry = 0; entry < (i < 3 ? 32 : 128); ++entry) {
+                ASSERT_EQ(table[entry], 0u) << "table " << i << " entry " << entry;
+            }
+        }
+        const float identity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+        EXPECT_EQ(std::memcmp(o.matrix, identity, sizeof identity), 0);
+        EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+    }
+}
+
+TEST_F(FullCreation, StagesAreBuiltInOrderAndTornDownInReverse) {
+    kv_journal_reset();
+    kv_color_processor_handle p = kv_color_create_color_processor_test(2, 3, KV_TIER_SCALAR);
+    ASSERT_NE(p, nullptr);
+    const std::vector<event> creates = events("LUT", "kv_create_LUT_test");
+    ASSERT_EQ(creates.size(), 6u);
+    const std::vector<std::string> expected_building = {
+        // All three tables of a set are made before the first is cleared.
+        "LUT.kv_create_LUT_test", "LUT.kv_create_LUT_test", "LUT.kv_create_LUT_test",
+        "LUT.kv_get_LUT_data", "LUT.kv_get_LUT_data", "LUT.kv_get_LUT_data",
+        "LUT.kv_create_LUT_test", "LUT.kv_create_LUT_test", "LUT.kv_create_LUT_test",
+        "LUT.kv_get_LUT_data", "LUT.kv_get_LUT_data", "LUT.kv_get_LUT_data",
+        // A scalar processor still loads and initialises all three back-ends.
+        "sse.load", "sse.initialize", "avx2.load", "avx2.initialize", "avx512.load",
+        "avx512.initialize"};
+    EXPECT_EQ(sequence({"LUT", "sse", "avx2", "avx512"}), expected_building);
+    const std::vector<event> clears = events("LUT", "kv_get_LUT_data");
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(clears[i].values[0], creates[i].values[2]) << "cleared in creation order";
+    }
+
+    kv_journal_reset();
+    ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+    const std::vector<std::string> expected_teardown = {
+        "avx512.terminate",   "avx512.unload",      "avx2.terminate",     "avx2.unload",
+        "sse.terminate",      "sse.unload",         "LUT.kv_destroy_LUT", "LUT.kv_destroy_LUT",
+        "LUT.kv_destroy_LUT", "LUT.kv_destroy_LUT", "LUT.kv_destroy_LUT", "LUT.kv_destroy_LUT"};
+    EXPECT_EQ(sequence({"LUT", "sse", "avx2", "avx512"}), expected_teardown);
+    const std::vector<event> destroys = events("LUT", "kv_destroy_LUT");
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(destroys[i].values[0], creates[5 - i].values[2]) << "reverse order of creation";
+    }
+    EXPECT_TRUE(log_lines().empty()) << "destruction never logs";
+}
+
+TEST_F(FullCreation, SelectedTierTracedBeforeAnyWork) {
+    kv_journal_reset();
+    kv_color_processor_handle p = kv_color_create_color_processor(1, 1);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(object_of(p)->tier, kv::select_processor_tier());
+    const std::vector<event> all = journal();
+    ASSERT_FALSE(all.empty());
+    EXPECT_EQ(all[0].name, "qor_log");
+    EXPECT_EQ(all[0].values[0], 7);
+    EXPECT_EQ(all[0].texts[0], "kelvane_qor_color_processing.cpp");
+    EXPECT_EQ(all[0].texts[1], "kv_color_create_color_processor");
+    EXPECT_EQ(all[0].texts[2], "Creating a color processor instance!");
+    EXPECT_EQ(log_lines().size(), 1u);
+    EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+}
+
+// After a failed creation every table made has been destroyed once and every back-end loaded has
+// been terminated (if initialised) and released.
+void expect_nothing_left_behind() {
+    std::map<int64_t, int> destroyed;
+    for (const event& e : events("LUT", "kv_destroy_LUT")) {
+        ++destroyed[e.values[0]];
+    }
+    const std::vector<event> creates = events("LUT", "kv_create_LUT_test");
+    EXPECT_EQ(destroyed.size(), creates.size());
+    for (const event& e : creates) {
+        EXPECT_EQ(destroyed[e.values[2]], 1) << "handle made but not destroyed exactly once";
+    }
+    for (const char* isa : {"sse", "avx2", "avx512"}) {
+        EXPECT_EQ(kv_journal_count(isa, "load"), kv_journal_count(isa, "unload")) << isa;
+        EXPECT_EQ(kv_journal_count(isa, "initialize"), kv_journal_count(isa, "terminate")) << isa;
+    }
+}
+
+TEST_F(FullCreation, ExceptionFromTheLUTModuleUnwindsTheTablesMade) {
+    const struct {
+        int64_t kind;
+        const char* message;
+    } kinds[] = {
+        {0, "Memory allocation failure when trying to create a color correction instance!"},
+        {1, "An unknown error occurred when trying to create a color correction instance!"}};
+    for (const auto& kind : kinds) {
+        for (int64_t n = 1; n <= 6; ++n) {
+            SCOPED_TRACE("create call " + std::to_string(n) + " throws, kind " +
+                         std::to_string(kind.kind));
+            kv_journal_reset();
+            kv_journal_set("LUT.throw_on_create", n);
+            kv_journal_set("LUT.throw_kind", kind.kind);
+            EXPECT_EQ(kv_color_create_color_processor_test(4, 6, KV_TIER_AVX512), nullptr);
+            EXPECT_EQ(events("LUT", "kv_create_LUT_test").size(), static_cast<size_t>(n - 1));
+            expect_nothing_left_behind();
+            EXPECT_EQ(kv_journal_count("sse", "load"), 0u) << "no back-end before the tables";
+            const std::vector<event> lines = log_lines();
+            ASSERT_EQ(lines.size(), 1u);
+            EXPECT_EQ(lines[0].values[0], 2);
+            EXPECT_EQ(lines[0].texts[1], "`anonymous-namespace'::create_color_processor_impl");
+            EXPECT_EQ(lines[0].texts[2], kind.message) << "no prefix, the text is the format";
+            // Unwinding goes red, green, blue within a set, the output set before the input set.
+            const std::vector<event> creates = events("LUT", "kv_create_LUT_test");
+            const std::vector<event> destroys = events("LUT", "kv_destroy_LUT");
+            for (size_t i = 0; i < destroys.size(); ++i) {
+                EXPECT_EQ(destroys[i].values[0], creates[creates.size() - 1 - i].values[2]);
+            }
+        }
+    }
+}
+
+TEST_F(FullCreation, OutOfMemoryAtEveryAllocationUnwindsEverything) {
+    bool unwound_a_back_end = false;
+    for (long n = 0;; ++n) {
+        ASSERT_LT(n, 64) << "creation never succeeded";
+        SCOPED_TRACE("allocation " + std::to_string(n) + " fails");
+        kv_journal_reset();
+        fail_allocation(n);
+        kv_color_processor_handle p = kv_color_create_color_processor_test(3, 3, KV_TIER_AVX2);
+        stop_failing_allocations();
+        if (p != nullptr) {
+            EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+            break;
+        }
+        expect_nothing_left_behind();
+        unwound_a_back_end = unwound_a_back_end || kv_journal_count("sse", "terminate") > 0;
+        const std::vector<event> lines = log_lines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].texts[2],
+                  "Memory allocation failure when trying to create a color correction instance!");
+    }
+    EXPECT_TRUE(unwound_a_back_end) << "no failure came after a back-end was loaded";
+}
+
+class FullBackends : public initialized_test {};
+
+TEST_F(FullBackends, RefusedInitializeMarksFailedKeepsPointersAndStillTerminates) {
+    for (int pattern = 0; pattern < 8; ++pattern) {
+        SCOPED_TRACE(pattern);
+        kv_journal_reset();
+        set_backend("sse", pattern & 1 ? 1 : 0, 0);
+        set_backend("avx2", pattern & 2 ? -7 : 0, 0);
+        set_backend("avx512", pattern & 4 ? 1 : 0, 0);
+        kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, KV_TIER_SCALAR);
+        ASSERT_NE(p, nullptr);
+        const kv::vector_backend* records[] = {
+            &object_of(p)->sse_backend, &object_of(p)->avx2_backend, &object_of(p)->avx512_backend};
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(records[i]->failed, (pattern >> i) & 1);
+            EXPECT_NE(records[i]->module, nullptr);
+            EXPECT_NE(records[i]->initialize, nullptr);
+            EXPECT_NE(records[i]->transform_8_bit_output, nullptr);
+            EXPECT_NE(records[i]->transform_16_bit_output, nullptr);
+            EXPECT_NE(records[i]->terminate, nullptr);
+        }
+        EXPECT_TRUE(log_lines().empty()) << "a failed back-end is silent";
+        ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+        for (const char* isa : {"sse", "avx2", "avx512"}) {
+            EXPECT_EQ(kv_journal_count(isa, "terminate"), 1u) << isa;
+            EXPECT_EQ(kv_journal_count(isa, "unload"), 1u) << isa;
+        }
+    }
+}
+
+TEST_F(FullBackends, EachProcessorLoadsAndInitialisesItsOwn) {
+    kv_color_processor_handle first = kv_color_create_color_processor_test(0, 0, KV_TIER_SSE);
+    kv_color_processor_handle second = kv_color_create_color_processor_test(0, 0, KV_TIER_AVX512);
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(kv_journal_count("avx512", "initialize"), 2u);
+    EXPECT_EQ(kv_journal_count("avx512", "load"), 1u) << "the second load only counts up";
+    ASSERT_EQ(kv_color_destroy_color_processor(first), KV_STATUS_SUCCESS);
+    EXPECT_EQ(kv_journal_count("avx512", "unload"), 0u) << "still held by the second processor";
+    ASSERT_EQ(kv_color_destroy_color_processor(second), KV_STATUS_SUCCESS);
+    EXPECT_EQ(kv_journal_count("avx512", "terminate"), 2u);
+    EXPECT_EQ(kv_journal_count("avx512", "unload"), 1u);
+}
+
+}  // namespace
+}  // namespace kv_test

@@ -1,0 +1,96 @@
+// What reaches the logging module: the log's ids, the timing line and its place after an error
+// line, and the adapter's own answers.
+#include <cstdlib>
+#include <cstring>
+
+#include "kelvane_qor_color_processing_suite/module_state.h"
+#include "tests/suite/test_support.h"
+
+namespace kv_test {
+namespace {
+
+class FullLogging : public initialized_test {};
+
+// "<label> takes <number with six decimals> microseconds."
+bool is_timing_text(const std::string& text, const std::string& label) {
+    const std::string head = label + " takes ";
+    const std::string tail = " microseconds.";
+    if (text.size() <= head.size() + tail.size() || text.compare(0, head.size(), head) != 0 ||
+        text.compare(text.size() - tail.size(), tail.size(), tail) != 0) {
+        return false;
+    }
+    const std::string number = text.substr(head.size(), text.size() - head.size() - tail.size());
+    const size_t point = number.find('.');
+    char* end = nullptr;
+    std::strtod(number.c_str(), &end);
+    return end == number.c_str() + number.size() && point != std::string::npos &&
+           number.size() - point - 1 == 6;
+}
+
+TEST_F(FullLogging, LogIsOpenedWithTheModuleIdAndConfigurationName) {
+    const std::vector<event> opened = events("logger", "qor_get_log");
+    ASSERT_EQ(opened.size(), 1u);
+    EXPECT_EQ(opened[0].texts[0], "KELVANE_QOR_COLOR_PROCESSING");
+    EXPECT_EQ(opened[0].texts[1], "");
+    EXPECT_EQ(opened[0].texts[2], "kelvane_qor_logger.cfg");
+    kv_journal_reset();
+    ASSERT_EQ(kv_color_processing_module_terminate(), KV_STATUS_SUCCESS);
+    const std::vector<event> freed = events("logger", "qor_free_log");
+    ASSERT_EQ(freed.size(), 1u);
+    EXPECT_EQ(freed[0].texts[0], "KELVANE_QOR_COLOR_PROCESSING");
+    EXPECT_EQ(freed[0].texts[1], "");
+    EXPECT_EQ(sequence({"logger"}),
+              (std::vector<std::string>{"logger.qor_free_log", "logger.unload"}));
+}
+
+TEST_F(FullLogging, TimingLineFollowsEveryCallThatPassedThePrologue) {
+    kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, KV_TIER_SCALAR);
+    ASSERT_NE(p, nullptr);
+    for (transform_export e : all_exports) {
+        SCOPED_TRACE(name_of(e));
+        for (bool refused : {false, true}) {
+            frame_buffers buffers(e, 3, 5);
+            frame_arguments a;
+            a.handle = p;
+            a.input = refused ? nullptr : buffers.input();
+            a.output = buffers.output();
+            a.pixel_count = 3;
+            kv_journal_reset();
+            EXPECT_EQ(run_transform(e, a), refused ? KV_STATUS_NULL_INPUT_BUFFER : 0);
+            const std::vector<event> lines = log_lines();
+            ASSERT_EQ(lines.size(), refused ? 2u : 1u);
+            const event& t = lines.back();
+            EXPECT_EQ(t.values[0], 7);
+            EXPECT_EQ(t.values[2], 1) << "the handle qor_get_log gave";
+            EXPECT_TRUE(is_timing_text(t.texts[2], timer_label_of(e))) << t.texts[2];
+            EXPECT_EQ(t.texts[1], "`anonymous-namespace'::kv_color_processor_transform_impl");
+            // The whole path, not the base name, and the line where the timer opens.
+            const std::string base = "kelvane_qor_color_processing.cpp";
+            ASSERT_GT(t.texts[0].size(), base.size());
+            EXPECT_EQ(t.texts[0].substr(t.texts[0].size() - base.size()), base);
+            EXPECT_TRUE(statement_holds(base, t.values[1], "scope_timer"));
+        }
+    }
+    EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+}
+
+TEST_F(FullLogging, AdapterFormatsAndReportsWhatTheModuleSaid) {
+    kv::logger_adapter* logger = kv::module_logger;
+    ASSERT_NE(logger, nullptr);
+    EXPECT_EQ(logger->is_available, 1);
+    kv_journal_reset();
+    EXPECT_TRUE(logger->log_message(5, "file", 12, "function", "%s", ""));
+    EXPECT_TRUE(logger->log_message(3, "f", -1, "g", "%d|%s|%5.2f", -42, "x", 1.5));
+    kv_journal_set("logger.log_result", 1);
+    EXPECT_FALSE(logger->log_message(2, "f", 1, "g", "refused"));
+    const std::vector<event> lines = log_lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].texts[2], "") << "an empty text is still a message";
+    EXPECT_EQ(lines[0].values[0], 5);
+    EXPECT_EQ(lines[0].values[1], 12);
+    EXPECT_EQ(lines[1].texts[2], "-42|x| 1.50");
+    EXPECT_EQ(lines[2].texts[2], "refused");
+}
+
+}  // namespace
+}  // namespace kv_test

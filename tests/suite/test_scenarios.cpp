@@ -1,0 +1,219 @@
+// Behaviour with missing or incomplete companion modules. Each suite runs in its own scenario
+// directory, named by its prefix (see CMakeLists.txt).
+#include "kelvane_qor_color_processing_suite/color_correction.h"
+#include "kelvane_qor_color_processing_suite/module_state.h"
+#include "platform/module_loader.h"
+#include "services/LUT_library.h"
+#include "tests/suite/test_support.h"
+
+namespace kv_test {
+namespace {
+
+kv::color_correction* object_of(kv_color_processor_handle h) {
+    return reinterpret_cast<kv::color_correction*>(h);
+}
+
+// Every tier runs the whole frame in the scalar kernels, and the result is the pipeline's.
+void expect_scalar_only_for_every_tier() {
+    for (int32_t tier : {-1, 0, 1, 2, 3, 4}) {
+        SCOPED_TRACE(tier);
+        kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, tier);
+        ASSERT_NE(p, nullptr);
+        for (const kv::vector_backend* b : {&object_of(p)->sse_backend, &object_of(p)->avx2_backend,
+                                            &object_of(p)->avx512_backend}) {
+            EXPECT_EQ(b->failed, 1);
+        }
+        for (transform_export e : all_exports) {
+            frame_buffers buffers(e, 11, 10);
+            frame_arguments a;
+            a.handle = p;
+            a.input = buffers.input();
+            a.output = buffers.output();
+            a.pixel_count = 11;
+            const std::vector<uint8_t> before = buffers.output_copy();
+            kv_journal_set("sse.count", -1);
+            kv_journal_set("avx2.count", -1);
+            kv_journal_set("avx512.count", -1);
+            ASSERT_EQ(run_transform(e, a), KV_STATUS_SUCCESS);
+            const uint8_t off[3] = {0, 0, 0};
+            EXPECT_EQ(buffers.output_copy(), expected_output(e, a, off, off, before, 0));
+        }
+        for (const char* isa : {"sse", "avx2", "avx512"}) {
+            EXPECT_EQ(kv_journal_count(isa, "transform_8"), 0u);
+            EXPECT_EQ(kv_journal_count(isa, "transform_16"), 0u);
+        }
+        ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+    }
+}
+
+class NoModules : public library_test {};
+
+TEST_F(NoModules, InitialiseReportsTheMissingLUTModuleButStandsTheMarker) {
+    EXPECT_EQ(kv_color_processing_module_initialize(), KV_STATUS_MODULE_NOT_INITIALIZED);
+    ASSERT_NE(kv::module_logger, nullptr);
+    EXPECT_EQ(kv::module_logger->module_handle, nullptr);
+    EXPECT_EQ(kv::module_logger->is_available, 0);
+    EXPECT_EQ(kv::module_reference_count, 1);
+    const kv::LUT_library_table& t = kv::LUT_library;
+    EXPECT_TRUE(!t.module && !t.initialize && !t.create && !t.get_data && !t.transform_16 &&
+                !t.destroy && !t.terminate);
+    // The marker stands, so a NULL handle is reported as such.
+    EXPECT_EQ(kv_color_clear_matrix(nullptr), KV_STATUS_NULL_HANDLE);
+    EXPECT_EQ(kv_color_get_red_output_LUT(nullptr), nullptr);
+    EXPECT_TRUE(kv::module_logger->log_message(2, "f", 1, "g", "x") == false);
+    EXPECT_EQ(kv_color_processing_module_terminate(), KV_STATUS_SUCCESS);
+    EXPECT_EQ(kv::module_logger, nullptr);
+}
+
+class NoVectorModules : public initialized_test {};
+
+TEST_F(NoVectorModules, CreationSucceedsAndEveryTierRunsScalar) {
+    expect_scalar_only_for_every_tier();
+    kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, KV_TIER_AVX512);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(object_of(p)->avx512_backend.module, nullptr);
+    EXPECT_EQ(object_of(p)->avx512_backend.terminate, nullptr);
+    EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+}
+
+class NoLogger : public initialized_test {};
+
+TEST_F(NoLogger, ExportsAnswerAsWithALogAndStaySilent) {
+    ASSERT_NE(kv::module_logger, nullptr);
+    EXPECT_EQ(kv::module_logger->is_available, 0);
+    EXPECT_EQ(kv::module_logger->module_handle, nullptr);
+    EXPECT_FALSE(kv::module_logger->log_message(2, "f", 1, "g", "%s", "x"));
+    EXPECT_EQ(kv_color_create_color_processor_test(-1, 0, 0), nullptr);
+    EXPECT_EQ(kv_color_append_matrix(nullptr, nullptr), KV_STATUS_NULL_HANDLE);
+    kv_color_processor_handle p = kv_color_create_color_processor(2, 2);
+    ASSERT_NE(p, nullptr);
+    uint16_t input[3] = {};
+    frame_arguments a;
+    a.handle = p;
+    a.input = input;
+    a.output = nullptr;
+    a.pixel_count = 1;
+    EXPECT_EQ(run_transform(transform_export::to_48, a), KV_STATUS_NULL_OUTPUT_BUFFER);
+    EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+    EXPECT_FALSE(kv::platform::module_is_loaded(kv::LOGGER_MODULE_BASE_NAME));
+}
+
+// What each incomplete logging module leaves in the adapter, and what terminate does with it.
+struct logger_variant {
+    bool log_handle;
+    bool free_log_exported;
+};
+
+void check_logger_variant(const logger_variant& v) {
+    ASSERT_EQ(kv_color_processing_module_initialize(), KV_STATUS_SUCCESS);
+    kv::logger_adapter* logger = kv::module_logger;
+    ASSERT_NE(logger, nullptr);
+    EXPECT_NE(logger->module_handle, nullptr);
+    EXPECT_EQ(logger->log_handle != nullptr, v.log_handle);
+    EXPECT_EQ(logger->log_function, nullptr);
+    EXPECT_EQ(logger->is_available, 0);
+    EXPECT_FALSE(logger->log_message(2, "f", 1, "g", "x"));
+    EXPECT_EQ(kv_color_clear_matrix(nullptr), KV_STATUS_NULL_HANDLE);
+    EXPECT_EQ(kv_journal_count("logger", "qor_log"), 0u);
+    ASSERT_EQ(kv_color_processing_module_terminate(), KV_STATUS_SUCCESS);
+    EXPECT_EQ(kv_journal_count("logger", "qor_free_log"), v.free_log_exported ? 1u : 0u);
+    EXPECT_EQ(kv_journal_count("logger", "unload"), 1u) << "released whatever was missing";
+}
+
+class LoggerNoQorLog : public library_test {};
+TEST_F(LoggerNoQorLog, SilentButTheLogIsStillFreed) {
+    check_logger_variant({true, true});
+    EXPECT_EQ(kv_journal_count("logger", "qor_get_log"), 1u);
+}
+
+class LoggerNoQorGetLog : public library_test {};
+TEST_F(LoggerNoQorGetLog, SilentButTheLogIsStillFreed) {
+    check_logger_variant({false, true});
+}
+
+class LoggerGetLogNull : public library_test {};
+TEST_F(LoggerGetLogNull, SilentButTheLogIsStillFreed) {
+    check_logger_variant({false, true});
+    EXPECT_EQ(kv_journal_count("logger", "qor_get_log"), 1u);
+}
+
+class LoggerNoQorFreeLog : public library_test {};
+TEST_F(LoggerNoQorFreeLog, LogsAndIsReleasedWithoutFreeing) {
+    ASSERT_EQ(kv_color_processing_module_initialize(), KV_STATUS_SUCCESS);
+    EXPECT_EQ(kv::module_logger->is_available, 1);
+    EXPECT_EQ(kv_color_clear_matrix(nullptr), KV_STATUS_NULL_HANDLE);
+    EXPECT_EQ(kv_journal_count("logger", "qor_log"), 1u);
+    ASSERT_EQ(kv_color_processing_module_terminate(), KV_STATUS_SUCCESS);
+    EXPECT_EQ(kv_journal_count("logger", "unload"), 1u);
+}
+
+// A LUT module lacking one entry point: the load stops at it, keeping what it found before.
+class IncompleteLUTModule : public library_test, public ::testing::WithParamInterface<int> {};
+
+TEST_P(IncompleteLUTModule, LoadStopsAtTheMissingEntryPoint) {
+    const int missing = GetParam();  // position in the lookup order
+    EXPECT_EQ(kv_color_processing_module_initialize(), KV_STATUS_MODULE_NOT_INITIALIZED);
+    const kv::LUT_library_table& t = kv::LUT_library;
+    EXPECT_NE(t.module, nullptr);
+    const void* fields[] = {
+        reinterpret_cast<const void*>(t.initialize),   reinterpret_cast<const void*>(t.create),
+        reinterpret_cast<const void*>(t.transform_16), reinterpret_cast<const void*>(t.get_data),
+        reinterpret_cast<const void*>(t.destroy),      reinterpret_cast<const void*>(t.terminate)};
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ(fields[i] != nullptr, i < missing) << "field " << i;
+    }
+    EXPECT_EQ(kv_journal_count("LUT", "kv_LUT_module_initialize"), 0u);
+    // The log works regardless.
+    EXPECT_EQ(kv_color_clear_matrix(nullptr), KV_STATUS_NULL_HANDLE);
+    EXPECT_EQ(log_lines().size(), 1u);
+    // A second try finds the same module and stops at the same place.
+    EXPECT_EQ(kv_color_processing_module_initialize(), KV_STATUS_MODULE_NOT_INITIALIZED);
+    ASSERT_EQ(kv_color_processing_module_terminate(), KV_STATUS_SUCCESS);
+    ASSERT_EQ(kv_color_processing_module_terminate(), KV_STATUS_SUCCESS);
+    EXPECT_EQ(kv_journal_count("LUT", "kv_LUT_module_terminate"), 0u);
+    EXPECT_EQ(t.module, nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(LUTNo_initialize, IncompleteLUTModule, ::testing::Values(0));
+INSTANTIATE_TEST_SUITE_P(LUTNo_create, IncompleteLUTModule, ::testing::Values(1));
+INSTANTIATE_TEST_SUITE_P(LUTNo_transform_16, IncompleteLUTModule, ::testing::Values(2));
+INSTANTIATE_TEST_SUITE_P(LUTNo_get_data, IncompleteLUTModule, ::testing::Values(3));
+INSTANTIATE_TEST_SUITE_P(LUTNo_destroy, IncompleteLUTModule, ::testing::Values(4));
+INSTANTIATE_TEST_SUITE_P(LUTNo_terminate, IncompleteLUTModule, ::testing::Values(5));
+
+// Vector modules lacking one name: failed, never initialised, released without any call.
+class IncompleteVectorModules : public initialized_test,
+                                public ::testing::WithParamInterface<int> {};
+
+TEST_P(IncompleteVectorModules, FailedNeverCalledAndReleased) {
+    const int missing = GetParam();  // position in the lookup order
+    kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, KV_TIER_SCALAR);
+    ASSERT_NE(p, nullptr);
+    for (const kv::vector_backend* b :
+         {&object_of(p)->sse_backend, &object_of(p)->avx2_backend, &object_of(p)->avx512_backend}) {
+        EXPECT_NE(b->module, nullptr);
+        EXPECT_EQ(b->failed, 1);
+        const void* fields[] = {reinterpret_cast<const void*>(b->initialize),
+                                reinterpret_cast<const void*>(b->transform_8_bit_output),
+                                reinterpret_cast<const void*>(b->transform_16_bit_output),
+                                reinterpret_cast<const void*>(b->terminate)};
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_EQ(fields[i] != nullptr, i < missing) << "field " << i;
+        }
+    }
+    ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+    for (const char* isa : {"sse", "avx2", "avx512"}) {
+        EXPECT_EQ(sequence({isa}), (std::vector<std::string>{std::string(isa) + ".load",
+                                                             std::string(isa) + ".unload"}));
+    }
+    kv_journal_reset();
+    expect_scalar_only_for_every_tier();
+}
+
+INSTANTIATE_TEST_SUITE_P(VectorNo_initialize, IncompleteVectorModules, ::testing::Values(0));
+INSTANTIATE_TEST_SUITE_P(VectorNo_transform_8, IncompleteVectorModules, ::testing::Values(1));
+INSTANTIATE_TEST_SUITE_P(VectorNo_transform_16, IncompleteVectorModules, ::testing::Values(2));
+INSTANTIATE_TEST_SUITE_P(VectorNo_terminate, IncompleteVectorModules, ::testing::Values(3));
+
+}  // namespace
+}  // namespace kv_test

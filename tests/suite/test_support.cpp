@@ -1,0 +1,225 @@
+// Helpers shared by the library's tests.
+#include "tests/suite/test_support.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <random>
+
+#include "tests/common/reference_model.h"
+
+namespace kv_test {
+
+std::vector<event> journal() {
+    std::vector<event> result;
+    kv_journal_entry entry;
+    for (size_t i = 0; kv_journal_entry_at(i, &entry); ++i) {
+        event e;
+        e.module = entry.module;
+        e.name = entry.event;
+        std::copy(entry.values, entry.values + 4, e.values);
+        for (int t = 0; t < KV_JOURNAL_TEXTS; ++t) {
+            e.texts[t] = entry.texts[t];
+        }
+        e.bytes.assign(entry.bytes, entry.bytes + entry.byte_count);
+        result.push_back(e);
+    }
+    return result;
+}
+
+std::vector<event> events(const char* module, const char* name) {
+    std::vector<event> result;
+    for (event& e : journal()) {
+        if ((module == nullptr || e.module == module) && (name == nullptr || e.name == name)) {
+            result.push_back(e);
+        }
+    }
+    return result;
+}
+
+std::vector<std::string> sequence(const std::vector<std::string>& modules) {
+    std::vector<std::string> result;
+    for (const event& e : journal()) {
+        if (std::find(modules.begin(), modules.end(), e.module) != modules.end()) {
+            result.push_back(e.module + "." + e.name);
+        }
+    }
+    return result;
+}
+
+std::vector<event> log_lines() {
+    return events("logger", "qor_log");
+}
+
+std::string library_source_line(const std::string& base_name, int64_t line) {
+    std::ifstream file(std::string(KV_SOURCE_DIR) + "/kelvane_qor_color_processing_suite/" +
+                       base_name);
+    std::string text;
+    for (int64_t i = 1; std::getline(file, text); ++i) {
+        if (i == line) {
+            return text;
+        }
+    }
+    return "<no such line>";
+}
+
+::testing::AssertionResult statement_holds(const std::string& base_name, int64_t line,
+                                           const std::string& fragment) {
+    const auto ends_statement = [](const std::string& text) {
+        return !text.empty() && (text.back() == ';' || text.back() == '{' || text.back() == '}');
+    };
+    int64_t first = line;
+    while (first > line - 4 && !ends_statement(library_source_line(base_name, first - 1))) {
+        --first;
+    }
+    std::string statement;
+    for (int64_t l = first; l < line + 4; ++l) {
+        const std::string text = library_source_line(base_name, l);
+        statement += text + "\n";
+        if (l >= line && ends_statement(text)) {
+            break;
+        }
+    }
+    if (statement.find(fragment) != std::string::npos) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure()
+           << base_name << ":" << line << " is not a statement with \"" << fragment << "\":\n"
+           << statement;
+}
+
+void set_backend(const char* isa, int32_t initialize_result, int32_t count) {
+    kv_journal_set((std::string(isa) + ".initialize_result").c_str(), initialize_result);
+    kv_journal_set((std::string(isa) + ".count").c_str(), count);
+}
+
+int output_width_of(transform_export e) {
+    return e == transform_export::to_24 || e == transform_export::to_32 ? 8 : 16;
+}
+
+int elements_per_pixel(transform_export e) {
+    return e == transform_export::to_32 || e == transform_export::to_64 ? 4 : 3;
+}
+
+const char* timer_label_of(transform_export e) {
+    switch (e) {
+        case transform_export::to_24:
+            return "color processing transform 48 to 24";
+        case transform_export::to_32:
+            return "color processing transform 48 to 32";
+        case transform_export::to_48:
+            return "color processing transform 48 to 48";
+        default:
+            return "color processing transform 48 to 64";
+    }
+}
+
+const char* name_of(transform_export e) {
+    switch (e) {
+        case transform_export::to_24:
+            return "kv_color_transform_48_to_24";
+        case transform_export::to_32:
+            return "kv_color_transform_48_to_32";
+        case transform_export::to_48:
+            return "kv_color_transform_48_to_48";
+        default:
+            return "kv_color_transform_48_to_64";
+    }
+}
+
+int32_t run_transform(transform_export e, const frame_arguments& a) {
+    switch (e) {
+        case transform_export::to_24:
+            return kv_color_transform_48_to_24(
+                a.handle, a.input, a.input_format, a.minimum[0], a.maximum[0], a.minimum[1],
+                a.maximum[1], a.minimum[2], a.maximum[2], a.shift[0], a.shift[1], a.shift[2],
+                static_cast<uint8_t*>(a.output), a.output_format, a.pixel_count);
+        case transform_export::to_32:
+            return kv_color_transform_48_to_32(
+                a.handle, a.input, a.input_format, a.minimum[0], a.maximum[0], a.minimum[1],
+                a.maximum[1], a.minimum[2], a.maximum[2], a.shift[0], a.shift[1], a.shift[2],
+                static_cast<uint8_t*>(a.output), a.output_format, a.pixel_count);
+        case transform_export::to_48:
+            return kv_color_transform_48_to_48(
+                a.handle, a.input, a.input_format, a.minimum[0], a.maximum[0], a.minimum[1],
+                a.maximum[1], a.minimum[2], a.maximum[2], a.shift[0], a.shift[1], a.shift[2],
+                static_cast<uint16_t*>(a.output), a.output_format, a.pixel_count);
+        default:
+            return kv_color_transform_48_to_64(
+                a.handle, a.input, a.input_format, a.minimum[0], a.maximum[0], a.minimum[1],
+                a.maximum[1], a.minimum[2], a.maximum[2], a.shift[0], a.shift[1], a.shift[2],
+                static_cast<uint16_t*>(a.output), a.output_format, a.pixel_count);
+    }
+}
+
+frame_buffers::frame_buffers(transform_export e, int32_t pixel_count, uint32_t seed) {
+    const size_t n = pixel_count > 0 ? static_cast<size_t>(pixel_count) : 0;
+    input_storage.assign(3 * n + guard, 0);
+    std::mt19937 random(seed);
+    for (uint16_t& value : input_storage) {
+        value = static_cast<uint16_t>(random());
+    }
+    const size_t bytes = n * static_cast<size_t>(elements_per_pixel(e)) *
+                         static_cast<size_t>(output_width_of(e) / 8);
+    output_storage.assign(bytes + 2 * guard, guard_byte);
+}
+
+std::vector<uint8_t> frame_buffers::output_copy() const {
+    return std::vector<uint8_t>(output_storage.begin() + guard, output_storage.end() - guard);
+}
+
+bool frame_buffers::guards_intact() const {
+    return std::all_of(output_storage.begin(), output_storage.begin() + guard,
+                       [](uint8_t b) { return b == guard_byte; }) &&
+           std::all_of(output_storage.end() - guard, output_storage.end(),
+                       [](uint8_t b) { return b == guard_byte; });
+}
+
+kv::transform_request reference_request(transform_export e, const frame_arguments& a,
+                                        const uint8_t input_enabled[3],
+                                        const uint8_t output_enabled[3]) {
+    kv::transform_request r;
+    std::memset(&r, 0, sizeof r);
+    r.input_buffer = a.input;
+    r.input_format = static_cast<kv::pixel_format>(a.input_format);
+    r.blue_input_LUT = kv_color_get_blue_input_LUT(a.handle);
+    r.green_input_LUT = kv_color_get_green_input_LUT(a.handle);
+    r.red_input_LUT = kv_color_get_red_input_LUT(a.handle);
+    r.blue_input_LUT_enabled = input_enabled[0];
+    r.green_input_LUT_enabled = input_enabled[1];
+    r.red_input_LUT_enabled = input_enabled[2];
+    r.processor = reinterpret_cast<const kv::color_correction*>(a.handle);
+    r.blue_output_min = a.minimum[0];
+    r.blue_output_max = a.maximum[0];
+    r.green_output_min = a.minimum[1];
+    r.green_output_max = a.maximum[1];
+    r.red_output_min = a.minimum[2];
+    r.red_output_max = a.maximum[2];
+    r.blue_output_LUT = kv_color_get_blue_output_LUT(a.handle);
+    r.green_output_LUT = kv_color_get_green_output_LUT(a.handle);
+    r.red_output_LUT = kv_color_get_red_output_LUT(a.handle);
+    r.blue_output_LUT_enabled = output_enabled[0];
+    r.green_output_LUT_enabled = output_enabled[1];
+    r.red_output_LUT_enabled = output_enabled[2];
+    r.blue_shift_distance = a.shift[0];
+    r.green_shift_distance = a.shift[1];
+    r.red_shift_distance = a.shift[2];
+    r.output_buffer = a.output;
+    r.output_format = static_cast<kv::pixel_format>(a.output_format);
+    r.fourth_channel = static_cast<uint8_t>(elements_per_pixel(e) == 4 ? 1 : 0);
+    r.pixel_count = a.pixel_count;
+    return r;
+}
+
+std::vector<uint8_t> expected_output(transform_export e, const frame_arguments& a,
+                                     const uint8_t input_enabled[3],
+                                     const uint8_t output_enabled[3],
+                                     const std::vector<uint8_t>& before, int32_t start_index) {
+    std::vector<uint8_t> result = before;
+    kv::transform_request r = reference_request(e, a, input_enabled, output_enabled);
+    r.output_buffer = result.data();
+    kv::reference::run_request(r, output_width_of(e), start_index);
+    return result;
+}
+
+}  // namespace kv_test

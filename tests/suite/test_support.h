@@ -1,0 +1,122 @@
+// Shared helpers of the library's tests: the journal of the fake modules as plain values, a
+// fixture that leaves the module down between tests, frames with guard bytes, and the four
+// transform exports behind one call.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "kelvane_qor_color_processing.h"
+#include "kernels/transform_request.h"
+#include "tests/fakes/journal.h"
+
+namespace kv_test {
+
+struct event {
+    std::string module;
+    std::string name;
+    int64_t values[4];
+    std::string texts[KV_JOURNAL_TEXTS];
+    std::vector<uint8_t> bytes;
+};
+
+std::vector<event> journal();
+// The events of one module (any module for NULL) and name (any name for NULL), in order.
+std::vector<event> events(const char* module, const char* name = nullptr);
+// "module.name" for every event of the given modules, in order.
+std::vector<std::string> sequence(const std::vector<std::string>& modules);
+// The messages that reached qor_log.
+std::vector<event> log_lines();
+
+// The source line `line` of a file of the main library, by its base name.
+std::string library_source_line(const std::string& base_name, int64_t line);
+
+// Whether the statement that `line` reports holds `fragment`. Compilers disagree on which line
+// of a statement spread over several lines __LINE__ gives, so the whole statement counts.
+::testing::AssertionResult statement_holds(const std::string& base_name, int64_t line,
+                                           const std::string& fragment);
+
+// Sets the fake vector modules' answers.
+void set_backend(const char* isa, int32_t initialize_result, int32_t count);
+
+// Allocation failure injection: the `n`-th allocation through operator new from now on (0 is the
+// next) throws std::bad_alloc, once.
+void fail_allocation(long n);
+void stop_failing_allocations();
+
+// Starts every test with the module down and an empty journal, and brings the module down again
+// after it, however the test left it.
+class library_test : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
+// The same with the module initialised, the LUT module complete.
+class initialized_test : public library_test {
+  protected:
+    void SetUp() override;
+};
+
+enum class transform_export { to_24, to_32, to_48, to_64 };
+
+constexpr transform_export all_exports[] = {transform_export::to_24, transform_export::to_32,
+                                            transform_export::to_48, transform_export::to_64};
+
+int output_width_of(transform_export e);  // 8 or 16
+int elements_per_pixel(transform_export e);
+const char* timer_label_of(transform_export e);
+const char* name_of(transform_export e);
+inline void PrintTo(transform_export e, std::ostream* os) {
+    *os << name_of(e);
+}
+
+// The fifteen arguments of a transform, blue, green, red in the arrays.
+struct frame_arguments {
+    kv_color_processor_handle handle = nullptr;
+    const uint16_t* input = nullptr;
+    int32_t input_format = KV_FORMAT_BGR_INTERLEAVED;
+    uint16_t minimum[3] = {0, 0, 0};
+    uint16_t maximum[3] = {65535, 65535, 65535};
+    int32_t shift[3] = {0, 0, 0};
+    void* output = nullptr;
+    int32_t output_format = KV_FORMAT_BGR_INTERLEAVED;
+    int32_t pixel_count = 0;
+};
+
+int32_t run_transform(transform_export e, const frame_arguments& a);
+
+// Input pixels and an output buffer for one export, each with guard bytes around it.
+struct frame_buffers {
+    static constexpr size_t guard = 64;
+    static constexpr uint8_t guard_byte = 0xEE;
+
+    frame_buffers(transform_export e, int32_t pixel_count, uint32_t seed);
+
+    uint16_t* input() { return input_storage.data() + guard / 2; }
+    void* output() { return output_storage.data() + guard; }
+    size_t output_bytes() const { return output_storage.size() - 2 * guard; }
+    std::vector<uint8_t> output_copy() const;
+    bool guards_intact() const;
+
+    std::vector<uint16_t> input_storage;
+    std::vector<uint8_t> output_storage;
+};
+
+// A record as the library fills it for `a` on `handle` with the given LUT flags, for the
+// reference model.
+kv::transform_request reference_request(transform_export e, const frame_arguments& a,
+                                        const uint8_t input_enabled[3],
+                                        const uint8_t output_enabled[3]);
+
+// What the pipeline stores for pixels start_index.. of `a`, written into a copy of `before`.
+std::vector<uint8_t> expected_output(transform_export e, const frame_arguments& a,
+                                     const uint8_t input_enabled[3],
+                                     const uint8_t output_enabled[3],
+                                     const std::vector<uint8_t>& before, int32_t start_index);
+
+}  // namespace kv_test
