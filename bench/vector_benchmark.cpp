@@ -119,7 +119,8 @@ struct frame_size {
     int width, height;
 };
 
-const frame_size sizes[] = {{"65536", 256, 256}, {"1920x1080", 1920, 1080}, {"3840x2160", 3840, 2160}};
+const frame_size sizes[] = {
+    {"65536", 256, 256}, {"1920x1080", 1920, 1080}, {"3840x2160", 3840, 2160}};
 
 // A typical camera-to-display matrix, by rows red, green, blue.
 const float color_matrix[9] = {1.62f, -0.42f, -0.20f, -0.28f, 1.51f, -0.23f, 0.02f, -0.49f, 1.47f};
@@ -258,7 +259,8 @@ int main(int argc, char** argv) {
         {"AVX-512", "avx512", kv::vector::instruction_set::avx512, nullptr, nullptr, {}}};
     for (vector_module& m : modules) {
         load(m, module_directory);
-        if (!m.unavailable.empty()) std::printf("# %s skipped: %s\n", m.label, m.unavailable.c_str());
+        if (!m.unavailable.empty())
+            std::printf("# %s skipped: %s\n", m.label, m.unavailable.c_str());
     }
 #if defined(KV_HAVE_OPENCV)
     cv::setNumThreads(1);
@@ -322,8 +324,7 @@ int main(int argc, char** argv) {
                 const auto transform = w.width == 8 ? m.transform_8 : m.transform_16;
                 std::memset(output.data, 0xEE, output_bytes);
                 const timing t = measure([&] { scalar(r, transform(&r)); }, min_time, min_runs);
-                add(m.label, t,
-                    std::memcmp(output.data, expected.data, output_bytes) == 0);
+                add(m.label, t, std::memcmp(output.data, expected.data, output_bytes) == 0);
             }
             add("memcpy",
                 measure([&] { std::memcpy(copy.data, input.data, input_bytes); }, min_time,
@@ -337,8 +338,7 @@ int main(int argc, char** argv) {
                 const float* m = color_matrix;
                 const cv::Matx33f bgr(m[8], m[7], m[6], m[5], m[4], m[3], m[2], m[1], m[0]);
                 add("OpenCV",
-                    measure([&] { cv::transform(source, destination, bgr); }, min_time,
-                            min_runs),
+                    measure([&] { cv::transform(source, destination, bgr); }, min_time, min_runs),
                     true);
             }
 #endif
@@ -386,7 +386,8 @@ int main(int argc, char** argv) {
         }
     }
     for (const workload& w : workloads) {
-        if (only_workloads.find(w.key) != std::string::npos) std::printf("(%s) %s\n", w.key, w.title);
+        if (only_workloads.find(w.key) != std::string::npos)
+            std::printf("(%s) %s\n", w.key, w.title);
     }
     std::printf("memcpy copies the frame's input bytes (6 per pixel).\n");
 
@@ -408,9 +409,8 @@ int main(int argc, char** argv) {
                  << "\", \"mpix_per_s\": " << x.mpix()
                  << ", \"best_ms\": " << x.time.best_seconds * 1e3
                  << ", \"median_ms\": " << x.time.median_seconds * 1e3
-                 << ", \"runs\": " << x.time.runs
-                 << ", \"exact\": " << (x.exact ? "true" : "false") << "}"
-                 << (i + 1 < results.size() ? "," : "") << "\n";
+                 << ", \"runs\": " << x.time.runs << ", \"exact\": " << (x.exact ? "true" : "false")
+                 << "}" << (i + 1 < results.size() ? "," : "") << "\n";
         }
         json << "  ]\n}\n";
         std::printf("JSON written to %s\n", json_path.c_str());

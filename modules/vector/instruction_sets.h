@@ -24,21 +24,20 @@ struct required_feature {
 
 // The compilers' -msse4.1 also allows SSE3 and SSSE3 (the byte shuffle), so they are required too.
 constexpr required_feature sse41_features[] = {
-    {1, EDX, 25, "SSE"},   {1, EDX, 26, "SSE2"},  {1, ECX, 0, "SSE3"},
-    {1, ECX, 9, "SSSE3"},  {1, ECX, 19, "SSE4.1"},
+    {1, EDX, 25, "SSE"},  {1, EDX, 26, "SSE2"},   {1, ECX, 0, "SSE3"},
+    {1, ECX, 9, "SSSE3"}, {1, ECX, 19, "SSE4.1"},
 };
 
 constexpr required_feature avx2_features[] = {
-    {1, EDX, 25, "SSE"},   {1, EDX, 26, "SSE2"},    {1, ECX, 0, "SSE3"},
-    {1, ECX, 9, "SSSE3"},  {1, ECX, 19, "SSE4.1"},  {1, ECX, 27, "OSXSAVE"},
-    {1, ECX, 28, "AVX"},   {7, EBX, 5, "AVX2"},
+    {1, EDX, 25, "SSE"},    {1, EDX, 26, "SSE2"},    {1, ECX, 0, "SSE3"}, {1, ECX, 9, "SSSE3"},
+    {1, ECX, 19, "SSE4.1"}, {1, ECX, 27, "OSXSAVE"}, {1, ECX, 28, "AVX"}, {7, EBX, 5, "AVX2"},
 };
 
 // -mavx512f implies AVX2, which every processor with AVX512F has; the module checks it as well.
 constexpr required_feature avx512_features[] = {
-    {1, EDX, 25, "SSE"},      {1, EDX, 26, "SSE2"},      {1, ECX, 0, "SSE3"},
-    {1, ECX, 9, "SSSE3"},     {1, ECX, 19, "SSE4.1"},    {1, ECX, 27, "OSXSAVE"},
-    {1, ECX, 28, "AVX"},      {7, EBX, 5, "AVX2"},       {7, EBX, 16, "AVX512F"},
+    {1, EDX, 25, "SSE"},      {1, EDX, 26, "SSE2"},     {1, ECX, 0, "SSE3"},
+    {1, ECX, 9, "SSSE3"},     {1, ECX, 19, "SSE4.1"},   {1, ECX, 27, "OSXSAVE"},
+    {1, ECX, 28, "AVX"},      {7, EBX, 5, "AVX2"},      {7, EBX, 16, "AVX512F"},
     {7, EBX, 17, "AVX512DQ"}, {7, EBX, 30, "AVX512BW"},
 };
 

@@ -11,15 +11,23 @@ constexpr int lane_count = 4;
 constexpr bool cross_lane_word_permutes = true;
 constexpr size_t vector_bytes = 64;
 
-KV_VECTOR_INLINE vi zero_i() { return _mm512_setzero_si512(); }
-KV_VECTOR_INLINE vi splat_i(int32_t value) { return _mm512_set1_epi32(value); }
-KV_VECTOR_INLINE vf splat_f(float value) { return _mm512_set1_ps(value); }
+KV_VECTOR_INLINE vi zero_i() {
+    return _mm512_setzero_si512();
+}
+KV_VECTOR_INLINE vi splat_i(int32_t value) {
+    return _mm512_set1_epi32(value);
+}
+KV_VECTOR_INLINE vf splat_f(float value) {
+    return _mm512_set1_ps(value);
+}
 KV_VECTOR_INLINE vi lane_constant(const lane_bytes& bytes) {
     return _mm512_broadcast_i32x4(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes.data())));
 }
 
 // One whole vector; a streaming store needs a vector-aligned address.
-KV_VECTOR_INLINE vi load_vector(const void* p) { return _mm512_loadu_si512(p); }
+KV_VECTOR_INLINE vi load_vector(const void* p) {
+    return _mm512_loadu_si512(p);
+}
 KV_VECTOR_INLINE void store_vector(void* p, vi v, bool stream) {
     if (stream) {
         _mm512_stream_si512(static_cast<__m512i*>(p), v);
@@ -85,10 +93,10 @@ KV_VECTOR_INLINE vi contiguous_vector(const vi (&registers)[S]) {
         plan::pair_index(3), plan::pair_index(2), plan::pair_index(1), plan::pair_index(0));
     vi v = _mm512_permutex2var_epi64(registers[plan::first], pair, registers[plan::second]);
     if constexpr (S > 2) {
-        const __m512i single = _mm512_set_epi64(
-            plan::single_index(7), plan::single_index(6), plan::single_index(5),
-            plan::single_index(4), plan::single_index(3), plan::single_index(2),
-            plan::single_index(1), plan::single_index(0));
+        const __m512i single =
+            _mm512_set_epi64(plan::single_index(7), plan::single_index(6), plan::single_index(5),
+                             plan::single_index(4), plan::single_index(3), plan::single_index(2),
+                             plan::single_index(1), plan::single_index(0));
         for (int r = 0; r < S; ++r) {
             const unsigned m = plan::mask_for(r);
             if (m != 0) v = _mm512_mask_permutexvar_epi64(v, __mmask8(m), single, registers[r]);
@@ -99,7 +107,7 @@ KV_VECTOR_INLINE vi contiguous_vector(const vi (&registers)[S]) {
 
 template <int S, int... T>
 KV_VECTOR_INLINE void store_contiguous(__m512i* p, const vi (&registers)[S], bool stream,
-                             std::integer_sequence<int, T...>) {
+                                       std::integer_sequence<int, T...>) {
     if (stream) {
         (_mm512_stream_si512(p + T, contiguous_vector<S, T>(registers)), ...);
     } else {
@@ -121,10 +129,14 @@ KV_VECTOR_INLINE void store_chunks(void* destination, const vi (&registers)[S], 
     }
 }
 
-KV_VECTOR_INLINE void store_fence() { _mm_sfence(); }
+KV_VECTOR_INLINE void store_fence() {
+    _mm_sfence();
+}
 
 // Integer operations, lane by lane; per-lane blend patterns become 32- and 64-bit masks.
-KV_VECTOR_INLINE vi and_i(vi a, vi b) { return _mm512_and_si512(a, b); }
+KV_VECTOR_INLINE vi and_i(vi a, vi b) {
+    return _mm512_and_si512(a, b);
+}
 template <unsigned Mask>  // 16-bit element p of each lane from b where bit p is set
 KV_VECTOR_INLINE vi blend16(vi a, vi b) {
     return _mm512_mask_blend_epi16(__mmask32(Mask * 0x01010101u), a, b);
@@ -133,7 +145,9 @@ template <unsigned Mask>  // byte p of each lane from b where bit p is set
 KV_VECTOR_INLINE vi blend8(vi a, vi b) {
     return _mm512_mask_blend_epi8(__mmask64(Mask * 0x0001000100010001ull), a, b);
 }
-KV_VECTOR_INLINE vi shuffle_bytes(vi a, vi table) { return _mm512_shuffle_epi8(a, table); }
+KV_VECTOR_INLINE vi shuffle_bytes(vi a, vi table) {
+    return _mm512_shuffle_epi8(a, table);
+}
 // Words of a and b (indices 0-31, 32-63) in any order, across lanes.
 KV_VECTOR_INLINE vi permute_words(vi a, const word_indices& index, vi b) {
     return _mm512_permutex2var_epi16(a, _mm512_loadu_si512(index.data()), b);
@@ -142,12 +156,24 @@ KV_VECTOR_INLINE vi permute_words(vi a, const word_indices& index, vi b) {
 KV_VECTOR_INLINE vi permute_words_into(vi a, uint32_t mask, const word_indices& index, vi b) {
     return _mm512_mask_permutex2var_epi16(a, __mmask32(mask), _mm512_loadu_si512(index.data()), b);
 }
-KV_VECTOR_INLINE vi unpack_low_16(vi a, vi b) { return _mm512_unpacklo_epi16(a, b); }
-KV_VECTOR_INLINE vi unpack_high_16(vi a, vi b) { return _mm512_unpackhi_epi16(a, b); }
-KV_VECTOR_INLINE vi unpack_low_32(vi a, vi b) { return _mm512_unpacklo_epi32(a, b); }
-KV_VECTOR_INLINE vi unpack_high_32(vi a, vi b) { return _mm512_unpackhi_epi32(a, b); }
-KV_VECTOR_INLINE vi pack_32_to_16(vi a, vi b) { return _mm512_packus_epi32(a, b); }  // saturates
-KV_VECTOR_INLINE vi pack_16_to_8(vi a, vi b) { return _mm512_packus_epi16(a, b); }   // saturates
+KV_VECTOR_INLINE vi unpack_low_16(vi a, vi b) {
+    return _mm512_unpacklo_epi16(a, b);
+}
+KV_VECTOR_INLINE vi unpack_high_16(vi a, vi b) {
+    return _mm512_unpackhi_epi16(a, b);
+}
+KV_VECTOR_INLINE vi unpack_low_32(vi a, vi b) {
+    return _mm512_unpacklo_epi32(a, b);
+}
+KV_VECTOR_INLINE vi unpack_high_32(vi a, vi b) {
+    return _mm512_unpackhi_epi32(a, b);
+}
+KV_VECTOR_INLINE vi pack_32_to_16(vi a, vi b) {
+    return _mm512_packus_epi32(a, b);
+}  // saturates
+KV_VECTOR_INLINE vi pack_16_to_8(vi a, vi b) {
+    return _mm512_packus_epi16(a, b);
+}  // saturates
 template <int Count>
 KV_VECTOR_INLINE vi shift_left_32(vi a) {
     return _mm512_slli_epi32(a, Count);
@@ -156,23 +182,37 @@ template <int Count>
 KV_VECTOR_INLINE vi shift_right_32(vi a) {
     return _mm512_srli_epi32(a, Count);
 }
-KV_VECTOR_INLINE vi min_32(vi a, vi b) { return _mm512_min_epi32(a, b); }
-KV_VECTOR_INLINE vi max_32(vi a, vi b) { return _mm512_max_epi32(a, b); }
+KV_VECTOR_INLINE vi min_32(vi a, vi b) {
+    return _mm512_min_epi32(a, b);
+}
+KV_VECTOR_INLINE vi max_32(vi a, vi b) {
+    return _mm512_max_epi32(a, b);
+}
 KV_VECTOR_INLINE shift_count_register shift_count_of(uint32_t count) {
     return _mm_cvtsi32_si128(int(count));
 }
-KV_VECTOR_INLINE vi shift_left_32(vi a, shift_count_register count) { return _mm512_sll_epi32(a, count); }
+KV_VECTOR_INLINE vi shift_left_32(vi a, shift_count_register count) {
+    return _mm512_sll_epi32(a, count);
+}
 KV_VECTOR_INLINE vi shift_right_arithmetic_32(vi a, shift_count_register count) {
     return _mm512_sra_epi32(a, count);
 }
 
 // Float operations: separate multiply and add, never fused.
-KV_VECTOR_INLINE vf to_float(vi a) { return _mm512_cvtepi32_ps(a); }
-KV_VECTOR_INLINE vf mul(vf a, vf b) { return _mm512_mul_ps(a, b); }
-KV_VECTOR_INLINE vf add(vf a, vf b) { return _mm512_add_ps(a, b); }
+KV_VECTOR_INLINE vf to_float(vi a) {
+    return _mm512_cvtepi32_ps(a);
+}
+KV_VECTOR_INLINE vf mul(vf a, vf b) {
+    return _mm512_mul_ps(a, b);
+}
+KV_VECTOR_INLINE vf add(vf a, vf b) {
+    return _mm512_add_ps(a, b);
+}
 
 // Truncation towards zero; NaN and values out of the int32 range give -2^31.
-KV_VECTOR_INLINE vi truncate_to_int32(vf a) { return _mm512_cvttps_epi32(a); }
+KV_VECTOR_INLINE vi truncate_to_int32(vf a) {
+    return _mm512_cvttps_epi32(a);
+}
 
 // Two 256-bit gathers: on the processors measured they outrun one 512-bit gather. (AVX2 comes
 // with every AVX-512 processor and initialize checks it.)

@@ -49,13 +49,13 @@ extern std::atomic<uint64_t> streaming_threshold_bytes;
 enum layout_kind : int { PLANES = 0, BGR = 1, RGB = 2 };
 
 struct loop_settings {
-    int output_width;    // 8 or 16
-    int input_layout;    // layout_kind
-    int output_layout;   // layout_kind
+    int output_width;   // 8 or 16
+    int input_layout;   // layout_kind
+    int output_layout;  // layout_kind
     bool fourth_channel;
-    bool input_LUTs;     // at least one input LUT on
-    bool output_LUTs;    // at least one output LUT on
-    bool shifts;         // at least one non-zero shift distance
+    bool input_LUTs;   // at least one input LUT on
+    bool output_LUTs;  // at least one output LUT on
+    bool shifts;       // at least one non-zero shift distance
 
     static constexpr uint32_t count_per_width = 3 * 3 * 2 * 2 * 2 * 2;
 
@@ -97,7 +97,9 @@ inline int layout_of(int32_t format) {
 }
 
 // The slot (0, 1, 2 within an interleaved pixel) of channel c (0 blue, 1 green, 2 red).
-constexpr int slot_of(int layout, int c) { return layout == RGB ? 2 - c : c; }
+constexpr int slot_of(int layout, int c) {
+    return layout == RGB ? 2 - c : c;
+}
 
 // True when the bytes of the two buffers share an address. Overlapping frames are left to the
 // scalar kernels, whose pixel-by-pixel order defines what such a call does.
@@ -185,8 +187,12 @@ using word_indices = std::array<uint16_t, 32>;
 // Inside the lanes the words of a slot are kept in the order 0 4 1 5 2 6 3 7 (pixels of the lane),
 // so that the low and high halves of the 32-bit values are pixels 0-3 and 4-7: widening is then
 // a mask and a shift, and narrowing a shift and a blend, none of them a shuffle.
-constexpr int pixel_at_word(int p) { return 8 * (p / 8) + (p % 8) / 2 + 4 * (p % 2); }
-constexpr int word_of_pixel(int i) { return 8 * (i / 8) + 2 * (i % 4) + (i % 8) / 4; }
+constexpr int pixel_at_word(int p) {
+    return 8 * (p / 8) + (p % 8) / 2 + 4 * (p % 2);
+}
+constexpr int word_of_pixel(int i) {
+    return 8 * (i / 8) + 2 * (i % 4) + (i % 8) / 4;
+}
 
 // Input: pixel i of a slot is element 3i + slot of the 96; those below 64 from the first two
 // vectors, the rest (index 32 + e - 64 over the partial result and the third vector) merged in.

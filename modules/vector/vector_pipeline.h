@@ -30,7 +30,7 @@ template <int Width>
 constexpr int lane_pixels = Width == 8 ? 16 : 8;
 
 template <int Width>
-constexpr ptrdiff_t block_pixels = lane_pixels<Width> * lane_count;
+constexpr ptrdiff_t block_pixels = lane_pixels<Width>* lane_count;
 
 // What a call reads from its record once, held in registers across the loop.
 struct call_constants {
@@ -64,9 +64,8 @@ template <int Slot, class V>
 KV_VECTOR_INLINE void deinterleave_slot_across_lanes(const V (&words)[3], V& low, V& high) {
     static constexpr word_indices first_two = slot_words_from_first_two(Slot);
     static constexpr word_indices third = slot_words_from_third(Slot);
-    const V in_order =
-        permute_words_into(permute_words(words[0], first_two, words[1]),
-                           slot_words_third_mask(Slot), third, words[2]);
+    const V in_order = permute_words_into(permute_words(words[0], first_two, words[1]),
+                                          slot_words_third_mask(Slot), third, words[2]);
     low = and_i(in_order, splat_i(0xFFFF));
     high = shift_right_32<16>(in_order);
 }
@@ -213,9 +212,9 @@ KV_VECTOR_INLINE void interleave_three(const vi (&slot)[3], vi (&chunk)[3]) {
 // three vectors of interleaved words, in memory order, ready for whole (and streaming) stores.
 template <class V>
 KV_VECTOR_INLINE void interleave_three_across_lanes(const V (&slot)[3], V (&out)[3]) {
-    static constexpr word_indices first_two[3] = {
-        chunk_words_from_first_two(0), chunk_words_from_first_two(1),
-        chunk_words_from_first_two(2)};
+    static constexpr word_indices first_two[3] = {chunk_words_from_first_two(0),
+                                                  chunk_words_from_first_two(1),
+                                                  chunk_words_from_first_two(2)};
     static constexpr word_indices third[3] = {chunk_words_from_third(0), chunk_words_from_third(1),
                                               chunk_words_from_third(2)};
     for (int j = 0; j < 3; ++j) {
@@ -225,7 +224,8 @@ KV_VECTOR_INLINE void interleave_three_across_lanes(const V (&slot)[3], V (&out)
 }
 
 template <int Width, int Layout, bool Fourth, bool InRange, int Q>
-KV_VECTOR_INLINE void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi (&v)[3][Q], bool stream) {
+KV_VECTOR_INLINE void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi (&v)[3][Q],
+                                  bool stream) {
     using element = std::conditional_t<Width == 8, uint8_t, uint16_t>;
     element* const o = static_cast<element*>(out);
     constexpr int blue = slot_of(Layout, 0), red = slot_of(Layout, 2);
@@ -272,8 +272,8 @@ KV_VECTOR_INLINE void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi 
         vi chunk[4];
         for (int q = 0; q < 2; ++q) {
             const vi pair = blend16<0xAA>(first[q], shift_left_32<16>(v[1][q]));  // s0 s1 | ...
-            const vi rest = blend16<0xAA>(third[q], zero_i());                     // s2 0  | ...
-            chunk[2 * q] = unpack_low_32(pair, rest);    // pixel 4q, pixel 4q+1
+            const vi rest = blend16<0xAA>(third[q], zero_i());                    // s2 0  | ...
+            chunk[2 * q] = unpack_low_32(pair, rest);       // pixel 4q, pixel 4q+1
             chunk[2 * q + 1] = unpack_high_32(pair, rest);  // pixel 4q+2, pixel 4q+3
         }
         store_chunks<4>(o + 4 * i, chunk, stream);
@@ -296,8 +296,8 @@ KV_VECTOR_INLINE void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi 
 // ---------------------------------------------------------------------------------------------
 
 template <int Width, uint32_t Code>
-KV_VECTOR_INLINE void process_block(const transform_request& r, const call_constants& k, ptrdiff_t i,
-                          bool stream) {
+KV_VECTOR_INLINE void process_block(const transform_request& r, const call_constants& k,
+                                    ptrdiff_t i, bool stream) {
     constexpr loop_settings s = loop_settings::decode(Width, Code);
     constexpr int Q = lane_pixels<Width> / 4;
     const ptrdiff_t n = r.pixel_count;
@@ -392,14 +392,18 @@ int32_t transform(const transform_request* request) {
     const int32_t distance[3] = {r.blue_shift_distance, r.green_shift_distance,
                                  r.red_shift_distance};
     const uint32_t* const input_LUT[3] = {r.blue_input_LUT, r.green_input_LUT, r.red_input_LUT};
-    const uint32_t* const output_LUT[3] = {r.blue_output_LUT, r.green_output_LUT,
-                                           r.red_output_LUT};
+    const uint32_t* const output_LUT[3] = {r.blue_output_LUT, r.green_output_LUT, r.red_output_LUT};
     const uint8_t input_on[3] = {r.blue_input_LUT_enabled, r.green_input_LUT_enabled,
                                  r.red_input_LUT_enabled};
     const uint8_t output_on[3] = {r.blue_output_LUT_enabled, r.green_output_LUT_enabled,
                                   r.red_output_LUT_enabled};
-    loop_settings s{Width, layout_of(r.input_format), layout_of(r.output_format),
-                    r.fourth_channel != 0, false, false, false};
+    loop_settings s{Width,
+                    layout_of(r.input_format),
+                    layout_of(r.output_format),
+                    r.fourth_channel != 0,
+                    false,
+                    false,
+                    false};
     for (int c = 0; c < 3; ++c) {
         k.minimum[c] = splat_i(minimum[c]);
         k.maximum[c] = splat_i(maximum[c]);

@@ -27,8 +27,8 @@ std::string describe(const frame& f, uint32_t coordinates, uint32_t seed) {
     for (float m : s.matrix) text << ' ' << m;
     for (int c = 0; c < 3; ++c) {
         text << " | channel " << c << ": in LUT " << (s.input_LUT[c] != nullptr) << ", out LUT "
-             << (s.output_LUT[c] != nullptr) << ", bounds " << s.minimum[c] << ".."
-             << s.maximum[c] << ", shift " << s.shift_distance[c];
+             << (s.output_LUT[c] != nullptr) << ", bounds " << s.minimum[c] << ".." << s.maximum[c]
+             << ", shift " << s.shift_distance[c];
     }
     return text.str();
 }
@@ -43,7 +43,8 @@ bool check_frame(const vector_module& m, const frame& f, uint32_t coordinates, u
     const std::vector<uint8_t> scalar = f.run_scalar();
     bool good = !::testing::Test::HasFailure();
     if (scalar != reference) {
-        ADD_FAILURE() << "scalar kernels and reference disagree: " << describe(f, coordinates, seed);
+        ADD_FAILURE() << "scalar kernels and reference disagree: "
+                      << describe(f, coordinates, seed);
         good = false;
     }
     if (routed != reference) {
@@ -119,9 +120,18 @@ TEST_P(ShortFrames, EveryLengthUpToThreeBlocksPlusOne) {
         for (int32_t in_format : {0, 1, 2}) {
             for (int32_t out_format : {0, 1, 2}) {
                 for (bool fourth : {false, true}) {
-                    kernel_coordinates k{width,   pixel_format(in_format), true,  false, true,
-                                         true,    true,                    false, SHIFT_LEFT,
-                                         SHIFT_NONE, SHIFT_RIGHT,          fourth,
+                    kernel_coordinates k{width,
+                                         pixel_format(in_format),
+                                         true,
+                                         false,
+                                         true,
+                                         true,
+                                         true,
+                                         false,
+                                         SHIFT_LEFT,
+                                         SHIFT_NONE,
+                                         SHIFT_RIGHT,
+                                         fourth,
                                          pixel_format(out_format)};
                     const int block = m.block(width);
                     for (int32_t n = 0; n <= 3 * block + 1; ++n) {

@@ -72,8 +72,7 @@ const corner corners[] = {
     {"minus 0.4 gives 0", {-0.4f, 0, 0}, 1, 0, 0, 0, 65535, 0},
     {"minus 0.7 gives 0", {-0.7f, 0, 0}, 1, 0, 0, 0, 65535, 0},
     {"minus 1.7 clamps to the minimum", {-1.7f, 0, 0}, 1, 0, 0, 5, 100, 5},
-    {"largest float below 2^31 clamps to the maximum", {2147483520.0f, 0, 0}, 1, 0, 0, 7, 100,
-     100},
+    {"largest float below 2^31 clamps to the maximum", {2147483520.0f, 0, 0}, 1, 0, 0, 7, 100, 100},
     {"2^31 folds to the minimum", {2147483648.0f, 0, 0}, 1, 0, 0, 7, 100, 7},
     {"infinity folds to the minimum", {inf, 0, 0}, 1, 0, 0, 7, 100, 7},
     {"minus infinity gives the minimum", {-inf, 0, 0}, 1, 0, 0, 7, 100, 7},
@@ -116,12 +115,13 @@ TEST_P(ArithmeticCorners, StoreWhatTheRulesSay) {
 // Sums that sweep the fractions: one factor times every element value, for factors whose
 // products land on, just below and just above the halves.
 TEST_P(ArithmeticCorners, RoundingSweepsOverEveryElementValue) {
-    const float factors[] = {1.0f / 3, 0.5f, 0.25f + 1.0f / 65536, 0.99999994f, 1.0000001f,
-                             0.1f,     1.5f / 65536, 0.49999997f, 2.5f, -0.5f, 0.75f};
+    const float factors[] = {1.0f / 3, 0.5f,         0.25f + 1.0f / 65536, 0.99999994f, 1.0000001f,
+                             0.1f,     1.5f / 65536, 0.49999997f,          2.5f,        -0.5f,
+                             0.75f};
     std::vector<uint16_t> input;
     for (uint32_t i = 0; i < 65536; ++i) {
-        input.insert(input.end(), {static_cast<uint16_t>(65535 - i),
-                                   static_cast<uint16_t>(i * 7), static_cast<uint16_t>(i)});
+        input.insert(input.end(), {static_cast<uint16_t>(65535 - i), static_cast<uint16_t>(i * 7),
+                                   static_cast<uint16_t>(i)});
     }
     for (float factor : factors) {
         frame_settings s;
@@ -236,7 +236,9 @@ class fenced_region {
     fenced_region(const fenced_region&) = delete;
     fenced_region& operator=(const fenced_region&) = delete;
 
-    uint8_t* data() { return data_; }
+    uint8_t* data() {
+        return data_;
+    }
     // A module writing here (a table, the input) faults.
     void make_read_only() {
 #if defined(_WIN32)
@@ -358,12 +360,13 @@ TEST_P(MemoryBounds, OverlapIsDeclinedAndTouchingIsNot) {
     };
     for (const placement& p : placements) {
         std::vector<uint8_t> storage(input_bytes + output_bytes + 256, 0xEE);
-        uint8_t* const input_at = storage.data() + 64 + (p.output_from_input < 0 ? output_bytes : 0);
+        uint8_t* const input_at =
+            storage.data() + 64 + (p.output_from_input < 0 ? output_bytes : 0);
         uint8_t* const output_at = input_at + p.output_from_input;
         std::memcpy(input_at, input.data(), input_bytes);
         const std::vector<uint8_t> before = storage;
-        const transform_request r = make_request(s, reinterpret_cast<const uint16_t*>(input_at),
-                                                 n, output_at, &matrix);
+        const transform_request r =
+            make_request(s, reinterpret_cast<const uint16_t*>(input_at), n, output_at, &matrix);
         const int32_t count = module().transform(16, r);
         if (p.overlapping) {
             EXPECT_EQ(count, 0) << p.name;

@@ -126,8 +126,8 @@ TEST_P(RealVectorModules, EveryExportMatchesTheScalarPathAndTheReference) {
             a.shift[c] = static_cast<int32_t>(random() % 31) - 15;
         }
         SCOPED_TRACE("round " + std::to_string(round) + ", " + name_of(e) + ", " +
-                     std::to_string(pixels) + " pixels, formats " +
-                     std::to_string(a.input_format) + " -> " + std::to_string(a.output_format));
+                     std::to_string(pixels) + " pixels, formats " + std::to_string(a.input_format) +
+                     " -> " + std::to_string(a.output_format));
 
         const std::vector<uint8_t> before = on_vector.output_copy();
         a.handle = pair.vector;

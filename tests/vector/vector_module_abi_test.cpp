@@ -36,7 +36,8 @@ std::set<std::string> exported_names(const std::string& path) {
         const size_t count = sections[i].sh_size / sizeof(Elf64_Sym);
         for (size_t s = 0; s < count; ++s) {
             const Elf64_Sym& symbol = symbols[s];
-            if (symbol.st_shndx == SHN_UNDEF || ELF64_ST_BIND(symbol.st_info) == STB_LOCAL) continue;
+            if (symbol.st_shndx == SHN_UNDEF || ELF64_ST_BIND(symbol.st_info) == STB_LOCAL)
+                continue;
             if (symbol.st_name != 0) names.insert(strings + symbol.st_name);
         }
     }
@@ -83,8 +84,7 @@ TEST_P(ModuleLifecycle, WorksAcrossRepeatedInitializeAndTerminate) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Tiers, ModuleInterface,
-                         ::testing::Values(SSE, AVX2, AVX512), tier_name);
+INSTANTIATE_TEST_SUITE_P(Tiers, ModuleInterface, ::testing::Values(SSE, AVX2, AVX512), tier_name);
 KV_INSTANTIATE_FOR_TIERS(ModuleLifecycle);
 
 }  // namespace

@@ -22,15 +22,23 @@ namespace {
 
 #if defined(_WIN32)
 constexpr const char* module_suffix = ".dll";
-void* open_module(const std::string& path) { return LoadLibraryA(path.c_str()); }
+void* open_module(const std::string& path) {
+    return LoadLibraryA(path.c_str());
+}
 void* find_entry(void* handle, const char* name) {
     return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle), name));
 }
-std::string last_error() { return "LoadLibraryA failed"; }
+std::string last_error() {
+    return "LoadLibraryA failed";
+}
 #else
 constexpr const char* module_suffix = ".so";
-void* open_module(const std::string& path) { return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL); }
-void* find_entry(void* handle, const char* name) { return dlsym(handle, name); }
+void* open_module(const std::string& path) {
+    return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+}
+void* find_entry(void* handle, const char* name) {
+    return dlsym(handle, name);
+}
 std::string last_error() {
     const char* e = dlerror();
     return e != nullptr ? e : "unknown";
@@ -39,9 +47,9 @@ std::string last_error() {
 
 vector_module load(tier_index tier) {
     static const char* const suffixes[3] = {"sse", "avx2", "avx512"};
-    static const vector::instruction_set sets[3] = {
-        vector::instruction_set::sse41, vector::instruction_set::avx2,
-        vector::instruction_set::avx512};
+    static const vector::instruction_set sets[3] = {vector::instruction_set::sse41,
+                                                    vector::instruction_set::avx2,
+                                                    vector::instruction_set::avx512};
     vector_module m;
     m.suffix = suffixes[tier];
     m.set = sets[tier];
@@ -56,10 +64,10 @@ vector_module load(tier_index tier) {
     const std::string s = m.suffix;
     m.initialize = reinterpret_cast<abi::vector_initialize_fn>(
         find_entry(m.handle, ("kv_color_processing_vector_" + s + "_module_initialize").c_str()));
-    m.transform_8 = reinterpret_cast<abi::vector_transform_fn>(find_entry(
-        m.handle, ("kv_color_processing_transform_8_bit_output_vector_" + s).c_str()));
-    m.transform_16 = reinterpret_cast<abi::vector_transform_fn>(find_entry(
-        m.handle, ("kv_color_processing_transform_16_bit_output_vector_" + s).c_str()));
+    m.transform_8 = reinterpret_cast<abi::vector_transform_fn>(
+        find_entry(m.handle, ("kv_color_processing_transform_8_bit_output_vector_" + s).c_str()));
+    m.transform_16 = reinterpret_cast<abi::vector_transform_fn>(
+        find_entry(m.handle, ("kv_color_processing_transform_16_bit_output_vector_" + s).c_str()));
     m.terminate = reinterpret_cast<abi::vector_terminate_fn>(
         find_entry(m.handle, ("kv_color_processing_vector_" + s + "_module_terminate").c_str()));
     if (!m.initialize || !m.transform_8 || !m.transform_16 || !m.terminate) {
@@ -85,7 +93,7 @@ void fill_noise(uint8_t* p, size_t bytes, uint32_t seed) {
 }  // namespace
 
 int vector_module::block(int width) const {
-    const int lanes = set == vector::instruction_set::sse41 ? 1
+    const int lanes = set == vector::instruction_set::sse41  ? 1
                       : set == vector::instruction_set::avx2 ? 2
                                                              : 4;
     return lanes * (width == 8 ? 16 : 8);
@@ -112,16 +120,15 @@ void tier_test::SetUp() {
 
 const std::vector<uint32_t>& table_pool(int index) {
     static const std::vector<std::vector<uint32_t>> pool = [] {
-        std::vector<std::vector<uint32_t>> tables(table_pool_size,
-                                                  std::vector<uint32_t>(65536));
+        std::vector<std::vector<uint32_t>> tables(table_pool_size, std::vector<uint32_t>(65536));
         std::mt19937 rng(20240601);
         for (uint32_t i = 0; i < 65536; ++i) {
-            tables[0][i] = rng();                                          // anything
+            tables[0][i] = rng();                                         // anything
             tables[1][i] = (rng() & 0xFFFF0000u) | ((i * 40503u) >> 16);  // noise above smooth
-            tables[2][i] = 0xABCD0000u | i;                                // identity below
-            tables[3][i] = rng() & 0xFFu;                                  // small
-            tables[4][i] = 0x80000000u | (rng() & 0x7FFFFFFFu);            // negative as int32
-            tables[5][i] = rng() & 0xFFFFFu;                               // a few bits over 16
+            tables[2][i] = 0xABCD0000u | i;                               // identity below
+            tables[3][i] = rng() & 0xFFu;                                 // small
+            tables[4][i] = 0x80000000u | (rng() & 0x7FFFFFFFu);           // negative as int32
+            tables[5][i] = rng() & 0xFFFFFu;                              // a few bits over 16
         }
         return tables;
     }();
@@ -145,9 +152,8 @@ size_t frame::output_bytes() const {
            (settings_.width / 8);
 }
 
-transform_request make_request(const frame_settings& s, const uint16_t* input,
-                               int32_t pixel_count, void* output,
-                               const color_correction_head* matrix) {
+transform_request make_request(const frame_settings& s, const uint16_t* input, int32_t pixel_count,
+                               void* output, const color_correction_head* matrix) {
     transform_request r;
     std::memset(&r, 0xA5, sizeof r);
     r.input_buffer = input;
@@ -282,18 +288,30 @@ float random_matrix_value(std::mt19937& rng) {
     if (pick < 60) return std::uniform_real_distribution<float>(-1.5f, 2.5f)(rng);
     if (pick < 75) return static_cast<float>(static_cast<int>(rng() % 9) - 2) * 0.25f;  // ties
     switch (pick % 12) {
-        case 0: return std::numeric_limits<float>::quiet_NaN();
-        case 1: return std::numeric_limits<float>::infinity();
-        case 2: return -std::numeric_limits<float>::infinity();
-        case 3: return 3.0e38f;
-        case 4: return 40000.0f;  // sums past 2^31 fold to the minimum
-        case 5: return 1.0e-40f;  // subnormal
-        case 6: return -0.0f;
-        case 7: return 0.49999997f;
-        case 8: return 16777216.0f;
-        case 9: return -16777216.0f;
-        case 10: return std::ldexp(1.0f, -static_cast<int>(rng() % 30));
-        default: return 1.0f / static_cast<float>(1 + rng() % 7);
+        case 0:
+            return std::numeric_limits<float>::quiet_NaN();
+        case 1:
+            return std::numeric_limits<float>::infinity();
+        case 2:
+            return -std::numeric_limits<float>::infinity();
+        case 3:
+            return 3.0e38f;
+        case 4:
+            return 40000.0f;  // sums past 2^31 fold to the minimum
+        case 5:
+            return 1.0e-40f;  // subnormal
+        case 6:
+            return -0.0f;
+        case 7:
+            return 0.49999997f;
+        case 8:
+            return 16777216.0f;
+        case 9:
+            return -16777216.0f;
+        case 10:
+            return std::ldexp(1.0f, -static_cast<int>(rng() % 30));
+        default:
+            return 1.0f / static_cast<float>(1 + rng() % 7);
     }
 }
 
@@ -333,13 +351,14 @@ frame_settings random_settings(uint32_t coordinates, std::mt19937& rng) {
         uint16_t a = static_cast<uint16_t>(rng()), b = static_cast<uint16_t>(rng());
         if (bound_kind == 0) a = 0, b = 0xFFFF;
         if (bound_kind == 1) a = b;
-        if (bound_kind == 2) a = static_cast<uint16_t>(a & 0xFF), b = static_cast<uint16_t>(b | 0xF000);
+        if (bound_kind == 2)
+            a = static_cast<uint16_t>(a & 0xFF), b = static_cast<uint16_t>(b | 0xF000);
         // Crossed bounds never pass validation, but a module must still agree: the minimum wins.
         const bool crossed = bound_kind == 3 && a != b;
         s.minimum[c] = crossed ? std::max(a, b) : std::min(a, b);
         s.maximum[c] = crossed ? std::min(a, b) : std::max(a, b);
         const int32_t distance = 1 + static_cast<int32_t>(rng() % 15);
-        s.shift_distance[c] = sign[c] == SHIFT_LEFT ? distance
+        s.shift_distance[c] = sign[c] == SHIFT_LEFT    ? distance
                               : sign[c] == SHIFT_RIGHT ? -distance
                                                        : 0;
     }
@@ -362,7 +381,9 @@ std::vector<uint16_t> random_input(int32_t pixel_count, std::mt19937& rng) {
     for (size_t i = 0; i < input.size(); ++i) {
         const uint64_t r = next();
         switch (kind) {
-            case 0: input[i] = static_cast<uint16_t>(r); break;
+            case 0:
+                input[i] = static_cast<uint16_t>(r);
+                break;
             case 1:
                 if (i % 64 == 0) slope = static_cast<int64_t>(r % 161) - 80;
                 level += slope;
@@ -370,8 +391,11 @@ std::vector<uint16_t> random_input(int32_t pixel_count, std::mt19937& rng) {
                 input[i] = static_cast<uint16_t>(std::min<int64_t>(
                     65535, std::max<int64_t>(0, level + static_cast<int64_t>(r >> 60))));
                 break;
-            case 2: input[i] = static_cast<uint16_t>(r % 300); break;
-            default: input[i] = extremes[r % (sizeof extremes / sizeof *extremes)];
+            case 2:
+                input[i] = static_cast<uint16_t>(r % 300);
+                break;
+            default:
+                input[i] = extremes[r % (sizeof extremes / sizeof *extremes)];
         }
     }
     return input;

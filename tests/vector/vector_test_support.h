@@ -51,11 +51,11 @@ class tier_test : public ::testing::TestWithParam<tier_index> {
     const vector_module& module() const { return module_for(GetParam()); }
 };
 
-#define KV_INSTANTIATE_FOR_TIERS(suite)                                                 \
-    INSTANTIATE_TEST_SUITE_P(Tiers, suite,                                               \
-                             ::testing::Values(::kv::testing::SSE, ::kv::testing::AVX2,  \
-                                               ::kv::testing::AVX512),                   \
-                             ::kv::testing::tier_name)
+#define KV_INSTANTIATE_FOR_TIERS(suite)                                                    \
+    INSTANTIATE_TEST_SUITE_P(                                                              \
+        Tiers, suite,                                                                      \
+        ::testing::Values(::kv::testing::SSE, ::kv::testing::AVX2, ::kv::testing::AVX512), \
+        ::kv::testing::tier_name)
 
 // Shared 65,536-entry tables of several kinds, built once: random 32-bit entries, entries whose
 // high half is noise over a smooth low half, and small values.
