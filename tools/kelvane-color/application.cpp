@@ -29,8 +29,7 @@ std::string backend_text(int32_t backend) {
 }
 
 std::string tier_text(const settings& s, const system_report& system) {
-    return s.tier ? tier_name(*s.tier) + " (forced)"
-                  : tier_name(system.cpu.tier) + " (detected)";
+    return s.tier ? tier_name(*s.tier) + " (forced)" : tier_name(system.cpu.tier) + " (detected)";
 }
 
 std::string format_text(const settings& s, bool raw, file_type type) {
@@ -47,9 +46,9 @@ int run_info(const settings& s) {
     const std::string library = library_path();
     std::printf("library:   %s\n", library.empty() ? "(location unknown)" : library.c_str());
     const cpu_report& cpu = system.cpu;
-    std::printf("processor: avx512 %s, avx2 %s, sse %s; tier %s (%d)\n",
-                cpu.avx512 ? "yes" : "no", cpu.avx2 ? "yes" : "no", cpu.sse ? "yes" : "no",
-                tier_name(cpu.tier).c_str(), cpu.tier);
+    std::printf("processor: avx512 %s, avx2 %s, sse %s; tier %s (%d)\n", cpu.avx512 ? "yes" : "no",
+                cpu.avx2 ? "yes" : "no", cpu.sse ? "yes" : "no", tier_name(cpu.tier).c_str(),
+                cpu.tier);
     std::printf("modules (found by file name through the platform's search order):\n");
     const module_report* modules[] = {&system.LUT, &system.logger, &system.vector[0],
                                       &system.vector[1], &system.vector[2]};
@@ -163,8 +162,10 @@ int run_process(const settings& s) {
                     throw file_error(target, "is the input " + j.input + "; not overwritten");
                 }
                 if (!written.insert(fs::absolute(target).lexically_normal().string()).second) {
-                    throw file_error(target, "written already by an earlier input of this run; "
-                                             "not overwritten by " + j.name);
+                    throw file_error(target,
+                                     "written already by an earlier input of this run; "
+                                     "not overwritten by " +
+                                         j.name);
                 }
                 if (type == file_type::raw) {
                     write_file(target, output.data(), out_size);
@@ -176,11 +177,12 @@ int run_process(const settings& s) {
             total_pixels += double(pixels);
             total_seconds += seconds;
             if (!batch && !s.quiet) {
-                std::printf("kelvane-color: %s %dx%d%s%s%s\n", j.name.c_str(), picture.width,
-                            picture.height, target.empty() ? "" : " -> ", target.c_str(),
-                            target.empty() ? ""
-                                           : (" (" + format_text(s, type == file_type::raw, type) +
-                                              ")").c_str());
+                std::printf(
+                    "kelvane-color: %s %dx%d%s%s%s\n", j.name.c_str(), picture.width,
+                    picture.height, target.empty() ? "" : " -> ", target.c_str(),
+                    target.empty()
+                        ? ""
+                        : (" (" + format_text(s, type == file_type::raw, type) + ")").c_str());
                 std::printf("  tier %s: %s; %.2f Mpix in %.2f ms, %.1f Mpix/s\n",
                             tier_text(s, system).c_str(), backend_text(backend).c_str(),
                             pixels / 1e6, seconds * 1e3, seconds > 0 ? pixels / seconds / 1e6 : 0);
@@ -220,8 +222,10 @@ int run_bench_mode(const settings& s) {
     }
     for (const bench_row& row : result.tiers) {
         if (row.measured && !row.matches_scalar) {
-            std::fprintf(stderr, "kelvane-color: bench: the %s output differs from the scalar "
-                                 "output\n", tier_name(row.tier).c_str());
+            std::fprintf(stderr,
+                         "kelvane-color: bench: the %s output differs from the scalar "
+                         "output\n",
+                         tier_name(row.tier).c_str());
             return EXIT_MISMATCH;
         }
     }
@@ -234,11 +238,18 @@ int run_kelvane_color(const std::vector<std::string>& arguments) {
     try {
         const settings s = parse_command_line(arguments);
         switch (s.mode) {
-            case run_mode::help: std::fputs(usage_text(), stdout); return EXIT_OK;
-            case run_mode::version: std::printf("kelvane-color %s\n", KV_TOOL_VERSION); return 0;
-            case run_mode::info: return run_info(s);
-            case run_mode::bench: return run_bench_mode(s);
-            case run_mode::process: return run_process(s);
+            case run_mode::help:
+                std::fputs(usage_text(), stdout);
+                return EXIT_OK;
+            case run_mode::version:
+                std::printf("kelvane-color %s\n", KV_TOOL_VERSION);
+                return 0;
+            case run_mode::info:
+                return run_info(s);
+            case run_mode::bench:
+                return run_bench_mode(s);
+            case run_mode::process:
+                return run_process(s);
         }
     } catch (const tool_error& e) {
         std::fflush(stdout);

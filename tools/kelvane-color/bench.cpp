@@ -106,9 +106,8 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
 
     const size_t in_size = input.size() * sizeof(uint16_t);
     std::vector<uint16_t> copy(input.size());
-    const std::vector<double> times = time_frames(s.min_time, [&] {
-        std::memcpy(copy.data(), input.data(), in_size);
-    });
+    const std::vector<double> times =
+        time_frames(s.min_time, [&] { std::memcpy(copy.data(), input.data(), in_size); });
     result.memcpy_mpix_per_s = pixels / median(times) / 1e6;
     result.memcpy_gb_per_s = double(in_size) / median(times) / 1e9;
     return result;
@@ -116,29 +115,28 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
 
 std::string bench_table(const bench_result& r, const settings& s) {
     std::string out = "kelvane-color bench: " + r.source + " " + std::to_string(r.width) + "x" +
-                      std::to_string(r.height) + ", 48 to " +
-                      std::to_string(s.bits * s.channels) + " bits, " +
-                      layout_name(s.input_layout) + " to " + layout_name(s.output_layout) +
-                      "; detected tier " + tier_name(r.detected_tier) + "\n";
+                      std::to_string(r.height) + ", 48 to " + std::to_string(s.bits * s.channels) +
+                      " bits, " + layout_name(s.input_layout) + " to " +
+                      layout_name(s.output_layout) + "; detected tier " +
+                      tier_name(r.detected_tier) + "\n";
     char line[256];
     std::snprintf(line, sizeof line, "  %-8s %12s %12s %7s  %s\n", "tier", "Mpix/s", "best",
                   "frames", "result");
     out += line;
     for (const bench_row& row : r.tiers) {
         if (row.measured) {
-            std::snprintf(line, sizeof line, "  %-8s %12.1f %12.1f %7d  %s\n",
-                          tier_name(row.tier).c_str(), row.mpix_per_s, row.best_mpix_per_s,
-                          row.frames,
-                          row.matches_scalar ? "output identical to scalar"
-                                             : "OUTPUT DIFFERS FROM SCALAR");
+            std::snprintf(
+                line, sizeof line, "  %-8s %12.1f %12.1f %7d  %s\n", tier_name(row.tier).c_str(),
+                row.mpix_per_s, row.best_mpix_per_s, row.frames,
+                row.matches_scalar ? "output identical to scalar" : "OUTPUT DIFFERS FROM SCALAR");
         } else {
             std::snprintf(line, sizeof line, "  %-8s %12s %12s %7s  %s\n",
                           tier_name(row.tier).c_str(), "-", "-", "-", row.status.c_str());
         }
         out += line;
     }
-    std::snprintf(line, sizeof line, "  %-8s %12.1f %12s %7s  %.2f GB/s of input bytes\n",
-                  "memcpy", r.memcpy_mpix_per_s, "", "", r.memcpy_gb_per_s);
+    std::snprintf(line, sizeof line, "  %-8s %12.1f %12s %7s  %.2f GB/s of input bytes\n", "memcpy",
+                  r.memcpy_mpix_per_s, "", "", r.memcpy_gb_per_s);
     out += line;
     return out;
 }
@@ -169,9 +167,9 @@ std::string bench_json(const bench_result& r, const settings& s) {
         out += i + 1 < r.tiers.size() ? "},\n" : "}\n";
     }
     out += "  ],\n";
-    out += "  \"memcpy\": {\"bytes_per_pixel\": 6, \"mpix_per_s\": " +
-           number(r.memcpy_mpix_per_s, 3) + ", \"gb_per_s\": " + number(r.memcpy_gb_per_s, 3) +
-           "}\n}\n";
+    out +=
+        "  \"memcpy\": {\"bytes_per_pixel\": 6, \"mpix_per_s\": " + number(r.memcpy_mpix_per_s, 3) +
+        ", \"gb_per_s\": " + number(r.memcpy_gb_per_s, 3) + "}\n}\n";
     return out;
 }
 

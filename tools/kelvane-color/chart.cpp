@@ -15,12 +15,18 @@ rgb hue_at(uint64_t x, uint64_t width) {
     const uint32_t segment = uint32_t(position / 65535 % 6);
     const auto up = uint16_t(position % 65535), down = uint16_t(65535 - up);
     switch (segment) {
-        case 0: return {65535, up, 0};
-        case 1: return {down, 65535, 0};
-        case 2: return {0, 65535, up};
-        case 3: return {0, down, 65535};
-        case 4: return {up, 0, 65535};
-        default: return {65535, 0, down};
+        case 0:
+            return {65535, up, 0};
+        case 1:
+            return {down, 65535, 0};
+        case 2:
+            return {0, 65535, up};
+        case 3:
+            return {0, down, 65535};
+        case 4:
+            return {up, 0, 65535};
+        default:
+            return {65535, 0, down};
     }
 }
 

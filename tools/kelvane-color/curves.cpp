@@ -26,13 +26,14 @@ std::array<double, N> cube_numbers(const std::string& name, size_t line, std::is
     std::string word;
     while (in >> word) words.push_back(word);
     if (words.size() != N) {
-        throw cube_error(name, line, std::string(what) + ": expected " + std::to_string(N) +
-                                         " numbers, got " + std::to_string(words.size()));
+        throw cube_error(name, line,
+                         std::string(what) + ": expected " + std::to_string(N) + " numbers, got " +
+                             std::to_string(words.size()));
     }
     for (size_t i = 0; i < N; ++i) {
         if (!parse_double(words[i], &values[i])) {
-            throw cube_error(name, line, std::string(what) + ": '" + words[i] +
-                                             "' is not a number");
+            throw cube_error(name, line,
+                             std::string(what) + ": '" + words[i] + "' is not a number");
         }
     }
     return values;
@@ -73,9 +74,10 @@ cube_LUT parse_cube(const std::string& name, const std::string& text) {
     while (std::getline(lines, line)) {
         ++line_number;
         if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (line.rfind("TITLE", 0) != 0) line = line.substr(0, line.find('#'));  // comments
         std::istringstream in(line);
         std::string keyword;
-        if (!(in >> keyword) || keyword[0] == '#') continue;
+        if (!(in >> keyword)) continue;
         if (keyword == "TITLE") {
             std::getline(in, cube.title);
             const size_t first = cube.title.find('"'), last = cube.title.rfind('"');
@@ -86,8 +88,9 @@ cube_LUT parse_cube(const std::string& name, const std::string& text) {
             const double size = cube_numbers<1>(name, line_number, in, "LUT_1D_SIZE")[0];
             if (declared != 0) throw cube_error(name, line_number, "LUT_1D_SIZE given twice");
             if (!(size >= 2 && size <= 65536) || size != std::floor(size)) {
-                throw cube_error(name, line_number, "LUT_1D_SIZE must be a whole number from 2 "
-                                                    "to 65536");
+                throw cube_error(name, line_number,
+                                 "LUT_1D_SIZE must be a whole number from 2 "
+                                 "to 65536");
             }
             declared = size_t(size);
         } else if (keyword == "LUT_3D_SIZE") {
@@ -105,8 +108,9 @@ cube_LUT parse_cube(const std::string& name, const std::string& text) {
         } else {
             if (declared == 0) throw cube_error(name, line_number, "data before LUT_1D_SIZE");
             if (cube.entries.size() == declared) {
-                throw cube_error(name, line_number, "more than the " + std::to_string(declared) +
-                                                        " entries LUT_1D_SIZE gives");
+                throw cube_error(
+                    name, line_number,
+                    "more than the " + std::to_string(declared) + " entries LUT_1D_SIZE gives");
             }
             std::istringstream whole(line);
             cube.entries.push_back(cube_numbers<3>(name, line_number, whole, "entry"));
@@ -114,9 +118,9 @@ cube_LUT parse_cube(const std::string& name, const std::string& text) {
     }
     if (declared == 0) throw cube_error(name, line_number, "no LUT_1D_SIZE line");
     if (cube.entries.size() != declared) {
-        throw cube_error(name, line_number, std::to_string(cube.entries.size()) +
-                                                " entries, but LUT_1D_SIZE gives " +
-                                                std::to_string(declared));
+        throw cube_error(name, line_number,
+                         std::to_string(cube.entries.size()) + " entries, but LUT_1D_SIZE gives " +
+                             std::to_string(declared));
     }
     for (int c = 0; c < 3; ++c) {
         if (!(cube.domain_max[c] > cube.domain_min[c])) {
@@ -181,13 +185,26 @@ double evaluate(const curve& c, int channel, double x) {
     double y = x;
     switch (c.kind) {
         case curve_kind::off:
-        case curve_kind::identity: break;
-        case curve_kind::gamma: y = std::pow(x, 1.0 / c.parameter); break;
-        case curve_kind::inverse_gamma: y = std::pow(x, c.parameter); break;
-        case curve_kind::srgb: y = srgb_encode(x); break;
-        case curve_kind::inverse_srgb: y = srgb_decode(x); break;
-        case curve_kind::scale: y = x * c.parameter; break;
-        case curve_kind::cube: y = cube_at(*c.cube, 2 - channel, x); break;  // file order r g b
+        case curve_kind::identity:
+            break;
+        case curve_kind::gamma:
+            y = std::pow(x, 1.0 / c.parameter);
+            break;
+        case curve_kind::inverse_gamma:
+            y = std::pow(x, c.parameter);
+            break;
+        case curve_kind::srgb:
+            y = srgb_encode(x);
+            break;
+        case curve_kind::inverse_srgb:
+            y = srgb_decode(x);
+            break;
+        case curve_kind::scale:
+            y = x * c.parameter;
+            break;
+        case curve_kind::cube:
+            y = cube_at(*c.cube, 2 - channel, x);
+            break;  // file order r g b
     }
     return std::clamp(y, 0.0, 1.0);
 }

@@ -3,8 +3,8 @@
 
 #include <cctype>
 #include <cerrno>
-#include <cstdarg>
 #include <csetjmp>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -206,8 +206,8 @@ image read_netpbm(const std::string& path, const std::vector<unsigned char>& byt
     const unsigned char* data = bytes.data() + header.position();
     for (uint64_t i = 0; i < count; ++i) {
         // Netpbm's 16-bit samples are big-endian.
-        const uint32_t v = element_size == 2 ? (uint32_t(data[2 * i]) << 8) | data[2 * i + 1]
-                                             : data[i];
+        const uint32_t v =
+            element_size == 2 ? (uint32_t(data[2 * i]) << 8) | data[2 * i + 1] : data[i];
         if (v > maxval) {
             throw file_error(path, "sample " + std::to_string(v) + " at element " +
                                        std::to_string(i) + " exceeds the maximum value " +
@@ -259,9 +259,8 @@ void png_warning_handler(png_structp, png_const_charp) {}
 // destructor; `rows` and `samples` are owned by the caller.
 bool png_read_into(std::FILE* file, png_failure* failure, image* out,
                    std::vector<png_bytep>* rows) {
-    png_structp png =
-        png_create_read_struct(PNG_LIBPNG_VER_STRING, failure, png_error_handler,
-                               png_warning_handler);
+    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, failure, png_error_handler,
+                                             png_warning_handler);
     png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
     if (info == nullptr) {
         std::snprintf(failure->message, sizeof failure->message, "out of memory");
@@ -322,8 +321,8 @@ image read_png(const std::string& path) {
 
 bool png_write_from(std::FILE* file, png_failure* failure, const image& picture,
                     const std::vector<png_bytep>& rows) {
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, failure,
-                                              png_error_handler, png_warning_handler);
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, failure, png_error_handler,
+                                              png_warning_handler);
     png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
     if (info == nullptr) {
         std::snprintf(failure->message, sizeof failure->message, "out of memory");
@@ -335,8 +334,8 @@ bool png_write_from(std::FILE* file, png_failure* failure, const image& picture,
         return false;
     }
     png_init_io(png, file);
-    png_set_IHDR(png, info, png_uint_32(picture.width), png_uint_32(picture.height),
-                 picture.bits, picture.channels == 4 ? PNG_COLOR_TYPE_RGBA : PNG_COLOR_TYPE_RGB,
+    png_set_IHDR(png, info, png_uint_32(picture.width), png_uint_32(picture.height), picture.bits,
+                 picture.channels == 4 ? PNG_COLOR_TYPE_RGBA : PNG_COLOR_TYPE_RGB,
                  PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     png_set_compression_level(png, 3);
     png_write_info(png, info);
@@ -400,15 +399,16 @@ image read_tiff(const std::string& path) {
     TIFFGetField(tiff.get(), TIFFTAG_PHOTOMETRIC, &photometric);
     check_size(path, width, height);
     const bool gray = photometric == PHOTOMETRIC_MINISBLACK && samples_per_pixel <= 2;
-    const bool rgb = photometric == PHOTOMETRIC_RGB && (samples_per_pixel == 3 ||
-                                                        samples_per_pixel == 4);
+    const bool rgb =
+        photometric == PHOTOMETRIC_RGB && (samples_per_pixel == 3 || samples_per_pixel == 4);
     if ((bits != 8 && bits != 16) || format != SAMPLEFORMAT_UINT || planar != PLANARCONFIG_CONTIG ||
         !(gray || rgb)) {
-        throw file_error(path, "TIFF: only 8- and 16-bit unsigned gray, gray + alpha, RGB and "
-                               "RGBA images with interleaved samples are read (this one has " +
-                                   std::to_string(samples_per_pixel) + " samples of " +
-                                   std::to_string(bits) + " bits, photometric " +
-                                   std::to_string(photometric) + ")");
+        throw file_error(path,
+                         "TIFF: only 8- and 16-bit unsigned gray, gray + alpha, RGB and "
+                         "RGBA images with interleaved samples are read (this one has " +
+                             std::to_string(samples_per_pixel) + " samples of " +
+                             std::to_string(bits) + " bits, photometric " +
+                             std::to_string(photometric) + ")");
     }
     const uint64_t row_samples = uint64_t(width) * samples_per_pixel;
     std::vector<uint16_t> samples(row_samples * height);
@@ -495,30 +495,40 @@ file_type file_type_of(const std::string& path, const char* option) {
 
 const char* file_type_name(file_type type) {
     switch (type) {
-        case file_type::ppm: return "PPM";
-        case file_type::pam: return "PAM";
-        case file_type::png: return "PNG";
-        case file_type::tiff: return "TIFF";
-        case file_type::raw: return "raw";
+        case file_type::ppm:
+            return "PPM";
+        case file_type::pam:
+            return "PAM";
+        case file_type::png:
+            return "PNG";
+        case file_type::tiff:
+            return "TIFF";
+        case file_type::raw:
+            return "raw";
     }
     return "?";
 }
 
 const char* file_type_extension(file_type type) {
     switch (type) {
-        case file_type::ppm: return ".ppm";
-        case file_type::pam: return ".pam";
-        case file_type::png: return ".png";
-        case file_type::tiff: return ".tif";
-        case file_type::raw: return ".raw";
+        case file_type::ppm:
+            return ".ppm";
+        case file_type::pam:
+            return ".pam";
+        case file_type::png:
+            return ".png";
+        case file_type::tiff:
+            return ".tif";
+        case file_type::raw:
+            return ".raw";
     }
     return "";
 }
 
 image read_image(const std::string& path) {
     const std::vector<unsigned char> bytes = read_all(path);
-    if (bytes.size() >= 2 && bytes[0] == 'P' && (bytes[1] == '5' || bytes[1] == '6' ||
-                                                 bytes[1] == '7')) {
+    if (bytes.size() >= 2 && bytes[0] == 'P' &&
+        (bytes[1] == '5' || bytes[1] == '6' || bytes[1] == '7')) {
         return read_netpbm(path, bytes);
     }
     static const unsigned char png_magic[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
@@ -538,11 +548,11 @@ image read_image(const std::string& path) {
 #endif
     }
     if (bytes.size() >= 2 && bytes[0] == 'P' && bytes[1] >= '1' && bytes[1] <= '4') {
-        throw file_error(path, "plain-text and bitmap Netpbm files (P1 to P4) are not read; "
-                               "use binary P5, P6 or P7");
+        throw file_error(path,
+                         "plain-text and bitmap Netpbm files (P1 to P4) are not read; "
+                         "use binary P5, P6 or P7");
     }
-    throw file_error(path, bytes.empty() ? "empty file"
-                                         : "not a PNG, PPM, PGM, PAM or TIFF image");
+    throw file_error(path, bytes.empty() ? "empty file" : "not a PNG, PPM, PGM, PAM or TIFF image");
 }
 
 void write_image(const std::string& path, file_type type, const image& picture) {
@@ -567,9 +577,8 @@ void write_image(const std::string& path, file_type type, const image& picture) 
 }
 
 void write_file(const std::string& path, const void* data, size_t size) {
-    replace_file(path, [&](const std::string& temporary) {
-        return write_bytes(temporary, data, size);
-    });
+    replace_file(path,
+                 [&](const std::string& temporary) { return write_bytes(temporary, data, size); });
 }
 
 }  // namespace kv_tool

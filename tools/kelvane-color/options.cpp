@@ -23,8 +23,7 @@ unsigned split_channels(const std::string& text, const std::string& option, std:
         for (int c = 0; c < 3; ++c) {
             if (prefix == channel_names[c]) mask = 1u << c;
         }
-        if (mask == 0 && !prefix.empty() &&
-            prefix.find_first_not_of("bgr") == std::string::npos) {
+        if (mask == 0 && !prefix.empty() && prefix.find_first_not_of("bgr") == std::string::npos) {
             for (char letter : prefix) mask |= letter == 'b' ? 1u : letter == 'g' ? 2u : 4u;
         }
         if (mask != 0) {
@@ -87,8 +86,7 @@ int32_t parse_tier(const std::string& text) {
     throw usage_error("--tier: '" + text + "' is not a tier (scalar, sse, avx2, avx512 or 0 to 3)");
 }
 
-int64_t parse_whole(const std::string& text, const std::string& option, int64_t low,
-                    int64_t high) {
+int64_t parse_whole(const std::string& text, const std::string& option, int64_t low, int64_t high) {
     int64_t v;
     if (!parse_integer(text, low, high, &v)) {
         throw usage_error(option + ": '" + text + "' is not a whole number from " +
@@ -253,7 +251,8 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
             double seconds;
             const std::string text = take();
             if (!parse_double(text, &seconds) || seconds <= 0 || seconds > 60) {
-                throw usage_error("--min-time: '" + text + "' is not a number of seconds above 0 "
+                throw usage_error("--min-time: '" + text +
+                                  "' is not a number of seconds above 0 "
                                   "and at most 60");
             }
             s.min_time = seconds;
@@ -269,8 +268,10 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
         throw usage_error("--info: takes no input files");
     }
     if (s.mode == run_mode::bench) {
-        if (output_options) throw usage_error("bench writes no image: drop -o, --output-dir and "
-                                              "--output-type");
+        if (output_options)
+            throw usage_error(
+                "bench writes no image: drop -o, --output-dir and "
+                "--output-type");
         if (s.inputs.size() > 1) throw usage_error("bench: one input image at most");
     } else if (bench_options) {
         throw usage_error("--json and --min-time are options of bench");
@@ -283,8 +284,9 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
                           " inputs: use --output-dir");
     }
     if (s.output_type_given && s.output_dir.empty()) {
-        throw usage_error("--output-type goes with --output-dir (-o takes the type from its "
-                          "extension)");
+        throw usage_error(
+            "--output-type goes with --output-dir (-o takes the type from its "
+            "extension)");
     }
     if (chart_size_given && !s.inputs.empty()) {
         throw usage_error("--chart-size: only without input files");
@@ -295,13 +297,15 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
             throw usage_error("-o: TIFF is read only (use .png, .ppm, .pam or .raw)");
         }
         if (type == file_type::ppm && s.channels == 4) {
-            throw usage_error("-o: PPM holds three channels; write --channels 4 to .pam, .png or "
-                              ".raw");
+            throw usage_error(
+                "-o: PPM holds three channels; write --channels 4 to .pam, .png or "
+                ".raw");
         }
     }
     if (!s.output_dir.empty() && s.output_type == file_type::ppm && s.channels == 4) {
-        throw usage_error("--output-type: PPM holds three channels; use pam, png or raw with "
-                          "--channels 4");
+        throw usage_error(
+            "--output-type: PPM holds three channels; use pam, png or raw with "
+            "--channels 4");
     }
     return s;
 }
@@ -334,20 +338,29 @@ pipeline_plan plan_pipeline(const settings& s) {
 
 std::string layout_name(int32_t layout) {
     switch (layout) {
-        case 0: return "BGR planes";
-        case 1: return "BGR interleaved";
-        case 2: return "RGB interleaved";
-        default: return "layout " + std::to_string(layout);
+        case 0:
+            return "BGR planes";
+        case 1:
+            return "BGR interleaved";
+        case 2:
+            return "RGB interleaved";
+        default:
+            return "layout " + std::to_string(layout);
     }
 }
 
 std::string tier_name(int32_t tier) {
     switch (tier) {
-        case 0: return "scalar";
-        case 1: return "sse";
-        case 2: return "avx2";
-        case 3: return "avx512";
-        default: return "tier " + std::to_string(tier);
+        case 0:
+            return "scalar";
+        case 1:
+            return "sse";
+        case 2:
+            return "avx2";
+        case 3:
+            return "avx512";
+        default:
+            return "tier " + std::to_string(tier);
     }
 }
 

@@ -30,8 +30,8 @@ struct settings {
     std::optional<uint32_t> output_LUT_max;  // what a curve's 1.0 becomes; default 2^bits - 1
     std::array<std::optional<uint16_t>, 3> clamp_min, clamp_max;
     std::array<std::optional<int32_t>, 3> shift;
-    int bits = 8;      // output element width
-    int channels = 3;  // output elements a pixel
+    int bits = 8;               // output element width
+    int channels = 3;           // output elements a pixel
     int32_t input_layout = 2;   // KV_FORMAT_RGB_INTERLEAVED
     int32_t output_layout = 2;  // KV_FORMAT_RGB_INTERLEAVED
     std::optional<int32_t> tier;

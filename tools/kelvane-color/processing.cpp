@@ -9,15 +9,15 @@ namespace kv_tool {
 namespace {
 
 using LUT_getter = uint32_t* (*)(kv_color_processor_handle);
-constexpr LUT_getter input_getters[3] = {kv_color_get_blue_input_LUT,
-                                         kv_color_get_green_input_LUT,
+constexpr LUT_getter input_getters[3] = {kv_color_get_blue_input_LUT, kv_color_get_green_input_LUT,
                                          kv_color_get_red_input_LUT};
-constexpr LUT_getter output_getters[3] = {kv_color_get_blue_output_LUT,
-                                          kv_color_get_green_output_LUT,
-                                          kv_color_get_red_output_LUT};
+constexpr LUT_getter output_getters[3] = {
+    kv_color_get_blue_output_LUT, kv_color_get_green_output_LUT, kv_color_get_red_output_LUT};
 constexpr const char* channel_names[3] = {"blue", "green", "red"};
 
-tool_error library_error(const std::string& message) { return tool_error(EXIT_LIBRARY, message); }
+tool_error library_error(const std::string& message) {
+    return tool_error(EXIT_LIBRARY, message);
+}
 
 void check_setup(kv_status status, const char* call) {
     if (status != KV_STATUS_SUCCESS) {
@@ -39,17 +39,28 @@ size_t place(int32_t layout, int element, size_t i, size_t n, int per_pixel) {
 
 std::string status_name(kv_status status) {
     switch (status) {
-        case KV_STATUS_SUCCESS: return "KV_STATUS_SUCCESS";
-        case KV_STATUS_MODULE_NOT_INITIALIZED: return "KV_STATUS_MODULE_NOT_INITIALIZED";
-        case KV_STATUS_NULL_HANDLE: return "KV_STATUS_NULL_HANDLE";
-        case KV_STATUS_NULL_INPUT_BUFFER: return "KV_STATUS_NULL_INPUT_BUFFER";
-        case KV_STATUS_NULL_OUTPUT_BUFFER: return "KV_STATUS_NULL_OUTPUT_BUFFER";
-        case KV_STATUS_SAME_BUFFER: return "KV_STATUS_SAME_BUFFER";
-        case KV_STATUS_INVALID_INPUT_FORMAT: return "KV_STATUS_INVALID_INPUT_FORMAT";
-        case KV_STATUS_INVALID_OUTPUT_FORMAT: return "KV_STATUS_INVALID_OUTPUT_FORMAT";
-        case KV_STATUS_INVALID_SHIFT: return "KV_STATUS_INVALID_SHIFT";
-        case KV_STATUS_INVALID_CLAMP: return "KV_STATUS_INVALID_CLAMP";
-        default: return "status " + std::to_string(status);
+        case KV_STATUS_SUCCESS:
+            return "KV_STATUS_SUCCESS";
+        case KV_STATUS_MODULE_NOT_INITIALIZED:
+            return "KV_STATUS_MODULE_NOT_INITIALIZED";
+        case KV_STATUS_NULL_HANDLE:
+            return "KV_STATUS_NULL_HANDLE";
+        case KV_STATUS_NULL_INPUT_BUFFER:
+            return "KV_STATUS_NULL_INPUT_BUFFER";
+        case KV_STATUS_NULL_OUTPUT_BUFFER:
+            return "KV_STATUS_NULL_OUTPUT_BUFFER";
+        case KV_STATUS_SAME_BUFFER:
+            return "KV_STATUS_SAME_BUFFER";
+        case KV_STATUS_INVALID_INPUT_FORMAT:
+            return "KV_STATUS_INVALID_INPUT_FORMAT";
+        case KV_STATUS_INVALID_OUTPUT_FORMAT:
+            return "KV_STATUS_INVALID_OUTPUT_FORMAT";
+        case KV_STATUS_INVALID_SHIFT:
+            return "KV_STATUS_INVALID_SHIFT";
+        case KV_STATUS_INVALID_CLAMP:
+            return "KV_STATUS_INVALID_CLAMP";
+        default:
+            return "status " + std::to_string(status);
     }
 }
 
@@ -67,11 +78,13 @@ library_session::library_session() {
     throw library_error("kv_color_processing_module_initialize returned " + status_name(status));
 }
 
-library_session::~library_session() { kv_color_processing_module_terminate(); }
+library_session::~library_session() {
+    kv_color_processing_module_terminate();
+}
 
 processor::processor(const settings& s, const pipeline_plan& plan, std::optional<int32_t> tier) {
-    handle_ = tier ? kv_color_create_color_processor_test(plan.input_LUT_bits,
-                                                          plan.output_LUT_bits, *tier)
+    handle_ = tier ? kv_color_create_color_processor_test(plan.input_LUT_bits, plan.output_LUT_bits,
+                                                          *tier)
                    : kv_color_create_color_processor(plan.input_LUT_bits, plan.output_LUT_bits);
     if (handle_ == nullptr) {
         throw library_error(std::string(tier ? "kv_color_create_color_processor_test"
@@ -88,12 +101,14 @@ processor::processor(const settings& s, const pipeline_plan& plan, std::optional
             output_on[c] = plan.channel[c].output_LUT;
             if (input_on[c]) {
                 uint32_t* table = input_getters[c](handle_);
-                if (table == nullptr) throw library_error("no input LUT table for " + std::string(channel_names[c]));
+                if (table == nullptr)
+                    throw library_error("no input LUT table for " + std::string(channel_names[c]));
                 fill_table(s.input_LUT[c], c, table, 1u << plan.input_LUT_bits, 65535);
             }
             if (output_on[c]) {
                 uint32_t* table = output_getters[c](handle_);
-                if (table == nullptr) throw library_error("no output LUT table for " + std::string(channel_names[c]));
+                if (table == nullptr)
+                    throw library_error("no output LUT table for " + std::string(channel_names[c]));
                 fill_table(s.output_LUT[c], c, table, 1u << plan.output_LUT_bits,
                            plan.output_LUT_max);
             }
@@ -108,7 +123,9 @@ processor::processor(const settings& s, const pipeline_plan& plan, std::optional
     }
 }
 
-processor::~processor() { kv_color_destroy_color_processor(handle_); }
+processor::~processor() {
+    kv_color_destroy_color_processor(handle_);
+}
 
 size_t output_bytes(const settings& s, uint64_t pixels) {
     return size_t(pixels) * size_t(s.channels) * size_t(s.bits / 8);
@@ -165,18 +182,21 @@ void check_transform(kv_status status, const std::string& source, const settings
                         std::to_string(plan.output_LUT_bits) + ")";
             }
             break;
-        case KV_STATUS_INVALID_SHIFT: hint = "check --shift: each must be -15 to 15"; break;
+        case KV_STATUS_INVALID_SHIFT:
+            hint = "check --shift: each must be -15 to 15";
+            break;
         case KV_STATUS_INVALID_INPUT_FORMAT:
             hint = "check --input-layout: " + layout_name(s.input_layout) + " is refused";
             break;
         case KV_STATUS_INVALID_OUTPUT_FORMAT:
             hint = "check --output-layout: " + layout_name(s.output_layout) + " is refused";
             break;
-        default: hint = "the library refused the frame"; break;
+        default:
+            hint = "the library refused the frame";
+            break;
     }
-    throw tool_error(EXIT_TRANSFORM,
-                     source + ": transform failed with " + status_name(status) + " (" +
-                         std::to_string(status) + "): " + hint);
+    throw tool_error(EXIT_TRANSFORM, source + ": transform failed with " + status_name(status) +
+                                         " (" + std::to_string(status) + "): " + hint);
 }
 
 image from_output_buffer(const void* output, const settings& s, const image& source) {

@@ -21,19 +21,22 @@ const char* const module_suffix = ".dll";
 
 void* load(const std::string& file_name, std::string* error) {
     HMODULE module = LoadLibraryA(file_name.c_str());
-    if (module == nullptr) error->assign("not found (error " + std::to_string(GetLastError()) + ")");
+    if (module == nullptr)
+        error->assign("not found (error " + std::to_string(GetLastError()) + ")");
     return reinterpret_cast<void*>(module);
 }
 void* symbol(void* module, const char* name) {
     return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name));
 }
-void release(void* module) { FreeLibrary(static_cast<HMODULE>(module)); }
+void release(void* module) {
+    FreeLibrary(static_cast<HMODULE>(module));
+}
 
 std::string path_of_address(const void* address) {
     HMODULE module = nullptr;
-    if (!GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
-                                GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                            static_cast<LPCSTR>(address), &module)) {
+    if (!GetModuleHandleExA(
+            GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+            static_cast<LPCSTR>(address), &module)) {
         return std::string();
     }
     char path[MAX_PATH];
@@ -41,7 +44,9 @@ std::string path_of_address(const void* address) {
     return std::string(path, length);
 }
 
-bool stderr_is_terminal() { return _isatty(_fileno(stderr)) != 0; }
+bool stderr_is_terminal() {
+    return _isatty(_fileno(stderr)) != 0;
+}
 #else
 const char* const module_suffix = ".so";
 
@@ -53,8 +58,12 @@ void* load(const std::string& file_name, std::string* error) {
     }
     return module;
 }
-void* symbol(void* module, const char* name) { return dlsym(module, name); }
-void release(void* module) { dlclose(module); }
+void* symbol(void* module, const char* name) {
+    return dlsym(module, name);
+}
+void release(void* module) {
+    dlclose(module);
+}
 
 std::string path_of_address(const void* address) {
     Dl_info info{};
@@ -62,7 +71,9 @@ std::string path_of_address(const void* address) {
     return info.dli_fname;
 }
 
-bool stderr_is_terminal() { return isatty(2) != 0; }
+bool stderr_is_terminal() {
+    return isatty(2) != 0;
+}
 #endif
 
 }  // namespace os
@@ -78,23 +89,25 @@ struct module_names {
     const char* terminate;
 };
 
-const module_names LUT_names = {"kelvane_qor_LUT",
-                                {"kv_LUT_module_initialize", "kv_create_LUT_test",
-                                 "kv_get_LUT_data", "kv_LUT_transform_16", "kv_destroy_LUT",
-                                 "kv_LUT_module_terminate"},
-                                nullptr,
-                                nullptr};
+const module_names LUT_names = {
+    "kelvane_qor_LUT",
+    {"kv_LUT_module_initialize", "kv_create_LUT_test", "kv_get_LUT_data", "kv_LUT_transform_16",
+     "kv_destroy_LUT", "kv_LUT_module_terminate"},
+    nullptr,
+    nullptr};
 const module_names logger_names = {
     "kelvane_qor_logger", {"qor_get_log", "qor_log", "qor_free_log"}, nullptr, nullptr};
 
-#define KV_VECTOR_NAMES(isa)                                                                  \
-    {"kelvane_qor_color_processing_vector_" #isa,                                             \
-     {"kv_color_processing_vector_" #isa "_module_initialize",                                \
-      "kv_color_processing_transform_8_bit_output_vector_" #isa,                              \
-      "kv_color_processing_transform_16_bit_output_vector_" #isa,                             \
-      "kv_color_processing_vector_" #isa "_module_terminate"},                                \
-     "kv_color_processing_vector_" #isa "_module_initialize",                                 \
-     "kv_color_processing_vector_" #isa "_module_terminate"}
+#define KV_VECTOR_NAMES(isa)                                             \
+    {                                                                    \
+        "kelvane_qor_color_processing_vector_" #isa,                     \
+            {"kv_color_processing_vector_" #isa "_module_initialize",    \
+             "kv_color_processing_transform_8_bit_output_vector_" #isa,  \
+             "kv_color_processing_transform_16_bit_output_vector_" #isa, \
+             "kv_color_processing_vector_" #isa "_module_terminate"},    \
+            "kv_color_processing_vector_" #isa "_module_initialize",     \
+            "kv_color_processing_vector_" #isa "_module_terminate"       \
+    }
 const module_names vector_names[3] = {KV_VECTOR_NAMES(sse), KV_VECTOR_NAMES(avx2),
                                       KV_VECTOR_NAMES(avx512)};
 #undef KV_VECTOR_NAMES
@@ -119,7 +132,8 @@ module_report probe(const module_names& names) {
     if (report.state != module_state::incomplete) {
         report.state = module_state::ready;
         if (names.initialize != nullptr) {
-            const auto initialize = reinterpret_cast<entry_fn>(os::symbol(module, names.initialize));
+            const auto initialize =
+                reinterpret_cast<entry_fn>(os::symbol(module, names.initialize));
             const int32_t result = initialize();
             report.detail = "initialize returned " + std::to_string(result);
             if (result != 0) {
@@ -156,11 +170,16 @@ cpu_report detect_cpu() {
 
 bool cpu_supports(const cpu_report& cpu, int32_t tier) {
     switch (tier) {
-        case KV_TIER_SCALAR: return true;
-        case KV_TIER_SSE: return cpu.sse;
-        case KV_TIER_AVX2: return cpu.avx2;
-        case KV_TIER_AVX512: return cpu.avx512;
-        default: return false;
+        case KV_TIER_SCALAR:
+            return true;
+        case KV_TIER_SSE:
+            return cpu.sse;
+        case KV_TIER_AVX2:
+            return cpu.avx2;
+        case KV_TIER_AVX512:
+            return cpu.avx512;
+        default:
+            return false;
     }
 }
 
@@ -183,18 +202,25 @@ int32_t routed_backend(int32_t tier, const std::array<module_report, 3>& vector)
 
 const char* module_state_name(module_state state) {
     switch (state) {
-        case module_state::missing: return "missing";
-        case module_state::incomplete: return "incomplete";
-        case module_state::refused: return "refused";
-        case module_state::ready: return "ready";
+        case module_state::missing:
+            return "missing";
+        case module_state::incomplete:
+            return "incomplete";
+        case module_state::refused:
+            return "refused";
+        case module_state::ready:
+            return "ready";
     }
     return "?";
 }
 
 std::string library_path() {
-    return os::path_of_address(reinterpret_cast<const void*>(&kv_color_processing_module_initialize));
+    return os::path_of_address(
+        reinterpret_cast<const void*>(&kv_color_processing_module_initialize));
 }
 
-bool stderr_is_terminal() { return os::stderr_is_terminal(); }
+bool stderr_is_terminal() {
+    return os::stderr_is_terminal();
+}
 
 }  // namespace kv_tool

@@ -24,8 +24,8 @@ int main(void) {
     int i;
 
     for (i = 0; i < 9; ++i) {
-        input[3 * i + 0] = (uint16_t)(100 + i);   /* blue */
-        input[3 * i + 1] = (uint16_t)(200 + i);   /* green */
+        input[3 * i + 0] = (uint16_t)(100 + i);     /* blue */
+        input[3 * i + 1] = (uint16_t)(200 + i);     /* green */
         input[3 * i + 2] = (uint16_t)(301 + 2 * i); /* red, odd: halves end in .5 */
     }
     input[0] = 40000; /* doubled past 65535: clamped */
@@ -39,12 +39,12 @@ int main(void) {
     expect(processor != NULL, "no processor");
     if (processor != NULL) {
         expect(kv_color_append_matrix(processor, matrix) == KV_STATUS_SUCCESS, "append_matrix");
-        expect(kv_color_transform_48_to_48(processor, input, KV_FORMAT_BGR_INTERLEAVED, 0, 65535,
-                                           0, 65535, 0, 65535, 0, 0, 0, wide,
+        expect(kv_color_transform_48_to_48(processor, input, KV_FORMAT_BGR_INTERLEAVED, 0, 65535, 0,
+                                           65535, 0, 65535, 0, 0, 0, wide,
                                            KV_FORMAT_RGB_INTERLEAVED, 9) == KV_STATUS_SUCCESS,
                "48_to_48");
-        expect(kv_color_transform_48_to_24(processor, input, KV_FORMAT_BGR_INTERLEAVED, 0, 65535,
-                                           0, 65535, 0, 65535, -8, -8, -8, narrow,
+        expect(kv_color_transform_48_to_24(processor, input, KV_FORMAT_BGR_INTERLEAVED, 0, 65535, 0,
+                                           65535, 0, 65535, -8, -8, -8, narrow,
                                            KV_FORMAT_BGR_INTERLEAVED, 9) == KV_STATUS_SUCCESS,
                "48_to_24");
         for (i = 0; i < 9; ++i) {
