@@ -156,7 +156,7 @@ TEST(ImageFiles, BrokenFilesNameTheFileAndTheFault) {
          "PAM DEPTH 5 is not gray"},
         {"endless.pam", "P7\nWIDTH 1\nHEIGHT 1\n"s, "PAM header has no ENDHDR"},
         {"keyword.pam", "P7\nWIDE 1\nENDHDR\n"s, "PAM header: unknown keyword 'WIDE'"},
-        {"bad.png", "\x89PNG\r\n\x1a\nnot really"s, "PNG: "},
+        {"bad.png", "\x89PNG\r\n\x1a\nnot really"s, "PNG"},
         {"bad.tif", "II*\0garbage"s, "TIFF"},
     };
     const auto dir = scratch_dir();
