@@ -14,8 +14,8 @@
 #include "services/module_abi.h"
 #include "tests/module_support/loaded_module.h"
 
-#if KV_TEST_ALLOCATION_FAILURE
-#include "tests/lut_module/allocation_failure.h"
+#if KV_TEST_ALLOCATOR
+#include "tests/lut_module/test_allocator.h"
 #endif
 
 namespace {
@@ -273,7 +273,7 @@ TEST(LUTConcurrency, ManyThreadsCreateAndDestroyTables) {
     EXPECT_EQ(failures.load(), 0);
 }
 
-#if KV_TEST_ALLOCATION_FAILURE
+#if KV_TEST_ALLOCATOR
 // Out of memory at each allocation in turn: creation must throw std::bad_alloc and keep nothing
 // (the leak checker of the sanitizer build sees anything kept), until it succeeds.
 TEST(LUTOutOfMemory, CreationThrowsBadAllocAndKeepsNothing) {

@@ -1,9 +1,11 @@
 // Replacements of every global operator new and delete, forwarding to the C allocator, with a
-// per-thread countdown to a failure.
-#include "tests/lut_module/allocation_failure.h"
+// per-thread countdown to a failure. New memory is filled with a pattern, so that code which
+// relies on fresh memory reading zero shows it.
+#include "tests/lut_module/test_allocator.h"
 
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 namespace {
@@ -29,11 +31,16 @@ void* allocate(std::size_t size, std::size_t alignment) noexcept {
     if (size == 0) {
         size = 1;
     }
+    void* memory = nullptr;
     if (alignment <= alignof(std::max_align_t)) {
-        return std::malloc(size);
+        memory = std::malloc(size);
+    } else {
+        memory = std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
     }
-    const std::size_t rounded = (size + alignment - 1) / alignment * alignment;
-    return std::aligned_alloc(alignment, rounded);
+    if (memory != nullptr) {
+        std::memset(memory, 0xA5, size);
+    }
+    return memory;
 }
 
 void* allocate_or_throw(std::size_t size, std::size_t alignment) {

@@ -1,6 +1,7 @@
 // Makes the global allocation functions fail on demand, to see how a module behaves when memory
-// runs out. Built only where a module's allocations resolve to the executable's operator new
-// (ELF platforms; a Windows DLL binds to its own runtime's allocator).
+// runs out, and fills all new memory with a non-zero pattern. Built only where a module's
+// allocations resolve to the executable's operator new (ELF platforms; a Windows DLL binds to its
+// own runtime's allocator).
 #pragma once
 
 namespace kv {
