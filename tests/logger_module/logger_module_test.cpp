@@ -4,9 +4,12 @@
 
 #include <atomic>
 #include <cctype>
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <random>
 #include <set>
@@ -336,24 +339,34 @@ TEST_F(LoggerTest, HonoursTheConfigurationNameItIsGiven) {
     }
 }
 
+// Copies the built module into `folder` and loads the copy, a module of its own with its own
+// state, reached through the returned functions.
+logger_functions load_copy(const fs::path& folder, std::unique_ptr<kv::test::loaded_module>& copy) {
+    const std::string built = kv::test::module_file_of(reinterpret_cast<const void*>(&qor_log));
+    fs::create_directories(folder);
+    fs::copy_file(built, folder / module_file, fs::copy_options::overwrite_existing);
+    copy = std::make_unique<kv::test::loaded_module>((folder / module_file).string());
+    logger_functions f{nullptr, nullptr, nullptr};
+    if (copy->loaded()) {
+        f.get = copy->symbol<kv::abi::qor_get_log_fn>("qor_get_log");
+        f.log = copy->symbol<kv::abi::qor_log_fn>("qor_log");
+        f.free = copy->symbol<kv::abi::qor_free_log_fn>("qor_free_log");
+    }
+    return f;
+}
+
 // A copy of the module in a folder of its own, with its configuration beside it and none in the
 // current directory, until one is put there: the current directory wins.
 TEST_F(LoggerTest, ReadsTheConfigurationBesideTheModuleUnlessTheCurrentDirectoryHasOne) {
-    const std::string built = kv::test::module_file_of(reinterpret_cast<const void*>(&qor_log));
-    ASSERT_FALSE(built.empty());
     const fs::path module_folder = directory_ / "module";
-    fs::create_directory(module_folder);
+    fs::create_directories(module_folder);
+    write_text(module_folder / config_name, "level = 6\ndestination = beside.log");
     fs::create_directory("work");
     fs::current_path("work");
-    fs::copy_file(built, module_folder / module_file);
-    write_text(module_folder / config_name, "level = 6\ndestination = beside.log");
 
-    kv::test::loaded_module copy((module_folder / module_file).string());
-    ASSERT_TRUE(copy.loaded());
-    logger_functions f;
-    f.get = copy.symbol<kv::abi::qor_get_log_fn>("qor_get_log");
-    f.log = copy.symbol<kv::abi::qor_log_fn>("qor_log");
-    f.free = copy.symbol<kv::abi::qor_free_log_fn>("qor_free_log");
+    std::unique_ptr<kv::test::loaded_module> copy;
+    const logger_functions f = load_copy(module_folder, copy);
+    ASSERT_TRUE(f.get && f.log && f.free);
     ASSERT_NE(f.log, &qor_log) << "the copy must be a module of its own";
 
     const output beside = capture([&] { log_every_level(f); });
@@ -363,6 +376,33 @@ TEST_F(LoggerTest, ReadsTheConfigurationBesideTheModuleUnlessTheCurrentDirectory
     write_text(config_name, "level = 2\ndestination = stdout");
     const output current = capture([&] { log_every_level(f); });
     EXPECT_EQ(levels_in(current.out), levels_up_to(2));
+}
+
+// The library frees its log from an at-exit handler of its own, which runs after the static
+// destructors of a logging module loaded later than the library. The log must still work then.
+TEST_F(LoggerTest, LogStillWorksFromAnAtExitHandlerThatRunsAfterTheModuleStatics) {
+    EXPECT_EXIT(
+        {
+            static logger_functions f;
+            static void* log = nullptr;
+            // Keeps the copy loaded through a plain pointer, whose end unloads nothing.
+            static kv::test::loaded_module* kept = nullptr;
+            std::atexit([] {
+                if (kept == nullptr) {
+                    return;
+                }
+                const int32_t logged = f.log(log, 3, "exit.cpp", 1, "at_exit", "after statics");
+                const int32_t freed = f.free("EXITING", "");
+                std::fprintf(stderr, "at exit: %d %d\n", logged, freed);
+            });
+            // Loaded after the handler was registered, so its statics go first.
+            std::unique_ptr<kv::test::loaded_module> copy;
+            f = load_copy(directory_ / "module", copy);
+            kept = copy.release();
+            log = f.get != nullptr ? f.get("EXITING", "", config_name) : nullptr;
+            std::exit(log != nullptr ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "at_exit: after statics\nat exit: 0 0");
 }
 
 TEST_F(LoggerTest, LineCarriesTimestampLevelIdsPlaceFunctionAndMessage) {
