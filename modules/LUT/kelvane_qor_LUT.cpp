@@ -7,7 +7,6 @@
 #include <cstring>
 #include <mutex>
 #include <new>
-#include <shared_mutex>
 #include <type_traits>
 #include <unordered_set>
 
@@ -27,7 +26,7 @@ struct alignas(line_bytes) LUT_table {
 static_assert(sizeof(LUT_table) == line_bytes, "the entries must start on a line of their own");
 
 struct registry {
-    std::shared_mutex lock;
+    std::mutex lock;  // held only to look up, add or remove a handle
     std::unordered_set<const void*> live;
     bool idle() const { return live.empty(); }
 };
@@ -53,7 +52,7 @@ LUT_table* find_live(void* handle) noexcept {
     }
     try {
         registry& r = state.get();
-        std::shared_lock<std::shared_mutex> guard(r.lock);
+        std::lock_guard<std::mutex> guard(r.lock);
         return r.live.count(handle) != 0 ? static_cast<LUT_table*>(handle) : nullptr;
     } catch (...) {
         return nullptr;  // no registry could be made, so no table exists
@@ -80,7 +79,7 @@ KV_MODULE_EXPORT void* kv_create_LUT_test(int32_t entry_count, int32_t /*avx2_fl
     LUT_table* table = new (memory) LUT_table{entry_count};
     try {
         registry& r = state.get();
-        std::unique_lock<std::shared_mutex> guard(r.lock);
+        std::lock_guard<std::mutex> guard(r.lock);
         r.live.insert(table);
     } catch (...) {
         free_table(table);
@@ -100,7 +99,7 @@ KV_MODULE_EXPORT int32_t kv_destroy_LUT(void* handle) {
     }
     try {
         registry& r = state.get();
-        std::unique_lock<std::shared_mutex> guard(r.lock);
+        std::lock_guard<std::mutex> guard(r.lock);
         if (r.live.erase(handle) == 0) {
             return KV_LUT_BAD_ARGUMENT;
         }

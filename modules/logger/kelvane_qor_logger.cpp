@@ -9,10 +9,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <type_traits>
-#include <unordered_set>
+#include <unordered_map>
 #include <utility>
 
 #include "modules/common/lasting_state.h"
@@ -28,7 +27,7 @@ struct open_log {
     int32_t highest_level;
     std::FILE* stream;
     bool owns_stream;
-    int references;
+    int references;  // qor_get_log calls not yet matched by qor_free_log
 
     ~open_log() {
         if (owns_stream) {
@@ -38,14 +37,15 @@ struct open_log {
 };
 
 struct logger_state {
-    // Opening and closing logs take it alone; logging shares it, so no log closes mid-message.
-    std::shared_mutex logs_lock;
-    std::map<std::pair<std::string, std::string>, std::unique_ptr<open_log>> logs;
-    std::unordered_set<const open_log*> live;
+    // Held only to look up, open or close a log, never while a line is written. A message being
+    // written holds its own reference to its log, so closing waits for nobody.
+    std::mutex logs_lock;
+    std::map<std::pair<std::string, std::string>, std::shared_ptr<open_log>> by_ids;
+    std::unordered_map<const void*, std::shared_ptr<open_log>> by_handle;
     // Held for each whole line written, to any destination.
     std::mutex write_lock;
 
-    bool idle() const { return logs.empty(); }
+    bool idle() const { return by_ids.empty(); }
 };
 
 kv::modules::lasting_state<logger_state> state;
@@ -101,7 +101,7 @@ void append_utc_timestamp(std::string& line) {
     line += text;
 }
 
-std::unique_ptr<open_log> open(logger_state& s, const std::string& module_id,
+std::shared_ptr<open_log> open(logger_state& s, const std::string& module_id,
                                const std::string& second_id, const char* config_file_name) {
     const kv::logger::settings_outcome outcome = kv::logger::load_settings(config_file_name);
     if (!outcome.warning.empty()) {
@@ -109,7 +109,7 @@ std::unique_ptr<open_log> open(logger_state& s, const std::string& module_id,
     }
     const kv::logger::log_settings& settings = outcome.settings;
 
-    auto log = std::make_unique<open_log>();
+    auto log = std::make_shared<open_log>();
     log->label = second_id.empty() ? module_id : module_id + "/" + second_id;
     log->highest_level = settings.highest_level;
     log->stream = settings.destination == destination_kind::standard_output ? stdout : stderr;
@@ -143,22 +143,21 @@ KV_MODULE_EXPORT void* qor_get_log(const char* module_id, const char* second_id,
     try {
         logger_state& s = state.get();
         std::pair<std::string, std::string> ids(module_id, second_id != nullptr ? second_id : "");
-        std::unique_lock<std::shared_mutex> guard(s.logs_lock);
-        auto found = s.logs.find(ids);
-        if (found != s.logs.end()) {
+        std::lock_guard<std::mutex> guard(s.logs_lock);
+        auto found = s.by_ids.find(ids);
+        if (found != s.by_ids.end()) {
             ++found->second->references;
             return found->second.get();
         }
-        std::unique_ptr<open_log> log = open(s, ids.first, ids.second, config_file_name);
-        open_log* handle = log.get();
-        s.live.insert(handle);
+        std::shared_ptr<open_log> log = open(s, ids.first, ids.second, config_file_name);
+        s.by_handle.emplace(log.get(), log);
         try {
-            s.logs.emplace(std::move(ids), std::move(log));
+            s.by_ids.emplace(std::move(ids), log);
         } catch (...) {
-            s.live.erase(handle);
+            s.by_handle.erase(log.get());
             throw;
         }
-        return handle;
+        return log.get();
     } catch (...) {
         return nullptr;  // out of memory, or a lock that failed: no log
     }
@@ -174,13 +173,17 @@ KV_MODULE_EXPORT int32_t qor_log(void* log_handle, int32_t level, const char* fi
     }
     try {
         logger_state& s = state.get();
-        std::shared_lock<std::shared_mutex> guard(s.logs_lock);
-        const auto* log = static_cast<const open_log*>(log_handle);
-        if (s.live.count(log) == 0) {
-            return QOR_LOG_BAD_ARGUMENT;
-        }
-        if (level > log->highest_level) {
-            return QOR_LOG_SUCCESS;
+        std::shared_ptr<const open_log> log;
+        {
+            std::lock_guard<std::mutex> guard(s.logs_lock);
+            auto found = s.by_handle.find(log_handle);
+            if (found == s.by_handle.end()) {
+                return QOR_LOG_BAD_ARGUMENT;
+            }
+            if (level > found->second->highest_level) {
+                return QOR_LOG_SUCCESS;
+            }
+            log = found->second;
         }
         std::size_t message_length = std::strlen(message);
         while (message_length > 0 &&
@@ -218,14 +221,14 @@ KV_MODULE_EXPORT int32_t qor_free_log(const char* module_id, const char* second_
         logger_state& s = state.get();
         const std::pair<std::string, std::string> ids(module_id,
                                                       second_id != nullptr ? second_id : "");
-        std::unique_lock<std::shared_mutex> guard(s.logs_lock);
-        auto found = s.logs.find(ids);
-        if (found == s.logs.end()) {
+        std::lock_guard<std::mutex> guard(s.logs_lock);
+        auto found = s.by_ids.find(ids);
+        if (found == s.by_ids.end()) {
             return QOR_LOG_BAD_ARGUMENT;
         }
         if (--found->second->references == 0) {
-            s.live.erase(found->second.get());
-            s.logs.erase(found);
+            s.by_handle.erase(found->second.get());
+            s.by_ids.erase(found);  // the file closes when the last message in flight is out
         }
         return QOR_LOG_SUCCESS;
     } catch (...) {

@@ -66,25 +66,6 @@ TEST(LUTModuleLoading, LoadingByNameReachesTheSameFunctionsAsLinking) {
               &kv_LUT_module_terminate);
 }
 
-TEST(LUTModuleLoading, TableMadeThroughLoadedEntryPointsIsUsable) {
-    kv::test::loaded_module module(module_file);
-    ASSERT_TRUE(module.loaded());
-    using namespace kv::abi;
-    auto create = module.symbol<kv_create_LUT_test_fn>("kv_create_LUT_test");
-    auto data = module.symbol<kv_get_LUT_data_fn>("kv_get_LUT_data");
-    auto destroy = module.symbol<kv_destroy_LUT_fn>("kv_destroy_LUT");
-    ASSERT_TRUE(create && data && destroy);
-    module.symbol<kv_LUT_module_initialize_fn>("kv_LUT_module_initialize")();
-    LUT_handle handle = create(256, 0);
-    ASSERT_NE(handle, nullptr);
-    uint32_t* entries = data(handle);
-    ASSERT_NE(entries, nullptr);
-    entries[255] = 0xDEADBEEFu;
-    EXPECT_EQ(kv_get_LUT_data(handle)[255], 0xDEADBEEFu);  // the same table seen directly
-    EXPECT_EQ(destroy(handle), 0);
-    module.symbol<kv_LUT_module_terminate_fn>("kv_LUT_module_terminate")();
-}
-
 // Every count the library can ask for has its own edge: 1 entry (depth 0), exact lines, a line
 // plus one, the full 16-bit range.
 class LUTCreation : public testing::TestWithParam<std::tuple<int32_t, int32_t>> {};
@@ -119,13 +100,6 @@ TEST(LUTCreation, CountsOutsideOneTo65536AreRefused) {
             EXPECT_EQ(kv_create_LUT_test(count, avx2_flag), nullptr) << "count " << count;
         }
     }
-}
-
-TEST(LUTCreation, TablesAreSeparate) {
-    table a(16), b(16);
-    ASSERT_NE(a.handle, b.handle);
-    a.data()[15] = 7;
-    EXPECT_EQ(b.data()[15], 0u);
 }
 
 // Handles that are not live tables: each entry point must refuse them without touching memory.
