@@ -92,7 +92,7 @@ void append_utc_timestamp(std::string& line) {
     const int64_t year = year_of_era + era * 400 + (month <= 2 ? 1 : 0);
 
     const int64_t seconds = of_day / 1000000;
-    char text[40];
+    char text[128];  // room for any 64-bit field, so no truncation is possible
     std::snprintf(text, sizeof text, "%04lld-%02lld-%02lldT%02lld:%02lld:%02lld.%06lldZ",
                   static_cast<long long>(year), static_cast<long long>(month),
                   static_cast<long long>(day), static_cast<long long>(seconds / 3600),
