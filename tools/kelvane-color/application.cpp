@@ -59,7 +59,7 @@ int run_info(const settings& s) {
                     where.c_str());
     }
     const int32_t tier = s.tier.value_or(cpu.tier);
-    std::printf("frames of a %s processor: %s\n", tier_text(s, system).c_str(),
+    std::printf("frames at tier %s: %s\n", tier_text(s, system).c_str(),
                 backend_text(routed_backend(tier, system.vector)).c_str());
     const kv_status status = kv_color_processing_module_initialize();
     kv_color_processing_module_terminate();

@@ -2,6 +2,8 @@
 // "os" namespace at the top of this file.
 #include "system_probe.h"
 
+#include <filesystem>
+
 #include "kelvane_qor_color_processing.h"
 #include "platform/cpu_identification.h"
 
@@ -128,7 +130,9 @@ module_report probe(const module_names& names) {
         }
         if (first == nullptr) first = address;
     }
-    if (first != nullptr) report.path = os::path_of_address(first);
+    if (first != nullptr) {
+        report.path = std::filesystem::path(os::path_of_address(first)).lexically_normal().string();
+    }
     if (report.state != module_state::incomplete) {
         report.state = module_state::ready;
         if (names.initialize != nullptr) {
@@ -215,8 +219,10 @@ const char* module_state_name(module_state state) {
 }
 
 std::string library_path() {
-    return os::path_of_address(
-        reinterpret_cast<const void*>(&kv_color_processing_module_initialize));
+    return std::filesystem::path(os::path_of_address(reinterpret_cast<const void*>(
+                                     &kv_color_processing_module_initialize)))
+        .lexically_normal()
+        .string();
 }
 
 bool stderr_is_terminal() {
