@@ -218,21 +218,23 @@ constexpr uint32_t slot_words_third_mask(int slot) {
     return mask;
 }
 
-// Output: word p of vector j is element 32j + p, pixel (32j + p) / 3 of slot (32j + p) % 3.
-// Slots 0 and 1 first, slot 2 (index 32 + its word over the partial result) merged in.
-constexpr word_indices chunk_words_from_first_two(int j) {
+// Output: word p of vector j is element 32j + p, pixel (32j + p) / 3 of slot (32j + p) % 3. The
+// slots come in pixel order (packed) or in the order of word_of_pixel (blended). Slots 0 and 1
+// first, slot 2 (index 32 + its word over the partial result) merged in.
+constexpr int slot_word(int pixel, bool packed) { return packed ? pixel : word_of_pixel(pixel); }
+constexpr word_indices chunk_words_from_first_two(int j, bool packed) {
     word_indices w{};
     for (int p = 0; p < 32; ++p) {
-        const int e = 32 * j + p, word = word_of_pixel(e / 3);
+        const int e = 32 * j + p, word = slot_word(e / 3, packed);
         w[p] = uint16_t(e % 3 == 0 ? word : e % 3 == 1 ? 32 + word : 0);
     }
     return w;
 }
-constexpr word_indices chunk_words_from_third(int j) {
+constexpr word_indices chunk_words_from_third(int j, bool packed) {
     word_indices w{};
     for (int p = 0; p < 32; ++p) {
         const int e = 32 * j + p;
-        w[p] = uint16_t(e % 3 == 2 ? 32 + word_of_pixel(e / 3) : 0);
+        w[p] = uint16_t(e % 3 == 2 ? 32 + slot_word(e / 3, packed) : 0);
     }
     return w;
 }

@@ -40,6 +40,7 @@ struct call_constants {
     const uint32_t* input_LUT[3];
     const uint32_t* output_LUT[3];
     bool input_LUT_on[3], output_LUT_on[3];
+    bool full_range;  // every channel's bounds are 0 and 65535
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -118,7 +119,9 @@ KV_VECTOR_INLINE vi round_for_clamp(vf sum) {
     return truncate_to_int32(add(sum, splat_f(0.49999997f)));
 }
 
-template <int Q>
+// Clamp says whether to clamp here; without it the values are left for a store whose saturating
+// packs clamp to [0, 65535] on their own, which is exact only for bounds 0 and 65535.
+template <bool Clamp, int Q>
 KV_VECTOR_INLINE void matrix_stage(const call_constants& k, vi (&v)[3][Q]) {
     const vf* m = k.matrix;
     for (int q = 0; q < Q; ++q) {
@@ -126,10 +129,13 @@ KV_VECTOR_INLINE void matrix_stage(const call_constants& k, vi (&v)[3][Q]) {
         const vf red = add(add(mul(m[0], R), mul(m[1], G)), mul(m[2], B));
         const vf green = add(add(mul(m[3], R), mul(m[4], G)), mul(m[5], B));
         const vf blue = add(add(mul(m[6], R), mul(m[7], G)), mul(m[8], B));
-        // Upper bound first: with crossed bounds the minimum wins, as in the scalar kernels.
-        v[0][q] = max_32(min_32(round_for_clamp(blue), k.maximum[0]), k.minimum[0]);
-        v[1][q] = max_32(min_32(round_for_clamp(green), k.maximum[1]), k.minimum[1]);
-        v[2][q] = max_32(min_32(round_for_clamp(red), k.maximum[2]), k.minimum[2]);
+        v[0][q] = round_for_clamp(blue);
+        v[1][q] = round_for_clamp(green);
+        v[2][q] = round_for_clamp(red);
+        if constexpr (Clamp) {
+            // Upper bound first: with crossed bounds the minimum wins, as in the scalar kernels.
+            for (int c = 0; c < 3; ++c) v[c][q] = max_32(min_32(v[c][q], k.maximum[c]), k.minimum[c]);
+        }
     }
 }
 
@@ -152,8 +158,9 @@ KV_VECTOR_INLINE void shift_stage(const call_constants& k, vi (&v)[3][Q]) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Narrowing: the low 16 or 8 bits of each value, in pixel order within the lane. InRange says the
-// values are known to lie in [0, 65535] (no output LUT, no shift), where the packs cannot clip.
+// Narrowing: the low 16 or 8 bits of each value, in pixel order within the lane. InRange says no
+// output LUT or shift came after the clamp: the values lie in [0, 65535], or, where the clamp was
+// left out for bounds 0 and 65535, the saturating pack clips them exactly as the clamp would.
 // ---------------------------------------------------------------------------------------------
 
 template <bool InRange>
@@ -208,15 +215,17 @@ KV_VECTOR_INLINE void interleave_three(const vi (&slot)[3], vi (&chunk)[3]) {
     }
 }
 
-// With word permutes across lanes: three slots of 32 words (in the order of word_of_pixel) -> the
-// three vectors of interleaved words, in memory order, ready for whole (and streaming) stores.
-template <class V>
+// With word permutes across lanes: three slots of 32 words (packed: in pixel order, else in the
+// order of word_of_pixel) -> the three vectors of interleaved words, in memory order, ready for
+// whole (and streaming) stores.
+template <bool Packed, class V>
 KV_VECTOR_INLINE void interleave_three_across_lanes(const V (&slot)[3], V (&out)[3]) {
-    static constexpr word_indices first_two[3] = {chunk_words_from_first_two(0),
-                                                  chunk_words_from_first_two(1),
-                                                  chunk_words_from_first_two(2)};
-    static constexpr word_indices third[3] = {chunk_words_from_third(0), chunk_words_from_third(1),
-                                              chunk_words_from_third(2)};
+    static constexpr word_indices first_two[3] = {chunk_words_from_first_two(0, Packed),
+                                                  chunk_words_from_first_two(1, Packed),
+                                                  chunk_words_from_first_two(2, Packed)};
+    static constexpr word_indices third[3] = {chunk_words_from_third(0, Packed),
+                                              chunk_words_from_third(1, Packed),
+                                              chunk_words_from_third(2, Packed)};
     for (int j = 0; j < 3; ++j) {
         out[j] = permute_words_into(permute_words(slot[0], first_two[j], slot[1]),
                                     chunk_words_third_mask(j), third[j], slot[2]);
@@ -248,7 +257,7 @@ KV_VECTOR_INLINE void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi 
         vi slot[3], chunk[3];
         for (int c = 0; c < 3; ++c) {
             const int s = c == 0 ? blue : c == 2 ? red : 1;
-            if constexpr (cross_lane_word_permutes && Width == 16) {
+            if constexpr (cross_lane_word_permutes && Width == 16 && !InRange) {
                 // Low halves of pixels 0-3 and 4-7 side by side: the order of word_of_pixel.
                 slot[s] = blend16<0xAA>(v[c][0], shift_left_32<16>(v[c][1]));
             } else if constexpr (Width == 16) {
@@ -258,7 +267,7 @@ KV_VECTOR_INLINE void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi 
             }
         }
         if constexpr (cross_lane_word_permutes && Width == 16) {
-            interleave_three_across_lanes(slot, chunk);
+            interleave_three_across_lanes<InRange>(slot, chunk);
             for (int j = 0; j < 3; ++j) store_vector(o + 3 * i + 32 * j, chunk[j], stream);
         } else {
             interleave_three<Width>(slot, chunk);
@@ -304,10 +313,17 @@ KV_VECTOR_INLINE void process_block(const transform_request& r, const call_const
     vi v[3][Q];
     load_block<s.input_layout, Q>(r.input_buffer, i, n, v);
     if constexpr (s.input_LUTs) input_LUT_stage(k, v);
-    matrix_stage(k, v);
+    // Values go straight to the store (no LUT, no shift): the clamp keeps them in [0, 65535].
+    constexpr bool in_range = !s.output_LUTs && !s.shifts;
+    // Stores whose narrowing starts with a saturating pack clamp to [0, 65535] by themselves.
+    constexpr bool packing_store = in_range && (s.output_layout == PLANES || !s.fourth_channel);
+    if (packing_store && k.full_range) {
+        matrix_stage<false>(k, v);
+    } else {
+        matrix_stage<true>(k, v);
+    }
     if constexpr (s.output_LUTs) output_LUT_stage(k, v);
     if constexpr (s.shifts) shift_stage(k, v);
-    constexpr bool in_range = !s.output_LUTs && !s.shifts;
     store_block<Width, s.output_layout, s.fourth_channel, in_range>(r.output_buffer, i, n, v,
                                                                     stream);
 }
@@ -404,7 +420,9 @@ int32_t transform(const transform_request* request) {
                     false,
                     false,
                     false};
+    k.full_range = true;
     for (int c = 0; c < 3; ++c) {
+        k.full_range = k.full_range && minimum[c] == 0 && maximum[c] == 0xFFFF;
         k.minimum[c] = splat_i(minimum[c]);
         k.maximum[c] = splat_i(maximum[c]);
         // A positive distance shifts left, a negative one right by its negation, modulo 32.

@@ -344,12 +344,14 @@ frame_settings random_settings(uint32_t coordinates, std::mt19937& rng) {
     const bool input_on[3] = {k.blue_input_LUT, k.green_input_LUT, k.red_input_LUT};
     const bool output_on[3] = {k.blue_output_LUT, k.green_output_LUT, k.red_output_LUT};
     const shift_sign sign[3] = {k.blue_shift_sign, k.green_shift_sign, k.red_shift_sign};
+    // Bounds 0 and 65535 on all channels let a module leave the clamp to its packs.
+    const bool all_full_range = rng() % 4 == 0;
     for (int c = 0; c < 3; ++c) {
         if (input_on[c]) s.input_LUT[c] = table_pool(static_cast<int>(rng() % 6)).data();
         if (output_on[c]) s.output_LUT[c] = table_pool(static_cast<int>(rng() % 6)).data();
         const int bound_kind = static_cast<int>(rng() % 6);
         uint16_t a = static_cast<uint16_t>(rng()), b = static_cast<uint16_t>(rng());
-        if (bound_kind == 0) a = 0, b = 0xFFFF;
+        if (bound_kind == 0 || all_full_range) a = 0, b = 0xFFFF;
         if (bound_kind == 1) a = b;
         if (bound_kind == 2)
             a = static_cast<uint16_t>(a & 0xFF), b = static_cast<uint16_t>(b | 0xF000);
