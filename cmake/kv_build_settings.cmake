@@ -36,3 +36,12 @@ if(KV_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_C_COMPILER_LAUNCHER ${_kv_launcher})
   set(CMAKE_CXX_COMPILER_LAUNCHER ${_kv_launcher})
 endif()
+
+# Sanitizer builds (the asan preset) instrument code in ways some checks cannot work with: the
+# disassembly check of the kernel loops, and the install test, whose run-time module lookup through
+# RUNPATH $ORIGIN does not survive the sanitizer's dlopen interceptor.
+if(CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
+  set(KV_SANITIZED ON)
+else()
+  set(KV_SANITIZED OFF)
+endif()
