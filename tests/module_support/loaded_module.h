@@ -58,7 +58,9 @@ class loaded_module {
     template <typename Function>
     Function symbol(const char* name) const {
 #if defined(_WIN32)
-        return reinterpret_cast<Function>(GetProcAddress(static_cast<HMODULE>(handle_), name));
+        // Through void*: GCC warns on a direct cast from FARPROC to another function type.
+        return reinterpret_cast<Function>(
+            reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle_), name)));
 #else
         return reinterpret_cast<Function>(dlsym(handle_, name));
 #endif
