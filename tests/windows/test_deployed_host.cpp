@@ -27,6 +27,8 @@ std::string folder_of(HMODULE module) {
     return text.substr(0, text.find_last_of('\\') + 1);
 }
 
+// The library and the companion modules the build deployed (the vector modules once they exist),
+// all loaded by the time a processor stands.
 const char* const deployed_modules[] = {
     "kelvane_qor_color_processing.dll",
     "kelvane_qor_LUT.dll",
@@ -35,6 +37,7 @@ const char* const deployed_modules[] = {
     "kelvane_qor_color_processing_vector_avx2.dll",
     "kelvane_qor_color_processing_vector_avx512.dll",
 };
+constexpr size_t deployed_count = 3 + KV_DEPLOYED_VECTOR_MODULES;
 
 // The log file that kelvane_qor_logger.cfg beside the modules names.
 std::string log_text() {
@@ -61,7 +64,8 @@ TEST_F(DeployedHost, EveryModuleComesFromTheProgramsFolder) {
     kv_color_processor_handle p = kv_color_create_color_processor(8, 8);
     ASSERT_NE(p, nullptr);
     const std::string home = folder_of(nullptr);
-    for (const char* file : deployed_modules) {
+    for (size_t i = 0; i < deployed_count; ++i) {
+        const char* file = deployed_modules[i];
         HMODULE module = GetModuleHandleA(file);
         ASSERT_NE(module, nullptr) << file << " is not loaded";
         EXPECT_EQ(folder_of(module), home) << file;
@@ -152,23 +156,25 @@ TEST_F(DeployedHost, TheLoggerWritesWhereItsConfigurationSays) {
 }
 
 // A host that ends without terminate: the library's at-exit function closes the log while the
-// process goes down, after Windows has already detached the logging module.
+// process goes down, after Windows has already detached the logging module, which was loaded
+// after the library.
+[[noreturn]] void initialize_transform_and_exit() {
+    if (kv_color_processing_module_initialize() != 0) std::exit(1);
+    kv_color_processor_handle p = kv_color_create_color_processor(0, 0);
+    uint16_t input[3] = {1, 2, 3};
+    uint16_t output[3] = {};
+    if (kv_color_transform_48_to_48(p, input, KV_FORMAT_BGR_INTERLEAVED, 0, 65535, 0, 65535, 0,
+                                    65535, 0, 0, 0, output, KV_FORMAT_BGR_INTERLEAVED, 1) != 0) {
+        std::exit(2);
+    }
+    std::exit(0);
+}
+
 TEST(DeployedHostExit, EndingWithoutTerminateIsClean) {
     const size_t lines_before = count_of(log_text(), "microseconds.");
-    EXPECT_EXIT(
-        {
-            if (kv_color_processing_module_initialize() != 0) std::exit(1);
-            kv_color_processor_handle p = kv_color_create_color_processor(0, 0);
-            uint16_t input[3] = {1, 2, 3};
-            uint16_t output[3] = {};
-            if (kv_color_transform_48_to_48(p, input, 0, 0, 65535, 0, 65535, 0, 65535, 0, 0, 0,
-                                            output, 0, 1) != 0) {
-                std::exit(2);
-            }
-            std::exit(0);
-        },
-        ::testing::ExitedWithCode(0), "");
-    EXPECT_EQ(count_of(log_text(), "microseconds."), lines_before + 1);
+    EXPECT_EXIT(initialize_transform_and_exit(), ::testing::ExitedWithCode(0), "");
+    EXPECT_EQ(count_of(log_text(), "microseconds."), lines_before + 1)
+        << "the timing line of the process that ended";
 }
 
 }  // namespace
