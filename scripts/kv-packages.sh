@@ -1,7 +1,7 @@
 # Sourced by the scripts in this folder: makes sure the Debian packages a build needs are there.
 # As root it installs what is missing; otherwise it names the packages and stops.
 
-kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config
+kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config libpng-dev libtiff-dev
                    libgtest-dev libgmock-dev)
 
 # The Windows cross build: MinGW-w64 (POSIX threads), GoogleTest's sources to build it with, and

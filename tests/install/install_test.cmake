@@ -1,0 +1,73 @@
+# Installs the build into a fresh prefix and builds the C host against it twice, through the
+# CMake package and through pkg-config, then runs both and the installed kelvane-color.
+# Run with cmake -P and: BUILD_DIR WORK_DIR HOST_DIR C_COMPILER C_FLAGS LINKER_FLAGS GENERATOR
+# PKG_CONFIG FAKE_MODULE_DIR (used only while the real LUT module is not built).
+
+function(kv_run)
+  cmake_parse_arguments(PARSE_ARGV 0 R "" "WHAT" "COMMAND")
+  execute_process(COMMAND ${R_COMMAND} RESULT_VARIABLE code OUTPUT_VARIABLE out
+                  ERROR_VARIABLE err)
+  if(NOT code EQUAL 0)
+    message(FATAL_ERROR "${R_WHAT} failed (${code}):\n${R_COMMAND}\n${out}\n${err}")
+  endif()
+  message(STATUS "${R_WHAT}: ok ${out}")
+endfunction()
+
+set(prefix "${WORK_DIR}/prefix")
+file(REMOVE_RECURSE "${WORK_DIR}")
+file(MAKE_DIRECTORY "${WORK_DIR}")
+foreach(component library development tool)
+  kv_run(WHAT "install ${component}"
+         COMMAND "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}"
+                 --component ${component})
+endforeach()
+
+file(GLOB_RECURSE library "${prefix}/*/libkelvane_qor_color_processing.so")
+file(GLOB_RECURSE pc_file "${prefix}/*/kelvane_qor_color_processing.pc")
+file(GLOB_RECURSE config "${prefix}/*/kelvane_qor_color_processingConfig.cmake")
+foreach(required library pc_file config)
+  if(NOT ${required})
+    message(FATAL_ERROR "the install has no ${required}")
+  endif()
+endforeach()
+if(NOT EXISTS "${prefix}/include/kelvane_qor_color_processing.h")
+  message(FATAL_ERROR "the install has no header")
+endif()
+get_filename_component(libdir "${library}" DIRECTORY)
+get_filename_component(pc_dir "${pc_file}" DIRECTORY)
+
+# With the real LUT module installed beside the library, the hosts must find it through the
+# library's RUNPATH alone; until then the fake one stands in on LD_LIBRARY_PATH.
+if(EXISTS "${libdir}/kelvane_qor_LUT.so")
+  set(run_env "${CMAKE_COMMAND}" -E env --unset=LD_LIBRARY_PATH)
+else()
+  message(STATUS "no kelvane_qor_LUT.so installed: using the fake module of ${FAKE_MODULE_DIR}")
+  set(run_env "${CMAKE_COMMAND}" -E env "LD_LIBRARY_PATH=${FAKE_MODULE_DIR}")
+endif()
+
+# 1. find_package
+kv_run(WHAT "configure the CMake host"
+       COMMAND "${CMAKE_COMMAND}" -S "${HOST_DIR}" -B "${WORK_DIR}/cmake-host" -G "${GENERATOR}"
+               "-DCMAKE_PREFIX_PATH=${prefix}" "-DCMAKE_C_COMPILER=${C_COMPILER}"
+               "-DCMAKE_C_FLAGS=${C_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${LINKER_FLAGS}")
+kv_run(WHAT "build the CMake host" COMMAND "${CMAKE_COMMAND}" --build "${WORK_DIR}/cmake-host")
+kv_run(WHAT "run the CMake host" COMMAND ${run_env} "${WORK_DIR}/cmake-host/host")
+
+# 2. pkg-config and the compiler alone
+execute_process(COMMAND "${CMAKE_COMMAND}" -E env "PKG_CONFIG_PATH=${pc_dir}"
+                        "${PKG_CONFIG}" --cflags --libs kelvane_qor_color_processing
+                RESULT_VARIABLE code OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT code EQUAL 0)
+  message(FATAL_ERROR "pkg-config does not know kelvane_qor_color_processing")
+endif()
+separate_arguments(flags UNIX_COMMAND "${flags}")
+separate_arguments(c_flags UNIX_COMMAND "${C_FLAGS} ${LINKER_FLAGS}")
+kv_run(WHAT "build the pkg-config host"
+       COMMAND "${C_COMPILER}" ${c_flags} "${HOST_DIR}/host.c" ${flags} "-Wl,-rpath,${libdir}"
+               -o "${WORK_DIR}/pkg-config-host")
+kv_run(WHAT "run the pkg-config host" COMMAND ${run_env} "${WORK_DIR}/pkg-config-host")
+
+# 3. The installed tool finds the library through its own RUNPATH.
+kv_run(WHAT "run the installed kelvane-color"
+       COMMAND ${run_env} "${prefix}/bin/kelvane-color" --chart-size 64x32 -o
+               "${WORK_DIR}/chart.ppm")

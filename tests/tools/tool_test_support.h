@@ -1,0 +1,51 @@
+// Helpers shared by the kelvane-color tests: running the parser on a list of words, scratch
+// files, and catching the tool's errors.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "options.h"
+#include "tool_error.h"
+
+namespace kv_tool_test {
+
+inline kv_tool::settings parse(const std::vector<std::string>& words) {
+    return kv_tool::parse_command_line(words);
+}
+
+// A folder under the test's temporary directory, empty at the start of each test.
+inline std::filesystem::path scratch_dir() {
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = std::string(info->test_suite_name()) + "_" + info->name();
+    for (char& c : name) {
+        if (c == '/') c = '_';
+    }
+    const auto dir = std::filesystem::temp_directory_path() / "kv_tool_tests" / name;
+    std::filesystem::remove_all(dir);
+    std::filesystem::create_directories(dir);
+    return dir;
+}
+
+inline std::string write_text(const std::filesystem::path& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+    return path.string();
+}
+
+// The error `action` throws; fails the test when it throws none.
+template <typename Action>
+kv_tool::tool_error error_of(Action&& action) {
+    try {
+        action();
+    } catch (const kv_tool::tool_error& e) {
+        return e;
+    }
+    ADD_FAILURE() << "no error thrown";
+    return kv_tool::tool_error(kv_tool::EXIT_OK, "");
+}
+
+}  // namespace kv_tool_test

@@ -1,0 +1,265 @@
+// The three modes of kelvane-color and the error reporting around them.
+#include "application.h"
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <new>
+#include <optional>
+#include <set>
+
+#include "bench.h"
+#include "chart.h"
+#include "processing.h"
+#include "system_probe.h"
+#include "tool_error.h"
+
+#if !defined(KV_TOOL_VERSION)
+#define KV_TOOL_VERSION "0"
+#endif
+
+namespace kv_tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string backend_text(int32_t backend) {
+    return backend == 0 ? std::string("the scalar kernels do the whole frame")
+                        : tier_name(backend) + " module, the scalar kernels finish the frame";
+}
+
+std::string tier_text(const settings& s, const system_report& system) {
+    return s.tier ? tier_name(*s.tier) + " (forced)" : tier_name(system.cpu.tier) + " (detected)";
+}
+
+std::string format_text(const settings& s, bool raw, file_type type) {
+    std::string text = std::to_string(s.bits) + "-bit " + (s.channels == 4 ? "RGBA" : "RGB");
+    if (raw) {
+        return std::to_string(s.bits * s.channels) + "-bit raw " + layout_name(s.output_layout);
+    }
+    return text + " " + file_type_name(type);
+}
+
+int run_info(const settings& s) {
+    const system_report system = probe_system();
+    std::printf("kelvane-color %s\n", KV_TOOL_VERSION);
+    const std::string library = library_path();
+    std::printf("library:   %s\n", library.empty() ? "(location unknown)" : library.c_str());
+    const cpu_report& cpu = system.cpu;
+    std::printf("processor: avx512 %s, avx2 %s, sse %s; tier %s (%d)\n", cpu.avx512 ? "yes" : "no",
+                cpu.avx2 ? "yes" : "no", cpu.sse ? "yes" : "no", tier_name(cpu.tier).c_str(),
+                cpu.tier);
+    std::printf("modules (found by file name through the platform's search order):\n");
+    const module_report* modules[] = {&system.LUT, &system.logger, &system.vector[0],
+                                      &system.vector[1], &system.vector[2]};
+    for (const module_report* m : modules) {
+        std::string where = m->path.empty() ? m->detail : m->path;
+        if (!m->path.empty() && !m->detail.empty()) where = m->detail + ", " + m->path;
+        std::printf("  %-46s %-10s %s\n", m->file_name.c_str(), module_state_name(m->state),
+                    where.c_str());
+    }
+    const int32_t tier = s.tier.value_or(cpu.tier);
+    std::printf("frames at tier %s: %s\n", tier_text(s, system).c_str(),
+                backend_text(routed_backend(tier, system.vector)).c_str());
+    const kv_status status = kv_color_processing_module_initialize();
+    kv_color_processing_module_terminate();
+    std::printf("library start: kv_color_processing_module_initialize returned %s\n",
+                status_name(status).c_str());
+    if (status != KV_STATUS_SUCCESS) {
+        std::fprintf(stderr,
+                     "kelvane-color: the library cannot start: the LUT module is missing or "
+                     "incomplete\n");
+        return EXIT_LIBRARY;
+    }
+    return EXIT_OK;
+}
+
+struct job {
+    std::string input;  // "" for the chart
+    std::string name;   // for messages
+};
+
+class progress_line {
+  public:
+    progress_line(bool shown, size_t total)
+        : shown_(shown && total > 1), terminal_(stderr_is_terminal()), total_(total) {}
+    void show(size_t index, const std::string& name) {
+        if (!shown_) return;
+        std::fprintf(stderr, terminal_ ? "\r[%zu/%zu] %s\x1b[K" : "[%zu/%zu] %s\n", index + 1,
+                     total_, name.c_str());
+        std::fflush(stderr);
+    }
+    // Before any other message, so it does not run into the progress line.
+    void interrupt() {
+        if (shown_ && terminal_) std::fputc('\n', stderr);
+    }
+    void finish() { interrupt(); }
+
+  private:
+    bool shown_, terminal_;
+    size_t total_;
+};
+
+std::string output_path_for(const settings& s, const job& j, file_type* type) {
+    if (!s.output.empty()) {
+        *type = file_type_of(s.output, "-o");
+        return s.output;
+    }
+    *type = s.output_type;
+    const std::string stem = j.input.empty() ? "chart" : fs::path(j.input).stem().string();
+    return (fs::path(s.output_dir) / (stem + file_type_extension(*type))).string();
+}
+
+int run_process(const settings& s) {
+    library_session session;
+    const system_report system = probe_system();
+    const pipeline_plan plan = plan_pipeline(s);
+    processor p(s, plan, s.tier);
+    const int32_t tier = s.tier.value_or(system.cpu.tier);
+    const int32_t backend = routed_backend(tier, system.vector);
+
+    std::vector<job> jobs;
+    if (s.inputs.empty()) jobs.push_back({"", "chart"});
+    for (const std::string& input : s.inputs) jobs.push_back({input, input});
+    if (!s.output_dir.empty()) {
+        std::error_code error;
+        fs::create_directories(s.output_dir, error);
+        if (error || !fs::is_directory(s.output_dir)) {
+            throw file_error(s.output_dir, "cannot create the output folder" +
+                                               (error ? ": " + error.message() : std::string()));
+        }
+    }
+
+    const bool batch = jobs.size() > 1;
+    progress_line progress(!s.quiet, jobs.size());
+    std::set<std::string> written;
+    int result = EXIT_OK;
+    size_t done = 0;
+    double total_pixels = 0, total_seconds = 0;
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        const job& j = jobs[i];
+        progress.show(i, j.name);
+        try {
+            const image picture =
+                j.input.empty() ? make_chart(s.chart_width, s.chart_height) : read_image(j.input);
+            const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
+            const size_t out_size = output_bytes(s, picture.pixel_count());
+            std::vector<uint16_t> output((out_size + 1) / 2);
+            const auto pixels = int32_t(picture.pixel_count());
+            const auto start = std::chrono::steady_clock::now();
+            const kv_status status =
+                run_transform(p.handle(), s, plan, input.data(), output.data(), pixels);
+            const double seconds =
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            check_transform(status, j.name, s, plan);
+
+            std::string target;
+            file_type type = file_type::raw;
+            if (!s.output.empty() || !s.output_dir.empty()) {
+                target = output_path_for(s, j, &type);
+                std::error_code error;
+                if (!j.input.empty() && fs::equivalent(j.input, target, error)) {
+                    throw file_error(target, "is the input " + j.input + "; not overwritten");
+                }
+                if (!written.insert(fs::absolute(target).lexically_normal().string()).second) {
+                    throw file_error(target,
+                                     "written already by an earlier input of this run; "
+                                     "not overwritten by " +
+                                         j.name);
+                }
+                if (type == file_type::raw) {
+                    write_file(target, output.data(), out_size);
+                } else {
+                    write_image(target, type, from_output_buffer(output.data(), s, picture));
+                }
+            }
+            ++done;
+            total_pixels += double(pixels);
+            total_seconds += seconds;
+            if (!batch && !s.quiet) {
+                std::printf(
+                    "kelvane-color: %s %dx%d%s%s%s\n", j.name.c_str(), picture.width,
+                    picture.height, target.empty() ? "" : " -> ", target.c_str(),
+                    target.empty()
+                        ? ""
+                        : (" (" + format_text(s, type == file_type::raw, type) + ")").c_str());
+                std::printf("  tier %s: %s; %.2f Mpix in %.2f ms, %.1f Mpix/s\n",
+                            tier_text(s, system).c_str(), backend_text(backend).c_str(),
+                            pixels / 1e6, seconds * 1e3, seconds > 0 ? pixels / seconds / 1e6 : 0);
+            }
+        } catch (const tool_error& e) {
+            // One unreadable or unwritable file does not stop a batch; anything else does.
+            if (!batch || e.code() != EXIT_FILE) throw;
+            progress.interrupt();
+            std::fprintf(stderr, "kelvane-color: %s\n", e.what());
+            result = EXIT_FILE;
+        }
+    }
+    progress.finish();
+    if (batch && !s.quiet) {
+        std::printf("kelvane-color: %zu of %zu files done; tier %s: %s; %.2f Mpix, %.1f Mpix/s\n",
+                    done, jobs.size(), tier_text(s, system).c_str(), backend_text(backend).c_str(),
+                    total_pixels / 1e6, total_seconds > 0 ? total_pixels / total_seconds / 1e6 : 0);
+    }
+    return result;
+}
+
+int run_bench_mode(const settings& s) {
+    library_session session;
+    const system_report system = probe_system();
+    const std::string source = s.inputs.empty() ? "chart" : s.inputs[0];
+    const image picture =
+        s.inputs.empty() ? make_chart(s.chart_width, s.chart_height) : read_image(s.inputs[0]);
+    const bench_result result = run_bench(s, system, picture, source);
+    if (s.json != "-" && !s.quiet) std::fputs(bench_table(result, s).c_str(), stdout);
+    if (!s.json.empty()) {
+        const std::string json = bench_json(result, s);
+        if (s.json == "-") {
+            std::fputs(json.c_str(), stdout);
+        } else {
+            write_file(s.json, json.data(), json.size());
+        }
+    }
+    for (const bench_row& row : result.tiers) {
+        if (row.measured && !row.matches_scalar) {
+            std::fprintf(stderr,
+                         "kelvane-color: bench: the %s output differs from the scalar "
+                         "output\n",
+                         tier_name(row.tier).c_str());
+            return EXIT_MISMATCH;
+        }
+    }
+    return EXIT_OK;
+}
+
+}  // namespace
+
+int run_kelvane_color(const std::vector<std::string>& arguments) {
+    try {
+        const settings s = parse_command_line(arguments);
+        switch (s.mode) {
+            case run_mode::help:
+                std::fputs(usage_text(), stdout);
+                return EXIT_OK;
+            case run_mode::version:
+                std::printf("kelvane-color %s\n", KV_TOOL_VERSION);
+                return 0;
+            case run_mode::info:
+                return run_info(s);
+            case run_mode::bench:
+                return run_bench_mode(s);
+            case run_mode::process:
+                return run_process(s);
+        }
+    } catch (const tool_error& e) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "kelvane-color: %s\n", e.what());
+        return e.code();
+    } catch (const std::bad_alloc&) {
+        std::fprintf(stderr, "kelvane-color: out of memory\n");
+        return EXIT_FILE;
+    }
+    return EXIT_OK;
+}
+
+}  // namespace kv_tool

@@ -1,0 +1,176 @@
+// Benchmark of the tiers through the library's exports.
+#include "bench.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+
+#include "processing.h"
+
+namespace kv_tool {
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+// Runs `frame` until `min_time` seconds have passed and at least three frames were timed, after
+// one untimed frame. Returns the frame times in seconds.
+std::vector<double> time_frames(double min_time, const std::function<void()>& frame) {
+    frame();
+    std::vector<double> times;
+    const auto start = clock_type::now();
+    while (times.size() < 3 ||
+           std::chrono::duration<double>(clock_type::now() - start).count() < min_time) {
+        const auto before = clock_type::now();
+        frame();
+        times.push_back(std::chrono::duration<double>(clock_type::now() - before).count());
+    }
+    return times;
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+std::string module_problem(const module_report& module) {
+    return "module " + module.file_name + " " + module_state_name(module.state) +
+           (module.detail.empty() ? "" : " (" + module.detail + ")");
+}
+
+std::string json_text(const std::string& text) {
+    std::string out = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+std::string number(double value, int decimals) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.*f", decimals, value);
+    return text;
+}
+
+}  // namespace
+
+bench_result run_bench(const settings& s, const system_report& system, const image& picture,
+                       const std::string& source) {
+    bench_result result;
+    result.source = source;
+    result.width = picture.width;
+    result.height = picture.height;
+    result.detected_tier = system.cpu.tier;
+    const pipeline_plan plan = plan_pipeline(s);
+    const auto pixels = int32_t(picture.pixel_count());
+    const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
+    const size_t out_size = output_bytes(s, picture.pixel_count());
+    std::vector<uint16_t> scalar_output((out_size + 1) / 2), output((out_size + 1) / 2);
+
+    for (int32_t tier = 0; tier < 4; ++tier) {
+        bench_row row;
+        row.tier = tier;
+        if (!cpu_supports(system.cpu, tier)) {
+            row.status = "not supported by this processor";
+        } else if (tier > 0 && system.vector[tier - 1].state != module_state::ready) {
+            row.status = module_problem(system.vector[tier - 1]);
+        } else {
+            processor p(s, plan, tier);
+            std::vector<uint16_t>& target = tier == 0 ? scalar_output : output;
+            std::fill(target.begin(), target.end(), uint16_t(0xA5A5));
+            kv_status status = KV_STATUS_SUCCESS;
+            const std::vector<double> times = time_frames(s.min_time, [&] {
+                status = run_transform(p.handle(), s, plan, input.data(), target.data(), pixels);
+            });
+            check_transform(status, source, s, plan);
+            row.measured = true;
+            row.status = "measured";
+            row.frames = int(times.size());
+            row.mpix_per_s = pixels / median(times) / 1e6;
+            row.best_mpix_per_s = pixels / *std::min_element(times.begin(), times.end()) / 1e6;
+            row.matches_scalar =
+                tier == 0 || std::memcmp(target.data(), scalar_output.data(), out_size) == 0;
+        }
+        result.tiers.push_back(row);
+    }
+
+    const size_t in_size = input.size() * sizeof(uint16_t);
+    std::vector<uint16_t> copy(input.size());
+    const std::vector<double> times =
+        time_frames(s.min_time, [&] { std::memcpy(copy.data(), input.data(), in_size); });
+    result.memcpy_mpix_per_s = pixels / median(times) / 1e6;
+    result.memcpy_gb_per_s = double(in_size) / median(times) / 1e9;
+    return result;
+}
+
+std::string bench_table(const bench_result& r, const settings& s) {
+    std::string out = "kelvane-color bench: " + r.source + " " + std::to_string(r.width) + "x" +
+                      std::to_string(r.height) + ", 48 to " + std::to_string(s.bits * s.channels) +
+                      " bits, " + layout_name(s.input_layout) + " to " +
+                      layout_name(s.output_layout) + "; detected tier " +
+                      tier_name(r.detected_tier) + "\n";
+    char line[256];
+    std::snprintf(line, sizeof line, "  %-8s %12s %12s %7s  %s\n", "tier", "Mpix/s", "best",
+                  "frames", "result");
+    out += line;
+    for (const bench_row& row : r.tiers) {
+        if (row.measured) {
+            std::snprintf(
+                line, sizeof line, "  %-8s %12.1f %12.1f %7d  %s\n", tier_name(row.tier).c_str(),
+                row.mpix_per_s, row.best_mpix_per_s, row.frames,
+                row.matches_scalar ? "output identical to scalar" : "OUTPUT DIFFERS FROM SCALAR");
+        } else {
+            std::snprintf(line, sizeof line, "  %-8s %12s %12s %7s  %s\n",
+                          tier_name(row.tier).c_str(), "-", "-", "-", row.status.c_str());
+        }
+        out += line;
+    }
+    std::snprintf(line, sizeof line, "  %-8s %12.1f %12s %7s  %.2f GB/s of input bytes\n", "memcpy",
+                  r.memcpy_mpix_per_s, "", "", r.memcpy_gb_per_s);
+    out += line;
+    return out;
+}
+
+std::string bench_json(const bench_result& r, const settings& s) {
+    std::string out = "{\n";
+    out += "  \"source\": " + json_text(r.source) + ",\n";
+    out += "  \"width\": " + std::to_string(r.width) + ",\n";
+    out += "  \"height\": " + std::to_string(r.height) + ",\n";
+    out += "  \"output_bits\": " + std::to_string(s.bits) + ",\n";
+    out += "  \"output_channels\": " + std::to_string(s.channels) + ",\n";
+    out += "  \"input_layout\": " + json_text(layout_name(s.input_layout)) + ",\n";
+    out += "  \"output_layout\": " + json_text(layout_name(s.output_layout)) + ",\n";
+    out += "  \"detected_tier\": " + json_text(tier_name(r.detected_tier)) + ",\n";
+    out += "  \"tiers\": [\n";
+    for (size_t i = 0; i < r.tiers.size(); ++i) {
+        const bench_row& row = r.tiers[i];
+        out += "    {\"tier\": " + std::to_string(row.tier) +
+               ", \"name\": " + json_text(tier_name(row.tier)) +
+               ", \"measured\": " + (row.measured ? "true" : "false") +
+               ", \"status\": " + json_text(row.status);
+        if (row.measured) {
+            out += ", \"mpix_per_s\": " + number(row.mpix_per_s, 3) +
+                   ", \"best_mpix_per_s\": " + number(row.best_mpix_per_s, 3) +
+                   ", \"frames\": " + std::to_string(row.frames) +
+                   ", \"matches_scalar\": " + (row.matches_scalar ? "true" : "false");
+        }
+        out += i + 1 < r.tiers.size() ? "},\n" : "}\n";
+    }
+    out += "  ],\n";
+    out +=
+        "  \"memcpy\": {\"bytes_per_pixel\": 6, \"mpix_per_s\": " + number(r.memcpy_mpix_per_s, 3) +
+        ", \"gb_per_s\": " + number(r.memcpy_gb_per_s, 3) + "}\n}\n";
+    return out;
+}
+
+}  // namespace kv_tool

@@ -1,0 +1,41 @@
+// The bench subcommand: Mpix/s of one setting on every tier the machine supports, each forced
+// through kv_color_create_color_processor_test, next to a memcpy of the same input bytes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "image_io.h"
+#include "options.h"
+#include "system_probe.h"
+
+namespace kv_tool {
+
+struct bench_row {
+    int32_t tier = 0;
+    std::string status;  // "measured", or why not
+    bool measured = false;
+    double mpix_per_s = 0;  // from the median frame time
+    double best_mpix_per_s = 0;
+    int frames = 0;
+    bool matches_scalar = true;  // output identical to the scalar tier's, byte for byte
+};
+
+struct bench_result {
+    std::string source;
+    int32_t width = 0, height = 0;
+    int32_t detected_tier = 0;
+    std::vector<bench_row> tiers;
+    double memcpy_mpix_per_s = 0;
+    double memcpy_gb_per_s = 0;
+};
+
+// Runs with the library started. Every tier's output is compared with the scalar tier's.
+bench_result run_bench(const settings& s, const system_report& system, const image& picture,
+                       const std::string& source);
+
+std::string bench_table(const bench_result& result, const settings& s);
+std::string bench_json(const bench_result& result, const settings& s);
+
+}  // namespace kv_tool

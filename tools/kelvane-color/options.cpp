@@ -1,0 +1,405 @@
+// Parsing of the kelvane-color command line, and the defaults that depend on several options.
+#include "options.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+
+#include "numbers.h"
+#include "tool_error.h"
+
+namespace kv_tool {
+namespace {
+
+constexpr const char* channel_names[3] = {"blue", "green", "red"};
+
+// Splits "[CHANNELS=]VALUE": CHANNELS is letters of b, g, r or one of blue, green, red; none
+// given means all three. Returns the mask, bit 0 blue.
+unsigned split_channels(const std::string& text, const std::string& option, std::string* value) {
+    const size_t equals = text.find('=');
+    if (equals != std::string::npos) {
+        const std::string prefix = text.substr(0, equals);
+        unsigned mask = 0;
+        for (int c = 0; c < 3; ++c) {
+            if (prefix == channel_names[c]) mask = 1u << c;
+        }
+        if (mask == 0 && !prefix.empty() && prefix.find_first_not_of("bgr") == std::string::npos) {
+            for (char letter : prefix) mask |= letter == 'b' ? 1u : letter == 'g' ? 2u : 4u;
+        }
+        if (mask != 0) {
+            *value = text.substr(equals + 1);
+            return mask;
+        }
+        if (prefix.find_first_of("/\\.") == std::string::npos) {
+            throw usage_error(option + ": '" + prefix +
+                              "' is not a channel list (b, g, r, any of them together, or blue, "
+                              "green, red)");
+        }
+    }
+    *value = text;
+    return 7u;
+}
+
+std::array<float, 9> parse_matrix(const std::string& text) {
+    std::string spaced = text;
+    std::replace(spaced.begin(), spaced.end(), ',', ' ');
+    std::vector<std::string> words;
+    size_t pos = 0;
+    while (pos < spaced.size()) {
+        const size_t start = spaced.find_first_not_of(" \t", pos);
+        if (start == std::string::npos) break;
+        const size_t end = spaced.find_first_of(" \t", start);
+        words.push_back(spaced.substr(start, end - start));
+        pos = end == std::string::npos ? spaced.size() : end;
+    }
+    if (words.size() != 9) {
+        throw usage_error("--matrix: expected nine numbers (three rows of red, green, blue), got " +
+                          std::to_string(words.size()) + " in '" + text + "'");
+    }
+    std::array<float, 9> m{};
+    for (size_t i = 0; i < 9; ++i) {
+        double v;
+        if (!parse_double(words[i], &v) || std::fabs(v) > 3.4e38) {
+            throw usage_error("--matrix: '" + words[i] + "' is not a number in '" + text + "'");
+        }
+        m[i] = float(v);
+    }
+    return m;
+}
+
+int32_t parse_layout(const std::string& text, const std::string& option) {
+    if (text == "planes") return 0;
+    if (text == "bgr") return 1;
+    if (text == "rgb") return 2;
+    int64_t v;
+    if (parse_integer(text, INT32_MIN, INT32_MAX, &v)) return int32_t(v);
+    throw usage_error(option + ": '" + text + "' is not a layout (planes, bgr, rgb)");
+}
+
+int32_t parse_tier(const std::string& text) {
+    static const char* names[] = {"scalar", "sse", "avx2", "avx512"};
+    for (int32_t t = 0; t < 4; ++t) {
+        if (text == names[t]) return t;
+    }
+    int64_t v;
+    if (parse_integer(text, INT32_MIN, INT32_MAX, &v)) return int32_t(v);
+    throw usage_error("--tier: '" + text + "' is not a tier (scalar, sse, avx2, avx512 or 0 to 3)");
+}
+
+int64_t parse_whole(const std::string& text, const std::string& option, int64_t low, int64_t high) {
+    int64_t v;
+    if (!parse_integer(text, low, high, &v)) {
+        throw usage_error(option + ": '" + text + "' is not a whole number from " +
+                          std::to_string(low) + " to " + std::to_string(high));
+    }
+    return v;
+}
+
+void parse_clamp(const std::string& text, settings* s) {
+    std::string value;
+    const unsigned mask = split_channels(text, "--clamp", &value);
+    const size_t colon = value.find(':');
+    if (colon == std::string::npos) {
+        throw usage_error("--clamp: expected MIN:MAX, as in 0:65535, got '" + text + "'");
+    }
+    const auto minimum = uint16_t(parse_whole(value.substr(0, colon), "--clamp", 0, 65535));
+    const auto maximum = uint16_t(parse_whole(value.substr(colon + 1), "--clamp", 0, 65535));
+    for (int c = 0; c < 3; ++c) {
+        if (mask & (1u << c)) {
+            s->clamp_min[c] = minimum;
+            s->clamp_max[c] = maximum;
+        }
+    }
+}
+
+void parse_shift(const std::string& text, settings* s) {
+    std::string value;
+    const unsigned mask = split_channels(text, "--shift", &value);
+    int64_t v;
+    if (!parse_integer(value, INT32_MIN, INT32_MAX, &v)) {
+        throw usage_error("--shift: '" + value + "' is not a whole number");
+    }
+    for (int c = 0; c < 3; ++c) {
+        if (mask & (1u << c)) s->shift[c] = int32_t(v);
+    }
+}
+
+void parse_LUT(const std::string& text, const std::string& option, std::array<curve, 3>* LUTs) {
+    std::string value;
+    const unsigned mask = split_channels(text, option, &value);
+    const curve c = parse_curve(value, option);
+    for (int ch = 0; ch < 3; ++ch) {
+        if (mask & (1u << ch)) (*LUTs)[ch] = c;
+    }
+}
+
+int bit_length(uint64_t value) {
+    int bits = 0;
+    while (value != 0) {
+        ++bits;
+        value >>= 1;
+    }
+    return bits;
+}
+
+}  // namespace
+
+settings parse_command_line(const std::vector<std::string>& arguments) {
+    settings s;
+    size_t first = 0;
+    if (!arguments.empty() && arguments[0] == "bench") {
+        s.mode = run_mode::bench;
+        first = 1;
+    }
+    bool output_options = false;
+    bool bench_options = false;
+    bool chart_size_given = false;
+    for (size_t a = first; a < arguments.size(); ++a) {
+        std::string arg = arguments[a];
+        std::string value;
+        bool has_value = false;
+        if (arg.size() > 2 && arg[0] == '-' && arg[1] == '-') {
+            const size_t equals = arg.find('=');
+            if (equals != std::string::npos) {
+                value = arg.substr(equals + 1);
+                arg = arg.substr(0, equals);
+                has_value = true;
+            }
+        }
+        auto take = [&]() -> std::string {
+            if (has_value) return value;
+            if (a + 1 >= arguments.size()) throw usage_error(arg + " needs a value");
+            return arguments[++a];
+        };
+        auto no_value = [&]() {
+            if (has_value) throw usage_error(arg + " takes no value");
+        };
+        if (arg == "-h" || arg == "--help") {
+            no_value();
+            s.mode = run_mode::help;
+            return s;
+        } else if (arg == "--version") {
+            no_value();
+            s.mode = run_mode::version;
+            return s;
+        } else if (arg == "--info") {
+            no_value();
+            if (s.mode == run_mode::bench) throw usage_error("--info: not an option of bench");
+            s.mode = run_mode::info;
+        } else if (arg == "-q" || arg == "--quiet") {
+            no_value();
+            s.quiet = true;
+        } else if (arg == "-o" || arg == "--output") {
+            s.output = take();
+            if (s.output.empty()) throw usage_error(arg + ": empty file name");
+            output_options = true;
+        } else if (arg == "--output-dir") {
+            s.output_dir = take();
+            if (s.output_dir.empty()) throw usage_error("--output-dir: empty folder name");
+            output_options = true;
+        } else if (arg == "--output-type") {
+            const std::string type = take();
+            s.output_type = file_type_of("x." + type, "--output-type");
+            if (s.output_type == file_type::tiff) {
+                throw usage_error("--output-type: TIFF is read only (use png, ppm, pam or raw)");
+            }
+            s.output_type_given = true;
+            output_options = true;
+        } else if (arg == "--matrix") {
+            s.matrices.push_back(parse_matrix(take()));
+        } else if (arg == "--input-lut") {
+            parse_LUT(take(), arg, &s.input_LUT);
+        } else if (arg == "--output-lut") {
+            parse_LUT(take(), arg, &s.output_LUT);
+        } else if (arg == "--output-lut-bits") {
+            s.output_LUT_bits = int(parse_whole(take(), arg, 0, 16));
+        } else if (arg == "--output-lut-max") {
+            s.output_LUT_max = uint32_t(parse_whole(take(), arg, 1, 4294967295LL));
+        } else if (arg == "--clamp") {
+            parse_clamp(take(), &s);
+        } else if (arg == "--shift") {
+            parse_shift(take(), &s);
+        } else if (arg == "--bits") {
+            const int64_t bits = parse_whole(take(), arg, 8, 16);
+            if (bits != 8 && bits != 16) throw usage_error("--bits: must be 8 or 16");
+            s.bits = int(bits);
+        } else if (arg == "--channels") {
+            s.channels = int(parse_whole(take(), arg, 3, 4));
+        } else if (arg == "--input-layout") {
+            s.input_layout = parse_layout(take(), arg);
+        } else if (arg == "--output-layout") {
+            s.output_layout = parse_layout(take(), arg);
+        } else if (arg == "--tier") {
+            s.tier = parse_tier(take());
+        } else if (arg == "--chart-size") {
+            const std::string size = take();
+            const size_t x = size.find('x');
+            if (x == std::string::npos) {
+                throw usage_error("--chart-size: expected WIDTHxHEIGHT, got '" + size + "'");
+            }
+            s.chart_width = int32_t(parse_whole(size.substr(0, x), arg, 1, 65536));
+            s.chart_height = int32_t(parse_whole(size.substr(x + 1), arg, 1, 65536));
+            if (int64_t(s.chart_width) * s.chart_height > INT32_MAX) {
+                throw usage_error("--chart-size: more pixels than one frame can hold");
+            }
+            chart_size_given = true;
+        } else if (arg == "--json") {
+            s.json = take();
+            if (s.json.empty()) throw usage_error("--json: empty file name (use - for stdout)");
+            bench_options = true;
+        } else if (arg == "--min-time") {
+            double seconds;
+            const std::string text = take();
+            if (!parse_double(text, &seconds) || seconds <= 0 || seconds > 60) {
+                throw usage_error("--min-time: '" + text +
+                                  "' is not a number of seconds above 0 "
+                                  "and at most 60");
+            }
+            s.min_time = seconds;
+            bench_options = true;
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            throw usage_error("unknown option '" + arg + "' (see kelvane-color --help)");
+        } else {
+            s.inputs.push_back(arg);
+        }
+    }
+
+    if (s.mode == run_mode::info && !s.inputs.empty()) {
+        throw usage_error("--info: takes no input files");
+    }
+    if (s.mode == run_mode::bench) {
+        if (output_options)
+            throw usage_error(
+                "bench writes no image: drop -o, --output-dir and "
+                "--output-type");
+        if (s.inputs.size() > 1) throw usage_error("bench: one input image at most");
+    } else if (bench_options) {
+        throw usage_error("--json and --min-time are options of bench");
+    }
+    if (!s.output.empty() && !s.output_dir.empty()) {
+        throw usage_error("-o and --output-dir: give one of them");
+    }
+    if (!s.output.empty() && s.inputs.size() > 1) {
+        throw usage_error("-o names one file, but there are " + std::to_string(s.inputs.size()) +
+                          " inputs: use --output-dir");
+    }
+    if (s.output_type_given && s.output_dir.empty()) {
+        throw usage_error(
+            "--output-type goes with --output-dir (-o takes the type from its "
+            "extension)");
+    }
+    if (chart_size_given && !s.inputs.empty()) {
+        throw usage_error("--chart-size: only without input files");
+    }
+    if (!s.output.empty()) {
+        const file_type type = file_type_of(s.output, "-o");
+        if (type == file_type::tiff) {
+            throw usage_error("-o: TIFF is read only (use .png, .ppm, .pam or .raw)");
+        }
+        if (type == file_type::ppm && s.channels == 4) {
+            throw usage_error(
+                "-o: PPM holds three channels; write --channels 4 to .pam, .png or "
+                ".raw");
+        }
+    }
+    if (!s.output_dir.empty() && s.output_type == file_type::ppm && s.channels == 4) {
+        throw usage_error(
+            "--output-type: PPM holds three channels; use pam, png or raw with "
+            "--channels 4");
+    }
+    return s;
+}
+
+pipeline_plan plan_pipeline(const settings& s) {
+    pipeline_plan plan;
+    bool any_input = false, any_output = false;
+    for (int c = 0; c < 3; ++c) {
+        plan.channel[c].input_LUT = s.input_LUT[c].kind != curve_kind::off;
+        plan.channel[c].output_LUT = s.output_LUT[c].kind != curve_kind::off;
+        any_input = any_input || plan.channel[c].input_LUT;
+        any_output = any_output || plan.channel[c].output_LUT;
+    }
+    // Any 16-bit value may index an input table, so it always has 2^16 entries.
+    plan.input_LUT_bits = any_input ? 16 : 0;
+    plan.output_LUT_bits = any_output ? s.output_LUT_bits : 0;
+    const uint32_t last_entry = (1u << s.output_LUT_bits) - 1;
+    plan.output_LUT_max = s.output_LUT_max.value_or(last_entry);
+    for (int c = 0; c < 3; ++c) {
+        channel_plan& p = plan.channel[c];
+        p.minimum = s.clamp_min[c].value_or(0);
+        p.maximum = s.clamp_max[c].value_or(p.output_LUT ? uint16_t(std::min(last_entry, 65535u))
+                                                         : uint16_t(65535));
+        const uint32_t top = p.output_LUT ? plan.output_LUT_max : p.maximum;
+        const int automatic = std::clamp(s.bits - bit_length(top), -15, 15);
+        p.shift = s.shift[c].value_or(top == 0 ? 0 : automatic);
+    }
+    return plan;
+}
+
+std::string layout_name(int32_t layout) {
+    switch (layout) {
+        case 0:
+            return "BGR planes";
+        case 1:
+            return "BGR interleaved";
+        case 2:
+            return "RGB interleaved";
+        default:
+            return "layout " + std::to_string(layout);
+    }
+}
+
+std::string tier_name(int32_t tier) {
+    switch (tier) {
+        case 0:
+            return "scalar";
+        case 1:
+            return "sse";
+        case 2:
+            return "avx2";
+        case 3:
+            return "avx512";
+        default:
+            return "tier " + std::to_string(tier);
+    }
+}
+
+const char* usage_text() {
+    return R"(usage: kelvane-color [OPTIONS] [INPUT...]     process images (none: a built-in test chart)
+       kelvane-color bench [OPTIONS] [INPUT]    Mpix/s of each tier next to memcpy
+       kelvane-color --info                     tier, modules and back-end of this machine
+
+Input: PNG, PPM/PGM/PAM (binary, maximum value up to 65535), TIFF; read as 16-bit samples.
+Output:
+  -o, --output FILE         one output: .png, .ppm, .pam or .raw (the library's buffer as is)
+  --output-dir DIR          one output per input, DIR/<input name>.<type>
+  --output-type TYPE        png (default), ppm, pam or raw, with --output-dir
+  --bits 8|16               output element width (default 8)
+  --channels 3|4            elements a pixel (default 3; the fourth carries the input's alpha)
+  --input-layout L          planes, bgr or rgb: the buffer handed to the library (default rgb)
+  --output-layout L         planes, bgr or rgb: the buffer the library writes (default rgb)
+Pipeline (every CH= prefix is optional: b, g, r, any of them together, or blue, green, red):
+  --matrix M                nine numbers by rows, red, green, blue; repeatable, appended in order
+                            (the last one given is applied to the pixel first)
+  --input-lut [CH=]CURVE    input LUT: identity, srgb, inverse-srgb, gamma:G, inverse-gamma:G,
+                            scale:K, off, or FILE.cube (1D)
+  --output-lut [CH=]CURVE   output LUT, the same curves
+  --output-lut-bits N       output LUT size 2^N, 0 to 16 (default 16)
+  --output-lut-max V        what a curve's 1.0 becomes in the output LUT (default 2^N - 1)
+  --clamp [CH=]MIN:MAX      clamp bounds of the matrix result (default 0:65535)
+  --shift [CH=]N            -15 to 15; default: the channel's top value to the top output bit
+  --tier T                  force a tier: scalar, sse, avx2, avx512 or a number
+Other:
+  --chart-size WxH          size of the built-in chart (default 1920x1080)
+  -q, --quiet               no summary and no progress line
+  --json FILE               bench: also write the results as JSON (- for stdout)
+  --min-time S              bench: seconds of frames for each tier (default 0.5)
+  -h, --help                this text
+  --version                 version of kelvane-color
+Exit codes: 0 done, 1 file error, 2 bad command line, 3 the library could not start,
+4 the library refused a transform, 5 bench: a tier's output differs from scalar.
+Reference: docs/kelvane-color.md.
+)";
+}
+
+}  // namespace kv_tool

@@ -1,0 +1,74 @@
+// The command line of kelvane-color: what it may say and the settings it turns into.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "curves.h"
+#include "image_io.h"
+
+namespace kv_tool {
+
+enum class run_mode { process, bench, info, help, version };
+
+// Every list of three runs blue, green, red, as in the library.
+struct settings {
+    run_mode mode = run_mode::process;
+    std::vector<std::string> inputs;  // none: the built-in chart
+    std::string output;               // -o: one file
+    std::string output_dir;           // --output-dir: one file per input
+    file_type output_type = file_type::png;
+    bool output_type_given = false;
+
+    std::vector<std::array<float, 9>> matrices;  // appended in this order
+    std::array<curve, 3> input_LUT;
+    std::array<curve, 3> output_LUT;
+    int output_LUT_bits = 16;
+    std::optional<uint32_t> output_LUT_max;  // what a curve's 1.0 becomes; default 2^bits - 1
+    std::array<std::optional<uint16_t>, 3> clamp_min, clamp_max;
+    std::array<std::optional<int32_t>, 3> shift;
+    int bits = 8;               // output element width
+    int channels = 3;           // output elements a pixel
+    int32_t input_layout = 2;   // KV_FORMAT_RGB_INTERLEAVED
+    int32_t output_layout = 2;  // KV_FORMAT_RGB_INTERLEAVED
+    std::optional<int32_t> tier;
+    int32_t chart_width = 1920;
+    int32_t chart_height = 1080;
+    bool quiet = false;
+
+    std::string json;       // bench: "" none, "-" stdout, else a file
+    double min_time = 0.5;  // bench: seconds of frames per tier
+};
+
+// Throws a usage error (exit code 2) whose message names the option at fault.
+settings parse_command_line(const std::vector<std::string>& arguments);
+
+// What the pipeline gets once defaults are filled in, per channel blue, green, red.
+struct channel_plan {
+    bool input_LUT = false;
+    bool output_LUT = false;
+    uint16_t minimum = 0;
+    uint16_t maximum = 65535;
+    int32_t shift = 0;
+};
+struct pipeline_plan {
+    std::array<channel_plan, 3> channel;
+    int32_t input_LUT_bits = 0;
+    int32_t output_LUT_bits = 0;
+    uint32_t output_LUT_max = 0;
+};
+
+// Clamp maximum: 2^bits - 1 of the output LUT when it is on, else 65535. Shift: moves the top of
+// the channel's range (the LUT maximum when the output LUT is on, else the clamp maximum) to the
+// top bit of the output element.
+pipeline_plan plan_pipeline(const settings& s);
+
+std::string layout_name(int32_t layout);
+std::string tier_name(int32_t tier);
+
+const char* usage_text();
+
+}  // namespace kv_tool
