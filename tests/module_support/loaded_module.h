@@ -12,6 +12,9 @@
 #include <vector>
 
 #if defined(_WIN32)
+#ifndef NOMINMAX
+#define NOMINMAX  // std::min and std::max stay usable in the tests that include this
+#endif
 #include <windows.h>
 #else
 #include <dlfcn.h>
