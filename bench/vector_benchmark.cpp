@@ -1,0 +1,419 @@
+// Throughput of every path side by side in one run: the scalar kernels, the three vector modules
+// (each followed by the scalar tail, as the library routes a frame), a memcpy of the frame's input
+// bytes and, where OpenCV is installed, cv::transform on the same 16-bit 3x3 work. Four workloads
+// at three frame sizes; a table on stdout and, with --json, the same figures as JSON.
+//
+//   kv_vector_benchmark [--json FILE] [--modules DIR] [--min-time SECONDS] [--quick]
+//                       [--workloads abcd] [--sizes 65536,1920x1080,3840x2160]
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#if defined(_WIN32)
+#include <malloc.h>
+#include <windows.h>
+#else
+#include <dlfcn.h>
+#endif
+
+#if defined(KV_HAVE_OPENCV)
+#include <opencv2/core.hpp>
+#endif
+
+#include "kernels/dispatch.h"
+#include "kernels/transform_request.h"
+#include "modules/vector/instruction_sets.h"
+#include "services/module_abi.h"
+
+namespace {
+
+using kv::transform_request;
+
+// ---------------------------------------------------------------------------------------------
+// Paths
+// ---------------------------------------------------------------------------------------------
+
+struct vector_module {
+    const char* label;
+    const char* suffix;
+    kv::vector::instruction_set set;
+    kv::abi::vector_transform_fn transform_8 = nullptr;
+    kv::abi::vector_transform_fn transform_16 = nullptr;
+    std::string unavailable;  // why the tier is skipped, empty when usable
+};
+
+void* find_entry(void* handle, const std::string& name) {
+#if defined(_WIN32)
+    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle), name.c_str()));
+#else
+    return dlsym(handle, name.c_str());
+#endif
+}
+
+void load(vector_module& m, const std::string& directory) {
+    if (const char* missing = kv::vector::missing_feature(m.set)) {
+        m.unavailable = std::string("processor lacks ") + missing;
+        return;
+    }
+#if defined(_WIN32)
+    const std::string path =
+        directory + "\\kelvane_qor_color_processing_vector_" + m.suffix + ".dll";
+    void* handle = LoadLibraryA(path.c_str());
+#else
+    const std::string path = directory + "/kelvane_qor_color_processing_vector_" + m.suffix + ".so";
+    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+#endif
+    if (handle == nullptr) {
+        m.unavailable = "cannot load " + path;
+        return;
+    }
+    const std::string s = m.suffix;
+    auto initialize = reinterpret_cast<kv::abi::vector_initialize_fn>(
+        find_entry(handle, "kv_color_processing_vector_" + s + "_module_initialize"));
+    m.transform_8 = reinterpret_cast<kv::abi::vector_transform_fn>(
+        find_entry(handle, "kv_color_processing_transform_8_bit_output_vector_" + s));
+    m.transform_16 = reinterpret_cast<kv::abi::vector_transform_fn>(
+        find_entry(handle, "kv_color_processing_transform_16_bit_output_vector_" + s));
+    if (!initialize || !m.transform_8 || !m.transform_16) {
+        m.unavailable = "entries missing in " + path;
+    } else if (initialize() != 0) {
+        m.unavailable = "initialize refused";
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Workloads
+// ---------------------------------------------------------------------------------------------
+
+struct workload {
+    const char* key;
+    const char* title;
+    int width;
+    kv::pixel_format input_format, output_format;
+    bool input_LUTs, output_LUTs;
+    int32_t shift;
+    bool opencv_comparable;  // cv::transform does the same 3x3 work on 16-bit pixels
+};
+
+const workload workloads[] = {
+    {"a", "48 to 48 interleaved, matrix only", 16, kv::FORMAT_BGR_INTERLEAVED,
+     kv::FORMAT_BGR_INTERLEAVED, false, false, 0, true},
+    {"b", "48 to 24, output LUTs, right shift", 8, kv::FORMAT_BGR_INTERLEAVED,
+     kv::FORMAT_BGR_INTERLEAVED, false, true, -8, false},
+    {"c", "48 to 48, all six LUTs", 16, kv::FORMAT_BGR_INTERLEAVED, kv::FORMAT_BGR_INTERLEAVED,
+     true, true, 0, false},
+    {"d", "48 planar to 48 interleaved", 16, kv::FORMAT_BGR_PLANES, kv::FORMAT_BGR_INTERLEAVED,
+     false, false, 0, false},
+};
+
+struct frame_size {
+    const char* label;
+    int width, height;
+};
+
+const frame_size sizes[] = {
+    {"65536", 256, 256}, {"1920x1080", 1920, 1080}, {"3840x2160", 3840, 2160}};
+
+// A typical camera-to-display matrix, by rows red, green, blue.
+const float color_matrix[9] = {1.62f, -0.42f, -0.20f, -0.28f, 1.51f, -0.23f, 0.02f, -0.49f, 1.47f};
+
+// Page-aligned, pre-faulted storage.
+struct buffer {
+    void* data = nullptr;
+    size_t bytes = 0;
+    explicit buffer(size_t size) : bytes(size) {
+        const size_t rounded = (size + 4095) / 4096 * 4096 + 4096;
+#if defined(_WIN32)
+        data = _aligned_malloc(rounded, 4096);
+#else
+        data = std::aligned_alloc(4096, rounded);
+#endif
+        std::memset(data, 0, rounded);
+    }
+    ~buffer() {
+#if defined(_WIN32)
+        _aligned_free(data);
+#else
+        std::free(data);
+#endif
+    }
+    buffer(const buffer&) = delete;
+    buffer& operator=(const buffer&) = delete;
+};
+
+// Image-like content: smooth gradients over the frame with a little sensor noise.
+void fill_image(uint16_t* input, const frame_size& size, kv::pixel_format format) {
+    const size_t n = size_t(size.width) * size.height;
+    uint32_t noise = 12345;
+    for (int y = 0; y < size.height; ++y) {
+        for (int x = 0; x < size.width; ++x) {
+            const size_t i = size_t(y) * size.width + x;
+            noise = noise * 1664525u + 1013904223u;
+            const int jitter = int(noise >> 28) - 8;
+            const int red = 4000 + 50000 * x / size.width + jitter;
+            const int green = 8000 + 40000 * y / size.height + jitter;
+            const int blue = 30000 + int(20000 * std::sin(0.002 * (x + y))) + jitter;
+            const uint16_t channel[3] = {uint16_t(blue), uint16_t(green), uint16_t(red)};
+            for (int c = 0; c < 3; ++c) {
+                const size_t place = format == kv::FORMAT_BGR_PLANES ? c * n + i : 3 * i + c;
+                input[place] = channel[c];
+            }
+        }
+    }
+}
+
+// Gamma-like curves: decode on the way in, encode on the way out (16-bit results).
+std::vector<uint32_t> curve(double exponent) {
+    std::vector<uint32_t> table(65536);
+    for (uint32_t i = 0; i < 65536; ++i) {
+        table[i] = uint32_t(std::lround(65535.0 * std::pow(i / 65535.0, exponent)));
+    }
+    return table;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Timing
+// ---------------------------------------------------------------------------------------------
+
+struct timing {
+    double best_seconds = 0, median_seconds = 0;
+    int runs = 0;
+};
+
+timing measure(const std::function<void()>& run, double min_time, int min_runs) {
+    run();  // warm-up: caches, page tables, branch predictors
+    std::vector<double> times;
+    double total = 0;
+    while (total < min_time || int(times.size()) < min_runs) {
+        const auto start = std::chrono::steady_clock::now();
+        run();
+        const double t =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        times.push_back(t);
+        total += t;
+    }
+    std::sort(times.begin(), times.end());
+    return {times.front(), times[times.size() / 2], int(times.size())};
+}
+
+struct result {
+    std::string workload, size, path;
+    uint64_t pixels;
+    timing time;
+    bool exact;  // output identical to the scalar kernels' (always true for memcpy / OpenCV)
+    double mpix() const { return pixels / time.best_seconds / 1e6; }
+};
+
+std::string json_escape(const std::string& s) {
+    std::string out;
+    for (char c : s) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
+    }
+    return out;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string json_path, module_directory = KV_VECTOR_MODULE_DIRECTORY;
+    std::string only_workloads = "abcd", only_sizes = "65536,1920x1080,3840x2160";
+    double min_time = 0.4;
+    int min_runs = 5;
+    for (int a = 1; a < argc; ++a) {
+        const std::string arg = argv[a];
+        if (arg == "--json" && a + 1 < argc) {
+            json_path = argv[++a];
+        } else if (arg == "--modules" && a + 1 < argc) {
+            module_directory = argv[++a];
+        } else if (arg == "--min-time" && a + 1 < argc) {
+            min_time = std::atof(argv[++a]);
+        } else if (arg == "--workloads" && a + 1 < argc) {
+            only_workloads = argv[++a];
+        } else if (arg == "--sizes" && a + 1 < argc) {
+            only_sizes = "," + std::string(argv[++a]) + ",";
+        } else if (arg == "--quick") {
+            min_time = 0.05;
+            min_runs = 2;
+        } else {
+            std::fprintf(stderr,
+                         "usage: %s [--json FILE] [--modules DIR] [--min-time SECONDS] "
+                         "[--quick] [--workloads abcd] [--sizes 65536,1920x1080,3840x2160]\n"
+                         "(unknown argument \"%s\")\n",
+                         argv[0], arg.c_str());
+            return 2;
+        }
+    }
+
+    vector_module modules[3] = {
+        {"SSE", "sse", kv::vector::instruction_set::sse41, nullptr, nullptr, {}},
+        {"AVX2", "avx2", kv::vector::instruction_set::avx2, nullptr, nullptr, {}},
+        {"AVX-512", "avx512", kv::vector::instruction_set::avx512, nullptr, nullptr, {}}};
+    for (vector_module& m : modules) {
+        load(m, module_directory);
+        if (!m.unavailable.empty())
+            std::printf("# %s skipped: %s\n", m.label, m.unavailable.c_str());
+    }
+#if defined(KV_HAVE_OPENCV)
+    cv::setNumThreads(1);
+    std::printf("# OpenCV %s, cv::transform single-threaded\n", CV_VERSION);
+#else
+    std::printf("# OpenCV not found at build time: no cv::transform column\n");
+#endif
+
+    const std::vector<uint32_t> decode = curve(2.2), encode = curve(1.0 / 2.2);
+    kv::color_correction_head matrix;
+    std::memcpy(matrix.matrix, color_matrix, sizeof matrix.matrix);
+
+    std::vector<result> results;
+    for (const workload& w : workloads) {
+        if (only_workloads.find(w.key) == std::string::npos) continue;
+        for (const frame_size& size : sizes) {
+            if (("," + only_sizes + ",").find("," + std::string(size.label) + ",") ==
+                std::string::npos) {
+                continue;
+            }
+            const uint64_t n = uint64_t(size.width) * size.height;
+            const size_t input_bytes = 6 * n, output_bytes = n * 3 * (w.width / 8);
+            buffer input(input_bytes), output(output_bytes), expected(output_bytes),
+                copy(input_bytes);
+            fill_image(static_cast<uint16_t*>(input.data), size, w.input_format);
+
+            transform_request r;
+            std::memset(&r, 0, sizeof r);
+            r.input_buffer = static_cast<const uint16_t*>(input.data);
+            r.input_format = w.input_format;
+            r.output_buffer = output.data;
+            r.output_format = w.output_format;
+            r.pixel_count = int32_t(n);
+            r.processor = reinterpret_cast<const kv::color_correction*>(&matrix);
+            r.blue_output_max = r.green_output_max = r.red_output_max = 0xFFFF;
+            r.blue_input_LUT = r.green_input_LUT = r.red_input_LUT = decode.data();
+            r.blue_output_LUT = r.green_output_LUT = r.red_output_LUT = encode.data();
+            r.blue_input_LUT_enabled = r.green_input_LUT_enabled = r.red_input_LUT_enabled =
+                w.input_LUTs;
+            r.blue_output_LUT_enabled = r.green_output_LUT_enabled = r.red_output_LUT_enabled =
+                w.output_LUTs;
+            r.blue_shift_distance = r.green_shift_distance = r.red_shift_distance = w.shift;
+
+            auto scalar = [&](const transform_request& request, int32_t start) {
+                if (w.width == 8) {
+                    kv::dispatch_kernel_8(&request, start);
+                } else {
+                    kv::dispatch_kernel_16(&request, start);
+                }
+            };
+            auto add = [&](const char* path, const timing& t, bool exact) {
+                results.push_back({w.key, size.label, path, n, t, exact});
+                std::fflush(stdout);
+            };
+
+            transform_request scalar_request = r;
+            scalar_request.output_buffer = expected.data;
+            add("scalar", measure([&] { scalar(scalar_request, 0); }, min_time, 2), true);
+            for (const vector_module& m : modules) {
+                if (!m.unavailable.empty()) continue;
+                const auto transform = w.width == 8 ? m.transform_8 : m.transform_16;
+                std::memset(output.data, 0xEE, output_bytes);
+                const timing t = measure([&] { scalar(r, transform(&r)); }, min_time, min_runs);
+                add(m.label, t, std::memcmp(output.data, expected.data, output_bytes) == 0);
+            }
+            add("memcpy",
+                measure([&] { std::memcpy(copy.data, input.data, input_bytes); }, min_time,
+                        min_runs),
+                true);
+#if defined(KV_HAVE_OPENCV)
+            if (w.opencv_comparable) {
+                const cv::Mat source(size.height, size.width, CV_16UC3, input.data);
+                cv::Mat destination(size.height, size.width, CV_16UC3, output.data);
+                // cv::transform's matrix maps source channels (B, G, R) to destination channels.
+                const float* m = color_matrix;
+                const cv::Matx33f bgr(m[8], m[7], m[6], m[5], m[4], m[3], m[2], m[1], m[0]);
+                add("OpenCV",
+                    measure([&] { cv::transform(source, destination, bgr); }, min_time, min_runs),
+                    true);
+            }
+#endif
+        }
+    }
+
+    // The table: one row per workload and size, Mpix/s per path, and the ratios the targets use.
+    const char* paths[] = {"scalar", "SSE", "AVX2", "AVX-512", "memcpy", "OpenCV"};
+    std::printf("\nMpix/s, best of repeated runs, single thread\n");
+    std::printf("%-3s %-10s %9s %9s %9s %9s %9s %9s  %9s %9s %9s\n", "", "size", "scalar", "SSE",
+                "AVX2", "AVX-512", "memcpy", "OpenCV", "512/mcpy", "AVX2/mcpy", "SSE/scal");
+    for (const workload& w : workloads) {
+        for (const frame_size& size : sizes) {
+            double value[6] = {0, 0, 0, 0, 0, 0};
+            bool inexact = false, measured = false;
+            for (const result& x : results) {
+                if (x.workload != w.key || x.size != size.label) continue;
+                for (int p = 0; p < 6; ++p) {
+                    if (x.path == paths[p]) value[p] = x.mpix();
+                }
+                inexact = inexact || !x.exact;
+                measured = true;
+            }
+            if (!measured) continue;
+            std::printf("(%s) %-10s", w.key, size.label);
+            for (double v : value) {
+                if (v > 0) {
+                    std::printf(" %9.0f", v);
+                } else {
+                    std::printf(" %9s", "-");
+                }
+            }
+            auto ratio = [](double a, double b) {
+                if (a > 0 && b > 0) {
+                    std::printf(" %9.2f", a / b);
+                } else {
+                    std::printf(" %9s", "-");
+                }
+            };
+            std::printf(" ");
+            ratio(value[3], value[4]);
+            ratio(value[2], value[4]);
+            ratio(value[1], value[0]);
+            std::printf("%s\n", inexact ? "  OUTPUT DIFFERS FROM SCALAR" : "");
+        }
+    }
+    for (const workload& w : workloads) {
+        if (only_workloads.find(w.key) != std::string::npos)
+            std::printf("(%s) %s\n", w.key, w.title);
+    }
+    std::printf("memcpy copies the frame's input bytes (6 per pixel).\n");
+
+    bool all_exact = true;
+    for (const result& x : results) all_exact = all_exact && x.exact;
+
+    if (!json_path.empty()) {
+        std::ofstream json(json_path);
+        json << "{\n  \"unit\": \"Mpix/s\",\n  \"results\": [\n";
+        for (size_t i = 0; i < results.size(); ++i) {
+            const result& x = results[i];
+            const workload* w = nullptr;
+            for (const workload& candidate : workloads) {
+                if (x.workload == candidate.key) w = &candidate;
+            }
+            json << "    {\"workload\": \"" << x.workload << "\", \"title\": \""
+                 << json_escape(w->title) << "\", \"size\": \"" << x.size
+                 << "\", \"pixels\": " << x.pixels << ", \"path\": \"" << x.path
+                 << "\", \"mpix_per_s\": " << x.mpix()
+                 << ", \"best_ms\": " << x.time.best_seconds * 1e3
+                 << ", \"median_ms\": " << x.time.median_seconds * 1e3
+                 << ", \"runs\": " << x.time.runs << ", \"exact\": " << (x.exact ? "true" : "false")
+                 << "}" << (i + 1 < results.size() ? "," : "") << "\n";
+        }
+        json << "  ]\n}\n";
+        std::printf("JSON written to %s\n", json_path.c_str());
+    }
+    return all_exact ? 0 : 1;
+}

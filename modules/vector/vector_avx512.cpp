@@ -1,0 +1,28 @@
+// The AVX-512 build of the vector pipeline and the module's two transform exports. The only
+// source compiled with AVX-512 flags.
+#include "modules/vector/vector_common.h"
+#include "services/module_abi.h"
+
+namespace kv {
+namespace vector {
+namespace avx512 {
+#include "modules/vector/isa_avx512.h"
+#include "modules/vector/vector_pipeline.h"
+}  // namespace avx512
+}  // namespace vector
+}  // namespace kv
+
+KV_MODULE_EXPORT int32_t
+kv_color_processing_transform_8_bit_output_vector_avx512(const kv::transform_request* request) {
+    return kv::vector::avx512::transform<8>(request);
+}
+
+KV_MODULE_EXPORT int32_t
+kv_color_processing_transform_16_bit_output_vector_avx512(const kv::transform_request* request) {
+    return kv::vector::avx512::transform<16>(request);
+}
+
+static_assert(std::is_same_v<decltype(&kv_color_processing_transform_8_bit_output_vector_avx512),
+                             kv::abi::vector_transform_fn>);
+static_assert(std::is_same_v<decltype(&kv_color_processing_transform_16_bit_output_vector_avx512),
+                             kv::abi::vector_transform_fn>);

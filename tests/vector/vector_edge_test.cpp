@@ -1,0 +1,435 @@
+// The corners of the arithmetic and of memory, at every tier: rounding and folding of special
+// sums, shifts and narrowing, buffers that end or begin at an inaccessible page, misaligned starts,
+// overlapping buffers, frames past the cache size (non-temporal stores) and counts of 0 or less.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#if defined(_WIN32)
+#include <windows.h>
+#else
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
+
+#include "tests/common/reference_model.h"
+#include "tests/vector/vector_test_support.h"
+
+namespace kv {
+namespace testing {
+namespace {
+
+constexpr float inf = std::numeric_limits<float>::infinity();
+constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+
+// Three blocks of the widest tier and a bit: every lane position and the overlapping last block.
+constexpr int32_t corner_pixels = 3 * 64 + 5;
+
+uint16_t element_at(const std::vector<uint8_t>& output, const frame& f, int channel,
+                    int32_t pixel) {
+    const frame_settings& s = f.settings();
+    const uint64_t place =
+        reference::element_place(s.output_format, channel, static_cast<uint64_t>(pixel),
+                                 static_cast<uint64_t>(f.pixel_count()), s.fourth_channel);
+    if (s.width == 8) return output[place];
+    return static_cast<uint16_t>(output[2 * place] | output[2 * place + 1] << 8);
+}
+
+// The same pixel n times, in the given input layout.
+std::vector<uint16_t> repeated_pixel(int32_t n, int32_t format, uint16_t blue, uint16_t green,
+                                     uint16_t red) {
+    const uint16_t channel[3] = {blue, green, red};
+    std::vector<uint16_t> input(3 * static_cast<size_t>(n));
+    for (int32_t i = 0; i < n; ++i) {
+        for (int c = 0; c < 3; ++c) {
+            input[reference::element_place(format, c, static_cast<uint64_t>(i),
+                                           static_cast<uint64_t>(n), false)] = channel[c];
+        }
+    }
+    return input;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Rounding, clamping and the fold of special sums, on the red channel.
+// ---------------------------------------------------------------------------------------------
+
+struct corner {
+    const char* name;
+    float row[3];  // the red row: factors of R, G, B
+    uint16_t red, green, blue;
+    uint16_t minimum, maximum;
+    uint16_t expected;  // the stored red element at 16 bits
+};
+
+const corner corners[] = {
+    {"float below one half rounds to 0", {0.49999997f, 0, 0}, 1, 0, 0, 0, 65535, 0},
+    {"one half rounds up", {0.5f, 0, 0}, 1, 0, 0, 0, 65535, 1},
+    {"one and a half rounds up", {1.5f, 0, 0}, 1, 0, 0, 0, 65535, 2},
+    {"two and a half rounds up, not to even", {2.5f, 0, 0}, 1, 0, 0, 0, 65535, 3},
+    {"tie formed by a product", {0.5f, 0, 0}, 5, 0, 0, 0, 65535, 3},
+    {"minus 0.4 gives 0", {-0.4f, 0, 0}, 1, 0, 0, 0, 65535, 0},
+    {"minus 0.7 gives 0", {-0.7f, 0, 0}, 1, 0, 0, 0, 65535, 0},
+    {"minus 1.7 clamps to the minimum", {-1.7f, 0, 0}, 1, 0, 0, 5, 100, 5},
+    {"largest float below 2^31 clamps to the maximum", {2147483520.0f, 0, 0}, 1, 0, 0, 7, 100, 100},
+    {"2^31 folds to the minimum", {2147483648.0f, 0, 0}, 1, 0, 0, 7, 100, 7},
+    {"infinity folds to the minimum", {inf, 0, 0}, 1, 0, 0, 7, 100, 7},
+    {"minus infinity gives the minimum", {-inf, 0, 0}, 1, 0, 0, 7, 100, 7},
+    {"NaN gives the minimum", {nan, 0, 0}, 1, 0, 0, 7, 100, 7},
+    {"NaN times a zero factor", {1, nan, 0}, 50, 0, 0, 7, 100, 7},
+    {"infinity times a zero factor", {1, 0, inf}, 50, 0, 0, 7, 100, 7},
+    {"huge product overflows to infinity", {3.0e38f, 0, 0}, 65535, 0, 0, 7, 100, 7},
+    {"subnormal factor", {1.0e-45f, 0, 0}, 65535, 0, 0, 0, 65535, 0},
+    {"R and G terms are summed first", {16777216.0f, 1.0f, -16777216.0f}, 1, 1, 1, 0, 65535, 0},
+    {"just past the largest element", {65535.5f, 0, 0}, 1, 0, 0, 0, 65535, 65535},
+    {"2^23 + 1", {8388609.0f, 0, 0}, 1, 0, 0, 0, 65535, 65535},
+    {"bounds equal", {1, 0, 0}, 300, 0, 0, 42, 42, 42},
+    {"crossed bounds: the minimum wins", {1, 0, 0}, 300, 0, 0, 500, 100, 500},
+    {"negative zero", {-0.0f, 0, 0}, 1000, 0, 0, 0, 65535, 0},
+    {"all three terms", {0.25f, 0.5f, 0.125f}, 1000, 2000, 4000, 0, 65535, 1750},
+};
+
+class ArithmeticCorners : public tier_test {};
+
+TEST_P(ArithmeticCorners, StoreWhatTheRulesSay) {
+    for (const corner& c : corners) {
+        for (int32_t layout : {FORMAT_BGR_PLANES, FORMAT_BGR_INTERLEAVED}) {
+            frame_settings s;
+            s.input_format = s.output_format = layout;
+            std::memcpy(s.matrix, c.row, sizeof c.row);
+            s.minimum[2] = c.minimum;
+            s.maximum[2] = c.maximum;
+            const frame f(s, repeated_pixel(corner_pixels, layout, c.blue, c.green, c.red), 1);
+            int32_t count = 0;
+            const std::vector<uint8_t> out = f.run_routed(module(), &count);
+            EXPECT_EQ(count, corner_pixels) << c.name;
+            for (int32_t p = 0; p < corner_pixels; ++p) {
+                ASSERT_EQ(element_at(out, f, 2, p), c.expected) << c.name << ", pixel " << p;
+            }
+            EXPECT_EQ(out, f.run_reference()) << c.name;
+        }
+    }
+}
+
+// Sums that sweep the fractions: one factor times every element value, for factors whose
+// products land on, just below and just above the halves.
+TEST_P(ArithmeticCorners, RoundingSweepsOverEveryElementValue) {
+    const float factors[] = {1.0f / 3, 0.5f,         0.25f + 1.0f / 65536, 0.99999994f, 1.0000001f,
+                             0.1f,     1.5f / 65536, 0.49999997f,          2.5f,        -0.5f,
+                             0.75f};
+    std::vector<uint16_t> input;
+    for (uint32_t i = 0; i < 65536; ++i) {
+        input.insert(input.end(), {static_cast<uint16_t>(65535 - i), static_cast<uint16_t>(i * 7),
+                                   static_cast<uint16_t>(i)});
+    }
+    for (float factor : factors) {
+        frame_settings s;
+        const float matrix[9] = {factor, 0, 0, 0, factor, 0, 0, 0, factor};
+        std::memcpy(s.matrix, matrix, sizeof matrix);
+        const frame f(s, input, 2);
+        EXPECT_EQ(f.run_routed(module()), f.run_reference()) << "factor " << factor;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Output LUT, shift and narrowing, on the green channel.
+// ---------------------------------------------------------------------------------------------
+
+struct shift_corner {
+    const char* name;
+    uint32_t entry;  // every entry of the green output LUT
+    int32_t distance;
+    uint16_t expected_16;
+    uint8_t expected_8;
+};
+
+const shift_corner shift_corners[] = {
+    {"bits above the element come down", 0x00012345u, -4, 0x1234, 0x34},
+    {"no saturation at 8 bits", 0x100u, 0, 0x100, 0x00},
+    {"right by one", 0x100u, -1, 0x80, 0x80},
+    {"left shift loses the bit at 8 bits", 0x40u, 2, 0x100, 0x00},
+    {"left by 15", 0xFFFFu, 15, 0x8000, 0x00},
+    {"right shift is arithmetic", 0x80000000u, -20, 0xF800, 0x00},
+    {"right by 31 of a negative entry", 0x80000000u, -31, 0xFFFF, 0xFF},
+    {"count modulo 32: minus 32 shifts nothing", 0x1234u, -32, 0x1234, 0x34},
+    {"count modulo 32: 33 shifts by one", 0x1234u, 33, 0x2468, 0x68},
+    {"the most negative distance shifts nothing", 0x1234u, std::numeric_limits<int32_t>::min(),
+     0x1234, 0x34},
+};
+
+class ShiftAndNarrowing : public tier_test {};
+
+TEST_P(ShiftAndNarrowing, StoreWhatTheRulesSay) {
+    for (const shift_corner& c : shift_corners) {
+        const std::vector<uint32_t> table(65536, c.entry);
+        for (int width : {8, 16}) {
+            frame_settings s;
+            s.width = width;
+            s.output_LUT[1] = table.data();
+            s.shift_distance[1] = c.distance;
+            std::mt19937 rng(5);
+            const frame f(s, random_input(corner_pixels, rng), 3);
+            const std::vector<uint8_t> out = f.run_routed(module());
+            for (int32_t p = 0; p < corner_pixels; ++p) {
+                ASSERT_EQ(element_at(out, f, 1, p), width == 8 ? c.expected_8 : c.expected_16)
+                    << c.name << ", width " << width << ", pixel " << p;
+            }
+            EXPECT_EQ(out, f.run_reference()) << c.name;
+        }
+    }
+}
+
+// The high half of an input LUT entry has no effect; a table never filled maps to 0.
+TEST_P(ShiftAndNarrowing, InputLUTTakesTheLowHalfOfItsEntries) {
+    std::vector<uint32_t> high_noise(65536), zeros(65536, 0);
+    for (uint32_t i = 0; i < 65536; ++i) high_noise[i] = (i * 2654435761u & 0xFFFF0000u) | i;
+    frame_settings s;
+    s.input_LUT[0] = high_noise.data();
+    s.input_LUT[2] = zeros.data();
+    std::mt19937 rng(11);
+    const frame f(s, random_input(corner_pixels, rng), 4);
+    const std::vector<uint8_t> out = f.run_routed(module());
+    EXPECT_EQ(out, f.run_reference());
+    for (int32_t p = 0; p < corner_pixels; ++p) ASSERT_EQ(element_at(out, f, 2, p), 0);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Memory: page boundaries, misaligned starts, overlap, counts of 0 or less, large frames.
+// ---------------------------------------------------------------------------------------------
+
+// Memory whose usable bytes end (or begin) exactly at an inaccessible page, so that a read or
+// write one byte past the frame faults.
+class fenced_region {
+  public:
+    fenced_region(size_t bytes, bool flush_with_end) {
+#if defined(_WIN32)
+        SYSTEM_INFO info;
+        GetSystemInfo(&info);
+        page_ = info.dwPageSize;
+#else
+        page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+#endif
+        usable_ = (std::max<size_t>(bytes, 1) + page_ - 1) / page_ * page_;
+        total_ = usable_ + 2 * page_;
+#if defined(_WIN32)
+        base_ = static_cast<uint8_t*>(
+            VirtualAlloc(nullptr, total_, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+        DWORD old;
+        VirtualProtect(base_, page_, PAGE_NOACCESS, &old);
+        VirtualProtect(base_ + page_ + usable_, page_, PAGE_NOACCESS, &old);
+#else
+        base_ = static_cast<uint8_t*>(
+            mmap(nullptr, total_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        mprotect(base_, page_, PROT_NONE);
+        mprotect(base_ + page_ + usable_, page_, PROT_NONE);
+#endif
+        data_ = flush_with_end ? base_ + page_ + usable_ - bytes : base_ + page_;
+    }
+    ~fenced_region() {
+#if defined(_WIN32)
+        VirtualFree(base_, 0, MEM_RELEASE);
+#else
+        munmap(base_, total_);
+#endif
+    }
+    fenced_region(const fenced_region&) = delete;
+    fenced_region& operator=(const fenced_region&) = delete;
+
+    uint8_t* data() {
+        return data_;
+    }
+    // A module writing here (a table, the input) faults.
+    void make_read_only() {
+#if defined(_WIN32)
+        DWORD old;
+        VirtualProtect(base_ + page_, usable_, PAGE_READONLY, &old);
+#else
+        mprotect(base_ + page_, usable_, PROT_READ);
+#endif
+    }
+
+  private:
+    size_t page_ = 4096, usable_ = 0, total_ = 0;
+    uint8_t* base_ = nullptr;
+    uint8_t* data_ = nullptr;
+};
+
+class MemoryBounds : public tier_test {};
+
+// Input, output and tables flush against inaccessible pages on either side; input and tables are
+// read-only. Every layout pair at both widths, with LUTs on both sides.
+TEST_P(MemoryBounds, BuffersEndingOrBeginningAtAPageBoundary) {
+    std::mt19937 rng(17);
+    fenced_region input_LUT(65536 * 4, true), output_LUT(65536 * 4, false);
+    std::memcpy(input_LUT.data(), table_pool(1).data(), 65536 * 4);
+    std::memcpy(output_LUT.data(), table_pool(0).data(), 65536 * 4);
+    input_LUT.make_read_only();
+    output_LUT.make_read_only();
+    for (int width : {8, 16}) {
+        for (int32_t in_format : {0, 1, 2}) {
+            for (int32_t out_format : {0, 1, 2}) {
+                for (bool fourth : {false, true}) {
+                    for (bool flush_with_end : {true, false}) {
+                        frame_settings s;
+                        s.width = width;
+                        s.input_format = in_format;
+                        s.output_format = out_format;
+                        s.fourth_channel = fourth;
+                        s.input_LUT[0] = reinterpret_cast<const uint32_t*>(input_LUT.data());
+                        s.output_LUT[2] = reinterpret_cast<const uint32_t*>(output_LUT.data());
+                        s.shift_distance[1] = -3;
+                        const int32_t n = 3 * module().block(width) + 3;
+                        const frame f(s, random_input(n, rng), 6);
+
+                        fenced_region input(6 * static_cast<size_t>(n), flush_with_end);
+                        fenced_region output(f.output_bytes(), flush_with_end);
+                        const std::vector<uint8_t> expected = f.run_reference();
+                        std::memcpy(output.data(), expected.data(), expected.size());
+                        for (size_t b = 0; b < expected.size(); ++b) output.data()[b] ^= 0x5A;
+                        // The reference read the frame's own copy of the same elements.
+                        const transform_request original = f.request(output.data());
+                        std::memcpy(input.data(), original.input_buffer, 6 * size_t(n));
+                        input.make_read_only();
+                        color_correction_head matrix;
+                        std::memcpy(matrix.matrix, s.matrix, sizeof matrix.matrix);
+                        const transform_request r =
+                            make_request(s, reinterpret_cast<const uint16_t*>(input.data()), n,
+                                         output.data(), &matrix);
+
+                        EXPECT_EQ(module().transform(width, r), n);
+                        EXPECT_EQ(0, std::memcmp(output.data(), expected.data(), expected.size()))
+                            << "width " << width << ", formats " << in_format << " -> "
+                            << out_format << (fourth ? " + fourth" : "")
+                            << (flush_with_end ? ", ending" : ", beginning")
+                            << " at a page boundary";
+                    }
+                }
+            }
+        }
+    }
+}
+
+// Every element-aligned start of input and output within a cache line.
+TEST_P(MemoryBounds, MisalignedStarts) {
+    std::mt19937 rng(19);
+    for (int width : {8, 16}) {
+        for (int32_t in_format : {0, 1}) {
+            for (int32_t out_format : {0, 2}) {
+                frame_settings s = random_settings(0, rng);
+                s.width = width;
+                s.input_format = in_format;
+                s.output_format = out_format;
+                s.fourth_channel = out_format == 0;
+                const int32_t n = 4 * module().block(width) + 1;
+                const std::vector<uint16_t> input = random_input(n, rng);
+                for (size_t shift = 0; shift < 32; ++shift) {
+                    const frame f(s, input, 8, shift, shift * static_cast<size_t>(width / 8));
+                    ASSERT_EQ(f.run_routed(module()), f.run_reference())
+                        << "width " << width << ", start shifted by " << shift << " elements";
+                }
+            }
+        }
+    }
+}
+
+// Overlapping buffers are declined (the scalar kernels define what such a call does); buffers
+// that touch without overlapping are not.
+TEST_P(MemoryBounds, OverlapIsDeclinedAndTouchingIsNot) {
+    const int32_t n = 200;
+    std::mt19937 rng(23);
+    const std::vector<uint16_t> input = random_input(n, rng);
+    frame_settings s;
+    const frame f(s, input, 9);
+    const std::vector<uint8_t> expected = f.run_reference();
+    const size_t input_bytes = 6 * size_t(n), output_bytes = f.output_bytes();
+    color_correction_head matrix;
+    std::memcpy(matrix.matrix, s.matrix, sizeof matrix.matrix);
+
+    struct placement {
+        const char* name;
+        ptrdiff_t output_from_input;  // bytes
+        bool overlapping;
+    };
+    const placement placements[] = {
+        {"output inside input", 2, true},
+        {"input inside output", -2, true},
+        {"output one element before input's end", ptrdiff_t(input_bytes) - 2, true},
+        {"output right behind input", ptrdiff_t(input_bytes), false},
+        {"input right behind output", -ptrdiff_t(output_bytes), false},
+    };
+    for (const placement& p : placements) {
+        std::vector<uint8_t> storage(input_bytes + output_bytes + 256, 0xEE);
+        uint8_t* const input_at =
+            storage.data() + 64 + (p.output_from_input < 0 ? output_bytes : 0);
+        uint8_t* const output_at = input_at + p.output_from_input;
+        std::memcpy(input_at, input.data(), input_bytes);
+        const std::vector<uint8_t> before = storage;
+        const transform_request r =
+            make_request(s, reinterpret_cast<const uint16_t*>(input_at), n, output_at, &matrix);
+        const int32_t count = module().transform(16, r);
+        if (p.overlapping) {
+            EXPECT_EQ(count, 0) << p.name;
+            EXPECT_EQ(storage, before) << p.name;
+        } else {
+            EXPECT_EQ(count, n) << p.name;
+            EXPECT_EQ(0, std::memcmp(output_at, expected.data(), output_bytes)) << p.name;
+            EXPECT_EQ(0, std::memcmp(input_at, input.data(), input_bytes)) << p.name;
+        }
+    }
+}
+
+TEST_P(MemoryBounds, CountsOfZeroOrLessDoNothing) {
+    for (int32_t n : {0, -1, -64, std::numeric_limits<int32_t>::min()}) {
+        for (int width : {8, 16}) {
+            std::vector<uint16_t> input(3 * 256, 1000);
+            std::vector<uint8_t> output(8 * 256, 0x3C);
+            frame_settings s;
+            s.width = width;
+            color_correction_head matrix;
+            std::memcpy(matrix.matrix, s.matrix, sizeof matrix.matrix);
+            const transform_request r = make_request(s, input.data(), n, output.data(), &matrix);
+            EXPECT_EQ(module().transform(width, r), 0) << n;
+            EXPECT_EQ(output, std::vector<uint8_t>(8 * 256, 0x3C)) << n;
+        }
+    }
+}
+
+// Frames beyond any last-level cache are written with non-temporal stores between aligned
+// boundaries; their start is misaligned on purpose, and planar outputs come with plane spacings
+// that do and do not keep the planes aligned alike.
+TEST_P(MemoryBounds, FramesLargerThanTheCache) {
+    struct large_case {
+        int width;
+        int32_t input_format, output_format;
+        bool fourth;
+        int32_t pixels;
+        size_t output_shift;  // bytes
+    };
+    const large_case cases[] = {
+        {16, 1, 1, false, 5600000 + 3, 2},
+        {16, 0, 2, true, 5600000 + 17, 6},
+        {8, 2, 0, true, 7500000 + 64, 1},
+    };
+    std::mt19937 rng(29);
+    for (const large_case& c : cases) {
+        frame_settings s = random_settings(0, rng);
+        s.width = c.width;
+        s.input_format = c.input_format;
+        s.output_format = c.output_format;
+        s.fourth_channel = c.fourth;
+        s.output_LUT[0] = table_pool(5).data();
+        s.shift_distance[0] = -2;
+        const frame f(s, random_input(c.pixels, rng), 10, 1, c.output_shift);
+        ASSERT_EQ(f.run_routed(module()), f.run_scalar())
+            << "width " << c.width << ", formats " << c.input_format << " -> " << c.output_format;
+    }
+}
+
+KV_INSTANTIATE_FOR_TIERS(ArithmeticCorners);
+KV_INSTANTIATE_FOR_TIERS(ShiftAndNarrowing);
+KV_INSTANTIATE_FOR_TIERS(MemoryBounds);
+
+}  // namespace
+}  // namespace testing
+}  // namespace kv
