@@ -16,6 +16,9 @@ option(KV_WERROR "Treat warnings as errors" OFF)
 if(MSVC)
   # Exact single-precision arithmetic: no contraction, no reassociation.
   add_compile_options(/W4 /fp:precise /permissive- /Zc:__cplusplus)
+  # The code uses the standard C functions (fopen, strerror, gmtime, ...) on purpose; the CRT's
+  # advice to use its own _s variants (warning C4996) would stop a /WX build.
+  add_compile_definitions(_CRT_SECURE_NO_WARNINGS)
   if(KV_WERROR)
     add_compile_options(/WX)
   endif()

@@ -11,6 +11,9 @@
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
     if (reason == DLL_PROCESS_ATTACH) {
         kv::on_module_load();
+        // The loader refuses this for a module with static TLS, which every MinGW-w64 DLL has
+        // (its start-up code brings a TLS directory): there the notifications stay on and this
+        // function ignores them.
         DisableThreadLibraryCalls(instance);
     }
     return TRUE;

@@ -4,6 +4,10 @@
 kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config libpng-dev libtiff-dev
                    libgtest-dev libgmock-dev)
 
+# The Windows cross build: MinGW-w64 (POSIX threads), GoogleTest's sources to build it with, and
+# Wine to run the tests.
+kv_windows_packages=(g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 googletest wine64)
+
 kv_ensure_packages() {
     local missing=() pkg
     for pkg in "$@"; do

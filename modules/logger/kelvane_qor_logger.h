@@ -14,6 +14,14 @@
 
 #include <stdint.h>
 
+/* Windows hosts that link the module import its functions (so that a function's address is the
+ * module's own); the module's build defines KV_LOGGER_BUILD and exports them by its .def file. */
+#if defined(_WIN32) && !defined(KV_LOGGER_BUILD)
+#define QOR_LOG_API __declspec(dllimport)
+#else
+#define QOR_LOG_API
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -40,17 +48,18 @@ extern "C" {
  * `config_file_name` (NULL: "kelvane_qor_logger.cfg"): an absolute path is used as it stands, any
  * other name is looked for in the current directory and then beside this module. Without a file,
  * levels 0 to 3 go to stderr. Returns NULL for a NULL `module_id` or when memory runs out. */
-void* qor_get_log(const char* module_id, const char* second_id, const char* config_file_name);
+QOR_LOG_API void* qor_get_log(const char* module_id, const char* second_id,
+                              const char* config_file_name);
 
 /* Writes one message if `level` is within the log's settings. `file`, `line` and `function` name
  * the place that logs; a trailing line break of `message` is dropped. Returns QOR_LOG_SUCCESS
  * also for a message that the settings filter out. */
-int32_t qor_log(void* log_handle, int32_t level, const char* file, int32_t line,
-                const char* function, const char* message);
+QOR_LOG_API int32_t qor_log(void* log_handle, int32_t level, const char* file, int32_t line,
+                            const char* function, const char* message);
 
 /* Drops one reference to the log named by the two ids; the last one closes it, and its handle is
  * refused from then on. Returns QOR_LOG_SUCCESS, or QOR_LOG_BAD_ARGUMENT if no such log is open. */
-int32_t qor_free_log(const char* module_id, const char* second_id);
+QOR_LOG_API int32_t qor_free_log(const char* module_id, const char* second_id);
 
 #ifdef __cplusplus
 }

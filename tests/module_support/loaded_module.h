@@ -12,6 +12,9 @@
 #include <vector>
 
 #if defined(_WIN32)
+#ifndef NOMINMAX
+#define NOMINMAX  // std::min and std::max stay usable in the tests that include this
+#endif
 #include <windows.h>
 #else
 #include <dlfcn.h>
@@ -58,7 +61,9 @@ class loaded_module {
     template <typename Function>
     Function symbol(const char* name) const {
 #if defined(_WIN32)
-        return reinterpret_cast<Function>(GetProcAddress(static_cast<HMODULE>(handle_), name));
+        // Through void*: GCC warns on a direct cast from FARPROC to another function type.
+        return reinterpret_cast<Function>(
+            reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle_), name)));
 #else
         return reinterpret_cast<Function>(dlsym(handle_, name));
 #endif

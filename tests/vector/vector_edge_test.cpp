@@ -8,6 +8,9 @@
 #include <limits>
 
 #if defined(_WIN32)
+#ifndef NOMINMAX
+#define NOMINMAX  // std::min and std::max stay usable
+#endif
 #include <windows.h>
 #else
 #include <sys/mman.h>

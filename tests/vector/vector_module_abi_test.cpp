@@ -8,7 +8,12 @@
 #include <set>
 #include <string>
 
-#if !defined(_WIN32)
+#if defined(_WIN32)
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+#else
 #include <elf.h>
 #endif
 
@@ -18,10 +23,28 @@ namespace kv {
 namespace testing {
 namespace {
 
+#if defined(_WIN32)
+// The names in the export table of a loaded module, read in place.
+std::set<std::string> exported_names(const void* module) {
+    std::set<std::string> names;
+    const auto* base = static_cast<const unsigned char*>(module);
+    const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
+    const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
+    const IMAGE_DATA_DIRECTORY& directory =
+        nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+    if (directory.Size == 0) return names;
+    const auto* exports =
+        reinterpret_cast<const IMAGE_EXPORT_DIRECTORY*>(base + directory.VirtualAddress);
+    const auto* name_offsets = reinterpret_cast<const DWORD*>(base + exports->AddressOfNames);
+    for (DWORD i = 0; i < exports->NumberOfNames; ++i) {
+        names.insert(reinterpret_cast<const char*>(base + name_offsets[i]));
+    }
+    return names;
+}
+#else
 // The defined, global dynamic symbols of an ELF shared object.
 std::set<std::string> exported_names(const std::string& path) {
     std::set<std::string> names;
-#if !defined(_WIN32)
     std::ifstream file(path, std::ios::binary);
     const std::string image((std::istreambuf_iterator<char>(file)),
                             std::istreambuf_iterator<char>());
@@ -41,28 +64,28 @@ std::set<std::string> exported_names(const std::string& path) {
             if (symbol.st_name != 0) names.insert(strings + symbol.st_name);
         }
     }
-#else
-    (void)path;
-#endif
     return names;
 }
+#endif
 
 class ModuleInterface : public ::testing::TestWithParam<tier_index> {};
 
 // Checked on every machine: the export list does not depend on the processor.
 TEST_P(ModuleInterface, ExportsExactlyItsFourNames) {
-#if defined(_WIN32)
-    GTEST_SKIP() << "the export table is read from ELF files only";
-#else
     const std::string suffix = module_for(GetParam()).suffix;
-    const std::string path = std::string(KV_VECTOR_MODULE_DIRECTORY) +
-                             "/kelvane_qor_color_processing_vector_" + suffix + ".so";
     const std::set<std::string> expected = {
         "kv_color_processing_vector_" + suffix + "_module_initialize",
         "kv_color_processing_transform_8_bit_output_vector_" + suffix,
         "kv_color_processing_transform_16_bit_output_vector_" + suffix,
         "kv_color_processing_vector_" + suffix + "_module_terminate",
     };
+#if defined(_WIN32)
+    const vector_module& m = module_for(GetParam());
+    ASSERT_NE(m.handle, nullptr) << m.load_error;
+    EXPECT_EQ(exported_names(m.handle), expected) << suffix;
+#else
+    const std::string path = std::string(KV_VECTOR_MODULE_DIRECTORY) +
+                             "/kelvane_qor_color_processing_vector_" + suffix + ".so";
     EXPECT_EQ(exported_names(path), expected) << path;
 #endif
 }

@@ -5,6 +5,7 @@
 #include <emmintrin.h>
 #include <gtest/gtest.h>
 
+#include <bitset>
 #include <cstdint>
 
 namespace {
@@ -33,9 +34,13 @@ TEST(RoundingIdentity, HoldsForEveryFloatAfterTheClamp) {
                          _mm_and_si128(_mm_cmpgt_epi32(single, top), _mm_cmpgt_epi32(twice, top))));
         const int mask = _mm_movemask_ps(_mm_castsi128_ps(agree));
         if (mask != 0xF) {
-            if (differing == 0)
-                first_difference = base + static_cast<uint64_t>(__builtin_ctz(~mask));
-            differing += 4 - static_cast<uint64_t>(__builtin_popcount(mask));
+            const std::bitset<4> disagree(static_cast<unsigned>(~mask & 0xF));
+            if (differing == 0) {
+                uint64_t lane = 0;
+                while (!disagree[lane]) ++lane;
+                first_difference = base + lane;
+            }
+            differing += disagree.count();
         }
     }
     EXPECT_EQ(differing, 0u) << "first at float bits 0x" << std::hex << first_difference;

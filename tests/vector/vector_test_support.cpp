@@ -6,6 +6,9 @@
 #include <limits>
 
 #if defined(_WIN32)
+#ifndef NOMINMAX
+#define NOMINMAX  // std::min and std::max stay usable
+#endif
 #include <windows.h>
 #else
 #include <dlfcn.h>

@@ -1,0 +1,184 @@
+// A host deployed as on a customer's machine: the program, the library and the five companion
+// modules in one folder, a logger configuration beside them, and decoy copies of the modules on
+// PATH. Windows searches the program's folder first, so every module must come from there.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX  // std::min and std::max stay usable
+#endif
+#include <windows.h>
+
+#include "tests/suite/test_support.h"
+
+namespace kv_test {
+namespace {
+
+std::string folder_of(HMODULE module) {
+    char path[MAX_PATH];
+    const DWORD length = GetModuleFileNameA(module, path, MAX_PATH);
+    const std::string text(path, length);
+    return text.substr(0, text.find_last_of('\\') + 1);
+}
+
+// The library and the companion modules the build deployed (the vector modules once they exist),
+// all loaded by the time a processor stands.
+const char* const deployed_modules[] = {
+    "kelvane_qor_color_processing.dll",
+    "kelvane_qor_LUT.dll",
+    "kelvane_qor_logger.dll",
+    "kelvane_qor_color_processing_vector_sse.dll",
+    "kelvane_qor_color_processing_vector_avx2.dll",
+    "kelvane_qor_color_processing_vector_avx512.dll",
+};
+constexpr size_t deployed_count = 3 + KV_DEPLOYED_VECTOR_MODULES;
+
+// The log file that kelvane_qor_logger.cfg beside the modules names.
+std::string log_text() {
+    std::ifstream in(folder_of(nullptr) + "kelvane_qor.log", std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+size_t count_of(const std::string& text, const std::string& fragment) {
+    size_t count = 0;
+    for (size_t at = text.find(fragment); at != std::string::npos;
+         at = text.find(fragment, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+class DeployedHost : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_EQ(kv_color_processing_module_initialize(), 0); }
+    void TearDown() override { EXPECT_EQ(kv_color_processing_module_terminate(), 0); }
+};
+
+TEST_F(DeployedHost, EveryModuleComesFromTheProgramsFolder) {
+    kv_color_processor_handle p = kv_color_create_color_processor(8, 8);
+    ASSERT_NE(p, nullptr);
+    const std::string home = folder_of(nullptr);
+    for (size_t i = 0; i < deployed_count; ++i) {
+        const char* file = deployed_modules[i];
+        HMODULE module = GetModuleHandleA(file);
+        ASSERT_NE(module, nullptr) << file << " is not loaded";
+        EXPECT_EQ(folder_of(module), home) << file;
+    }
+    EXPECT_EQ(kv_color_destroy_color_processor(p), 0);
+}
+
+// Every tier through the real vector modules and the scalar tail, against the reference model:
+// frames long enough for whole vectors and a tail, every export, layout and LUT pattern.
+TEST_F(DeployedHost, PixelsOfEveryTierMatchTheReferenceModel) {
+    std::mt19937 random(1187);
+    for (int32_t tier = KV_TIER_SCALAR; tier <= KV_TIER_AVX512; ++tier) {
+        for (int round = 0; round < 24; ++round) {
+            const int32_t output_depth = static_cast<int32_t>(random() % 17);
+            kv_color_processor_handle p =
+                kv_color_create_color_processor_test(16, output_depth, tier);
+            ASSERT_NE(p, nullptr);
+            uint32_t* (*const getters[])(kv_color_processor_handle) = {
+                kv_color_get_blue_input_LUT,   kv_color_get_green_input_LUT,
+                kv_color_get_red_input_LUT,    kv_color_get_blue_output_LUT,
+                kv_color_get_green_output_LUT, kv_color_get_red_output_LUT};
+            for (int t = 0; t < 6; ++t) {
+                uint32_t* table = getters[t](p);
+                const uint32_t entries = 1u << (t < 3 ? 16 : output_depth);
+                for (uint32_t i = 0; i < entries; ++i) table[i] = static_cast<uint32_t>(random());
+            }
+            uint8_t input_on[3], output_on[3];
+            for (int c = 0; c < 3; ++c) {
+                input_on[c] = static_cast<uint8_t>(random() & 1);
+                output_on[c] = static_cast<uint8_t>(random() & 1);
+            }
+            ASSERT_EQ(kv_color_enable_input_LUTs(p, input_on[0], input_on[1], input_on[2]), 0);
+            ASSERT_EQ(kv_color_enable_output_LUTs(p, output_on[0], output_on[1], output_on[2]), 0);
+            std::uniform_real_distribution<float> coefficient(-2.0f, 2.0f);
+            float m[9];
+            for (float& v : m) v = coefficient(random);
+            ASSERT_EQ(kv_color_append_matrix(p, m), 0);
+
+            const transform_export e = all_exports[round % 4];
+            const int32_t pixels = round % 3 == 0 ? static_cast<int32_t>(random() % 5000)
+                                                  : static_cast<int32_t>(random() % 100);
+            frame_buffers buffers(e, pixels, static_cast<uint32_t>(random()));
+            frame_arguments a;
+            a.handle = p;
+            a.input = buffers.input();
+            a.input_format = static_cast<int32_t>(random() % 3);
+            a.output = buffers.output();
+            a.output_format = static_cast<int32_t>(random() % 3);
+            a.pixel_count = pixels;
+            const int32_t limit = (1 << output_depth) - 1;
+            for (int c = 0; c < 3; ++c) {
+                const auto x = static_cast<uint16_t>(random() % (limit + 1));
+                const auto y = static_cast<uint16_t>(random() % (limit + 1));
+                a.minimum[c] = std::min(x, y);
+                a.maximum[c] = output_on[c] ? std::max(x, y) : static_cast<uint16_t>(65535);
+                a.shift[c] = static_cast<int32_t>(random() % 31) - 15;
+            }
+            SCOPED_TRACE("tier " + std::to_string(tier) + " round " + std::to_string(round) + " " +
+                         name_of(e) + " pixels " + std::to_string(pixels));
+            const std::vector<uint8_t> before = buffers.output_copy();
+            ASSERT_EQ(run_transform(e, a), KV_STATUS_SUCCESS);
+            EXPECT_EQ(buffers.output_copy(), expected_output(e, a, input_on, output_on, before, 0));
+            EXPECT_TRUE(buffers.guards_intact());
+            ASSERT_EQ(kv_color_destroy_color_processor(p), 0);
+        }
+    }
+}
+
+TEST_F(DeployedHost, TheLoggerWritesWhereItsConfigurationSays) {
+    const size_t lines_before = count_of(log_text(), "microseconds.");
+    kv_color_processor_handle p = kv_color_create_color_processor(0, 0);
+    ASSERT_NE(p, nullptr);
+    uint16_t input[3] = {1, 2, 3};
+    uint8_t output[3] = {};
+    ASSERT_EQ(kv_color_transform_48_to_24(p, input, KV_FORMAT_BGR_INTERLEAVED, 0, 255, 0, 255, 0,
+                                          255, 0, 0, 0, output, KV_FORMAT_BGR_INTERLEAVED, 1),
+              0);
+    EXPECT_EQ(kv_color_clear_matrix(nullptr), KV_STATUS_NULL_HANDLE);
+    EXPECT_EQ(kv_color_destroy_color_processor(p), 0);
+    const std::string log = log_text();
+    EXPECT_EQ(count_of(log, "microseconds."), lines_before + 1) << log;
+    EXPECT_NE(log.find("Creating a color processor instance!"), std::string::npos);
+    EXPECT_NE(log.find("kelvane_qor_color_processing.cpp:"), std::string::npos)
+        << "log lines name the source file by its base name";
+    EXPECT_NE(
+        log.find("kv_color_clear_matrix: ERROR:  The specified color processor handle is NULL!"),
+        std::string::npos);
+}
+
+// A host that ends without terminate: the library's at-exit function closes the log while the
+// process goes down, after Windows has already detached the logging module, which was loaded
+// after the library.
+[[noreturn]] void initialize_transform_and_exit() {
+    if (kv_color_processing_module_initialize() != 0) std::exit(1);
+    kv_color_processor_handle p = kv_color_create_color_processor(0, 0);
+    uint16_t input[3] = {1, 2, 3};
+    uint16_t output[3] = {};
+    if (kv_color_transform_48_to_48(p, input, KV_FORMAT_BGR_INTERLEAVED, 0, 65535, 0, 65535, 0,
+                                    65535, 0, 0, 0, output, KV_FORMAT_BGR_INTERLEAVED, 1) != 0) {
+        std::exit(2);
+    }
+    std::exit(0);
+}
+
+TEST(DeployedHostExit, EndingWithoutTerminateIsClean) {
+    const size_t lines_before = count_of(log_text(), "microseconds.");
+    EXPECT_EXIT(initialize_transform_and_exit(), ::testing::ExitedWithCode(0), "");
+    EXPECT_EQ(count_of(log_text(), "microseconds."), lines_before + 1)
+        << "the timing line of the process that ended";
+}
+
+}  // namespace
+}  // namespace kv_test
