@@ -166,6 +166,7 @@ KV_VECTOR_INLINE vi truncate_to_int32(vf a) {
     return _mm256_cvttps_epi32(a);
 }
 
+// The gather instruction: measured here against scalar loads through memory, about as fast.
 KV_VECTOR_INLINE vi lookup(vi index, const uint32_t* table) {
     return _mm256_i32gather_epi32(reinterpret_cast<const int*>(table), index, 4);
 }
