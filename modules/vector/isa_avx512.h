@@ -42,7 +42,7 @@ template <int S>
 KV_VECTOR_INLINE void load_chunks(const void* source, vi (&registers)[S]) {
     const __m128i* p = static_cast<const __m128i*>(source);
     if constexpr (S == 1) {
-        registers[0] = _mm512_loadu_si512(p);
+        registers[0] = load_vector(p);
     } else {
         for (int r = 0; r < S; ++r) {
             vi v = _mm512_castsi128_si512(_mm_loadu_si128(p + r));
@@ -108,22 +108,14 @@ KV_VECTOR_INLINE vi contiguous_vector(const vi (&registers)[S]) {
 template <int S, int... T>
 KV_VECTOR_INLINE void store_contiguous(__m512i* p, const vi (&registers)[S], bool stream,
                                        std::integer_sequence<int, T...>) {
-    if (stream) {
-        (_mm512_stream_si512(p + T, contiguous_vector<S, T>(registers)), ...);
-    } else {
-        (_mm512_storeu_si512(p + T, contiguous_vector<S, T>(registers)), ...);
-    }
+    (store_vector(p + T, contiguous_vector<S, T>(registers), stream), ...);
 }
 
 template <int S>
 KV_VECTOR_INLINE void store_chunks(void* destination, const vi (&registers)[S], bool stream) {
     __m512i* p = static_cast<__m512i*>(destination);
     if constexpr (S == 1) {
-        if (stream) {
-            _mm512_stream_si512(p, registers[0]);
-        } else {
-            _mm512_storeu_si512(p, registers[0]);
-        }
+        store_vector(p, registers[0], stream);
     } else {
         store_contiguous(p, registers, stream, std::make_integer_sequence<int, S>());
     }

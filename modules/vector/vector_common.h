@@ -221,7 +221,9 @@ constexpr uint32_t slot_words_third_mask(int slot) {
 // Output: word p of vector j is element 32j + p, pixel (32j + p) / 3 of slot (32j + p) % 3. The
 // slots come in pixel order (packed) or in the order of word_of_pixel (blended). Slots 0 and 1
 // first, slot 2 (index 32 + its word over the partial result) merged in.
-constexpr int slot_word(int pixel, bool packed) { return packed ? pixel : word_of_pixel(pixel); }
+constexpr int slot_word(int pixel, bool packed) {
+    return packed ? pixel : word_of_pixel(pixel);
+}
 constexpr word_indices chunk_words_from_first_two(int j, bool packed) {
     word_indices w{};
     for (int p = 0; p < 32; ++p) {
