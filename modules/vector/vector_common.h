@@ -41,9 +41,9 @@ namespace vector {
 extern std::atomic<uint64_t> streaming_threshold_bytes;
 
 // ---------------------------------------------------------------------------------------------
-// The settings a vector loop is specialised on, chosen once per call. Everything else (which
-// channels of a LUT set are on, the shift counts, the bounds, the matrix) is a run-time constant
-// of the call and costs no test per pixel.
+// The settings a vector loop is specialised on, chosen once per call. Everything else (the matrix,
+// the bounds, the shift counts, which channels of a LUT set are on, whether the bounds are 0 and
+// 65535) is a run-time constant of the call: held in registers, or tested once per block.
 // ---------------------------------------------------------------------------------------------
 
 enum layout_kind : int { PLANES = 0, BGR = 1, RGB = 2 };
