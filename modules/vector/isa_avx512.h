@@ -1,6 +1,7 @@
 // The AVX-512 layer under the vector pipeline: four 128-bit lanes per vector. Included inside
 // namespace kv::vector::avx512 after vector_common.h; built only with -mavx512f -mavx512dq
-// -mavx512bw. No 128- or 256-bit EVEX forms (AVX512VL) are used.
+// -mavx512bw. No 128- or 256-bit EVEX forms (AVX512VL) are used; the compiler may use AVX2 forms,
+// which those flags imply and initialize checks.
 
 using vi = __m512i;
 using vf = __m512;
@@ -36,8 +37,8 @@ KV_VECTOR_INLINE void store_vector(void* p, vi v, bool stream) {
     }
 }
 
-// Register r receives chunk S * k + r in lane k. The first lane is a plain load, the others
-// come in by merging broadcast loads, which keeps the loads off the shuffle unit.
+// Register r receives chunk S * k + r in lane k: a load and three insertions. (Merge-masked
+// broadcast loads, which keep the shuffle unit free, stalled on data beyond the near caches.)
 template <int S>
 KV_VECTOR_INLINE void load_chunks(const void* source, vi (&registers)[S]) {
     const __m128i* p = static_cast<const __m128i*>(source);
