@@ -39,17 +39,13 @@ KV_VECTOR_INLINE void store_vector(void* p, vi v, bool stream) {
 template <int S>
 KV_VECTOR_INLINE void load_chunks(const void* source, vi (&registers)[S]) {
     const __m128i* p = static_cast<const __m128i*>(source);
-    for (int r = 0; r < S; ++r) registers[r] = _mm_loadu_si128(p + r);
+    for (int r = 0; r < S; ++r) registers[r] = load_vector(p + r);
 }
 
 template <int S>
 KV_VECTOR_INLINE void store_chunks(void* destination, const vi (&registers)[S], bool stream) {
     __m128i* p = static_cast<__m128i*>(destination);
-    if (stream) {
-        for (int r = 0; r < S; ++r) _mm_stream_si128(p + r, registers[r]);
-    } else {
-        for (int r = 0; r < S; ++r) _mm_storeu_si128(p + r, registers[r]);
-    }
+    for (int r = 0; r < S; ++r) store_vector(p + r, registers[r], stream);
 }
 
 KV_VECTOR_INLINE void store_fence() {

@@ -41,9 +41,9 @@ namespace vector {
 extern std::atomic<uint64_t> streaming_threshold_bytes;
 
 // ---------------------------------------------------------------------------------------------
-// The settings a vector loop is specialised on, chosen once per call. Everything else (which
-// channels of a LUT set are on, the shift counts, the bounds, the matrix) is a run-time constant
-// of the call and costs no test per pixel.
+// The settings a vector loop is specialised on, chosen once per call. Everything else (the matrix,
+// the bounds, the shift counts, which channels of a LUT set are on, whether the bounds are 0 and
+// 65535) is a run-time constant of the call: held in registers, or tested once per block.
 // ---------------------------------------------------------------------------------------------
 
 enum layout_kind : int { PLANES = 0, BGR = 1, RGB = 2 };
@@ -221,7 +221,9 @@ constexpr uint32_t slot_words_third_mask(int slot) {
 // Output: word p of vector j is element 32j + p, pixel (32j + p) / 3 of slot (32j + p) % 3. The
 // slots come in pixel order (packed) or in the order of word_of_pixel (blended). Slots 0 and 1
 // first, slot 2 (index 32 + its word over the partial result) merged in.
-constexpr int slot_word(int pixel, bool packed) { return packed ? pixel : word_of_pixel(pixel); }
+constexpr int slot_word(int pixel, bool packed) {
+    return packed ? pixel : word_of_pixel(pixel);
+}
 constexpr word_indices chunk_words_from_first_two(int j, bool packed) {
     word_indices w{};
     for (int p = 0; p < 32; ++p) {

@@ -23,14 +23,17 @@
 //   - sum >= 2^31, +infinity and NaN give -2^31 on both sides, negative sums 0 or less: all
 //     below or at every min.
 // The tests check this identity for all 2^32 floats.
-// Stores never saturate: narrowing masks the low bits before the saturating packs, or picks them
-// with blends and shuffles.
+//
+// Narrowing keeps the low 8 or 16 bits and never saturates: values are masked before the
+// saturating packs, or their low bits picked with blends and shuffles. The one place a pack's
+// saturation is used on purpose is as the clamp itself, for bounds 0 and 65535 (see
+// process_block).
 
 template <int Width>
 constexpr int lane_pixels = Width == 8 ? 16 : 8;
 
 template <int Width>
-constexpr ptrdiff_t block_pixels = lane_pixels<Width>* lane_count;
+constexpr ptrdiff_t block_pixels = lane_count* lane_pixels<Width>;
 
 // What a call reads from its record once, held in registers across the loop.
 struct call_constants {
@@ -134,7 +137,8 @@ KV_VECTOR_INLINE void matrix_stage(const call_constants& k, vi (&v)[3][Q]) {
         v[2][q] = round_for_clamp(red);
         if constexpr (Clamp) {
             // Upper bound first: with crossed bounds the minimum wins, as in the scalar kernels.
-            for (int c = 0; c < 3; ++c) v[c][q] = max_32(min_32(v[c][q], k.maximum[c]), k.minimum[c]);
+            for (int c = 0; c < 3; ++c)
+                v[c][q] = max_32(min_32(v[c][q], k.maximum[c]), k.minimum[c]);
         }
     }
 }
@@ -416,13 +420,11 @@ int32_t transform(const transform_request* request) {
                                  r.red_input_LUT_enabled};
     const uint8_t output_on[3] = {r.blue_output_LUT_enabled, r.green_output_LUT_enabled,
                                   r.red_output_LUT_enabled};
-    loop_settings s{Width,
-                    layout_of(r.input_format),
-                    layout_of(r.output_format),
-                    r.fourth_channel != 0,
-                    false,
-                    false,
-                    false};
+    loop_settings s{};
+    s.output_width = Width;
+    s.input_layout = layout_of(r.input_format);
+    s.output_layout = layout_of(r.output_format);
+    s.fourth_channel = r.fourth_channel != 0;
     k.full_range = true;
     for (int c = 0; c < 3; ++c) {
         k.full_range = k.full_range && minimum[c] == 0 && maximum[c] == 0xFFFF;
