@@ -33,15 +33,14 @@ inline void by_red_input(const uint8_t& red_input_LUT_enabled,
                          const uint8_t& fourth_channel, const pixel_format& output_format,
                          const transform_request* request, const int32_t& start_index) {
     if (red_input_LUT_enabled != 0) {
-        return by_blue_output<settle(Code, 2, 1)>(
-            blue_output_LUT_enabled, green_output_LUT_enabled, red_output_LUT_enabled,
-            blue_shift_sign, green_shift_sign, red_shift_sign, fourth_channel, output_format,
-            request, start_index);
+        return by_blue_output<settle(Code, 2, 1)>(blue_output_LUT_enabled, green_output_LUT_enabled,
+                                                  red_output_LUT_enabled, blue_shift_sign,
+                                                  green_shift_sign, red_shift_sign, fourth_channel,
+                                                  output_format, request, start_index);
     }
-    return by_blue_output<settle(Code, 2, 0)>(blue_output_LUT_enabled, green_output_LUT_enabled,
-                                              red_output_LUT_enabled, blue_shift_sign,
-                                              green_shift_sign, red_shift_sign, fourth_channel,
-                                              output_format, request, start_index);
+    return by_blue_output<settle(Code, 2, 0)>(
+        blue_output_LUT_enabled, green_output_LUT_enabled, red_output_LUT_enabled, blue_shift_sign,
+        green_shift_sign, red_shift_sign, fourth_channel, output_format, request, start_index);
 }
 
 template <uint32_t Code>
@@ -72,9 +71,8 @@ inline void by_blue_input(const transform_request* request, const shift_sign& bl
     if (r.blue_input_LUT_enabled != 0) {
         return selector<settle(Code, 2, 1)>(
             r.green_input_LUT_enabled, r.red_input_LUT_enabled, r.blue_output_LUT_enabled,
-            r.green_output_LUT_enabled, r.red_output_LUT_enabled, blue_shift_sign,
-            green_shift_sign, red_shift_sign, r.fourth_channel, r.output_format, request,
-            start_index);
+            r.green_output_LUT_enabled, r.red_output_LUT_enabled, blue_shift_sign, green_shift_sign,
+            red_shift_sign, r.fourth_channel, r.output_format, request, start_index);
     }
     return selector<settle(Code, 2, 0)>(
         r.green_input_LUT_enabled, r.red_input_LUT_enabled, r.blue_output_LUT_enabled,
@@ -93,17 +91,14 @@ inline void entry(const transform_request* request, int32_t start_index_argument
 
     switch (request->input_format) {
         case FORMAT_BGR_INTERLEAVED:
-            return by_blue_input<settle(WidthCode, 3, 1)>(request, blue_shift_sign,
-                                                          green_shift_sign, red_shift_sign,
-                                                          start_index);
+            return by_blue_input<settle(WidthCode, 3, 1)>(
+                request, blue_shift_sign, green_shift_sign, red_shift_sign, start_index);
         case FORMAT_RGB_INTERLEAVED:
-            return by_blue_input<settle(WidthCode, 3, 2)>(request, blue_shift_sign,
-                                                          green_shift_sign, red_shift_sign,
-                                                          start_index);
+            return by_blue_input<settle(WidthCode, 3, 2)>(
+                request, blue_shift_sign, green_shift_sign, red_shift_sign, start_index);
         default:
-            return by_blue_input<settle(WidthCode, 3, 0)>(request, blue_shift_sign,
-                                                          green_shift_sign, red_shift_sign,
-                                                          start_index);
+            return by_blue_input<settle(WidthCode, 3, 0)>(
+                request, blue_shift_sign, green_shift_sign, red_shift_sign, start_index);
     }
 }
 

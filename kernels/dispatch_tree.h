@@ -41,6 +41,6 @@ void selector(uint8_t green_input_LUT_enabled, const uint8_t& red_input_LUT_enab
 
 // The signature of a level 3 selector, for the explicit instantiations that spread the tree over
 // translation units.
-#define KV_LEVEL3_SELECTOR_SIGNATURE                                                            \
+#define KV_LEVEL3_SELECTOR_SIGNATURE                                                               \
     (uint8_t, const uint8_t&, const kv::shift_sign&, const kv::shift_sign&, const kv::shift_sign&, \
      const uint8_t&, const kv::pixel_format&, const kv::transform_request*, const int32_t&)

@@ -25,7 +25,8 @@ inline void by_output_format(const pixel_format& output_format, const transform_
 template <uint32_t Code>
 inline void by_fourth_channel(const uint8_t& fourth_channel, const pixel_format& output_format,
                               const transform_request* request, int32_t start_index) {
-    if (fourth_channel != 0) return by_output_format<settle(Code, 2, 1)>(output_format, request, start_index);
+    if (fourth_channel != 0)
+        return by_output_format<settle(Code, 2, 1)>(output_format, request, start_index);
     return by_output_format<settle(Code, 2, 0)>(output_format, request, start_index);
 }
 

@@ -60,7 +60,9 @@ inline int32_t truncate_to_int32(double value) {
 #endif
 }
 
-inline int32_t round_sum(float sum) { return truncate_to_int32(static_cast<double>(sum) + 0.5); }
+inline int32_t round_sum(float sum) {
+    return truncate_to_int32(static_cast<double>(sum) + 0.5);
+}
 
 // One row of the matrix: the R and G terms first, the B term added to their sum.
 inline float matrix_row(float m_red, float m_green, float m_blue, float red, float green,
@@ -151,10 +153,10 @@ struct kernel_coordinates {
 
     constexpr uint32_t encode() const {
         const uint32_t digits[setting_count] = {
-            output_width == 16 ? 1u : 0u,     uint32_t(input_format),    uint32_t(blue_input_LUT),
-            uint32_t(green_input_LUT),        uint32_t(red_input_LUT),   uint32_t(blue_output_LUT),
-            uint32_t(green_output_LUT),       uint32_t(red_output_LUT),  uint32_t(blue_shift_sign),
-            uint32_t(green_shift_sign),       uint32_t(red_shift_sign),  uint32_t(fourth_channel),
+            output_width == 16 ? 1u : 0u, uint32_t(input_format),   uint32_t(blue_input_LUT),
+            uint32_t(green_input_LUT),    uint32_t(red_input_LUT),  uint32_t(blue_output_LUT),
+            uint32_t(green_output_LUT),   uint32_t(red_output_LUT), uint32_t(blue_shift_sign),
+            uint32_t(green_shift_sign),   uint32_t(red_shift_sign), uint32_t(fourth_channel),
             uint32_t(output_format)};
         uint32_t code = 0;
         for (int s = 0; s < setting_count; ++s) code = code * radix[s] + digits[s];
@@ -167,19 +169,12 @@ struct kernel_coordinates {
             digits[s] = code % radix[s];
             code /= radix[s];
         }
-        return kernel_coordinates{digits[0] ? 16 : 8,
-                                  pixel_format(digits[1]),
-                                  digits[2] != 0,
-                                  digits[3] != 0,
-                                  digits[4] != 0,
-                                  digits[5] != 0,
-                                  digits[6] != 0,
-                                  digits[7] != 0,
-                                  shift_sign(digits[8]),
-                                  shift_sign(digits[9]),
-                                  shift_sign(digits[10]),
-                                  digits[11] != 0,
-                                  pixel_format(digits[12])};
+        return kernel_coordinates{
+            digits[0] ? 16 : 8,      pixel_format(digits[1]), digits[2] != 0,
+            digits[3] != 0,          digits[4] != 0,          digits[5] != 0,
+            digits[6] != 0,          digits[7] != 0,          shift_sign(digits[8]),
+            shift_sign(digits[9]),   shift_sign(digits[10]),  digits[11] != 0,
+            pixel_format(digits[12])};
     }
 };
 

@@ -7,7 +7,8 @@
 
 namespace kv {
 
-// Any 32-bit value can travel in a record; the dispatch tree sends everything but 1 and 2 to planes.
+// Any 32-bit value can travel in a record; the dispatch tree sends everything but 1 and 2 to
+// planes.
 enum pixel_format : int32_t {
     FORMAT_BGR_PLANES = 0,
     FORMAT_BGR_INTERLEAVED = 1,
@@ -105,7 +106,8 @@ static_assert(offsetof(transform_request, output_buffer) == 144, "layout");
 static_assert(offsetof(transform_request, output_format) == 152, "layout");
 static_assert(offsetof(transform_request, fourth_channel) == 156, "layout");
 static_assert(offsetof(transform_request, pixel_count) == 160, "layout");
-static_assert(sizeof(transform_request) == 168, "the record ends at 164, padded to pointer alignment");
+static_assert(sizeof(transform_request) == 168,
+              "the record ends at 164, padded to pointer alignment");
 
 static_assert(offsetof(color_correction_head, matrix) == 0, "layout");
 static_assert(sizeof(color_correction_head) == 36, "nine 32-bit floats");
