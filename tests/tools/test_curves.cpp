@@ -11,12 +11,12 @@ namespace {
 using kv_tool::curve;
 using kv_tool::curve_kind;
 
-curve parsed(const std::string& spec) {
-    return kv_tool::parse_curve(spec, "--input-lut");
+curve parsed(const std::string& curve_text) {
+    return kv_tool::parse_curve(curve_text, "--input-lut");
 }
 
 struct value_case {
-    const char* spec;
+    const char* curve_text;
     double x;
     double expected;
 };
@@ -40,9 +40,9 @@ TEST(Curves, ValuesAtChosenPoints) {
         {"scale:0", 0.7, 0.0},
     };
     for (const value_case& c : cases) {
-        SCOPED_TRACE(std::string(c.spec) + " at " + std::to_string(c.x));
+        SCOPED_TRACE(std::string(c.curve_text) + " at " + std::to_string(c.x));
         for (int channel = 0; channel < 3; ++channel) {
-            EXPECT_NEAR(kv_tool::evaluate(parsed(c.spec), channel, c.x), c.expected, 1e-8);
+            EXPECT_NEAR(kv_tool::evaluate(parsed(c.curve_text), channel, c.x), c.expected, 1e-8);
         }
     }
 }
@@ -66,7 +66,7 @@ TEST(Curves, SrgbAndItsInverseUndoEachOtherInSixteenBits) {
 }
 
 struct table_case {
-    const char* spec;
+    const char* curve_text;
     uint32_t entries;
     uint32_t top;
     std::vector<std::pair<uint32_t, uint32_t>> expected;  // index, entry
@@ -83,9 +83,9 @@ TEST(Curves, TablesSpanTheirEntriesAndTop) {
         {"inverse-gamma:2", 256, 65025, {{16, 256}, {255, 65025}}},  // (16/255)^2 * 65025
     };
     for (const table_case& c : cases) {
-        SCOPED_TRACE(std::string(c.spec) + ", " + std::to_string(c.entries) + " entries");
+        SCOPED_TRACE(std::string(c.curve_text) + ", " + std::to_string(c.entries) + " entries");
         std::vector<uint32_t> table(c.entries, 0xDEADBEEF);
-        kv_tool::fill_table(parsed(c.spec), 1, table.data(), c.entries, c.top);
+        kv_tool::fill_table(parsed(c.curve_text), 1, table.data(), c.entries, c.top);
         for (const auto& [index, entry] : c.expected) EXPECT_EQ(table[index], entry) << index;
     }
 }

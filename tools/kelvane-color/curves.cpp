@@ -139,16 +139,16 @@ cube_LUT load_cube(const std::string& path) {
     return parse_cube(path, text.str());
 }
 
-curve parse_curve(const std::string& spec, const std::string& option) {
+curve parse_curve(const std::string& curve_text, const std::string& option) {
     curve c;
-    c.text = spec;
-    const size_t colon = spec.find(':');
-    const std::string name = spec.substr(0, colon);
-    const std::string argument = colon == std::string::npos ? "" : spec.substr(colon + 1);
+    c.text = curve_text;
+    const size_t colon = curve_text.find(':');
+    const std::string name = curve_text.substr(0, colon);
+    const std::string argument = colon == std::string::npos ? "" : curve_text.substr(colon + 1);
     const bool takes_argument = name == "gamma" || name == "inverse-gamma" || name == "scale";
-    if (has_cube_extension(spec)) {
+    if (has_cube_extension(curve_text)) {
         c.kind = curve_kind::cube;
-        c.cube = std::make_shared<const cube_LUT>(load_cube(spec));
+        c.cube = std::make_shared<const cube_LUT>(load_cube(curve_text));
         return c;
     }
     if (takes_argument && colon == std::string::npos) {
@@ -171,10 +171,10 @@ curve parse_curve(const std::string& spec, const std::string& option) {
             c.parameter < 0 || (positive_only && c.parameter == 0)) {
             throw usage_error(option + ": '" + argument + "' is not a " +
                               (positive_only ? "positive" : "non-negative") + " number in '" +
-                              spec + "'");
+                              curve_text + "'");
         }
     } else {
-        throw usage_error(option + ": '" + spec +
+        throw usage_error(option + ": '" + curve_text +
                           "' is not a curve (identity, srgb, inverse-srgb, gamma:G, "
                           "inverse-gamma:G, scale:K, off) or a .cube file");
     }

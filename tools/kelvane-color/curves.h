@@ -33,7 +33,7 @@ struct curve {
 
 // "identity", "srgb", "inverse-srgb", "gamma:G", "inverse-gamma:G", "scale:K", "off" or a path
 // ending in .cube (loaded here). Errors name `option`.
-curve parse_curve(const std::string& spec, const std::string& option);
+curve parse_curve(const std::string& curve_text, const std::string& option);
 
 // The curve at x in [0, 1] for a channel (0 blue, 1 green, 2 red), clamped to [0, 1].
 double evaluate(const curve& c, int channel, double x);
