@@ -23,6 +23,7 @@ install(TARGETS kelvane_qor_color_processing EXPORT kelvane_qor_color_processing
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(FILES "${PROJECT_SOURCE_DIR}/include/kelvane_qor_color_processing.h"
+              "${PROJECT_SOURCE_DIR}/include/kelvane_qor_color_processing.hpp"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
 
 # Whatever module targets this tree builds.

@@ -1,7 +1,8 @@
 # Installs the build into a fresh prefix and builds the C host against it twice, through the
 # CMake package and through pkg-config, then runs both and the installed kelvane-color.
 # Run with cmake -P and: BUILD_DIR WORK_DIR HOST_DIR C_COMPILER C_FLAGS LINKER_FLAGS GENERATOR
-# PKG_CONFIG FAKE_MODULE_DIR (used only while the real LUT module is not built).
+# PKG_CONFIG FAKE_MODULE_DIR (used only while the real LUT module is not built), and CXX_COMPILER
+# for the C++ host.
 
 function(kv_run)
   cmake_parse_arguments(PARSE_ARGV 0 R "" "WHAT" "COMMAND")
@@ -66,6 +67,17 @@ kv_run(WHAT "build the pkg-config host"
        COMMAND "${C_COMPILER}" ${c_flags} "${HOST_DIR}/host.c" ${flags} "-Wl,-rpath,${libdir}"
                -o "${WORK_DIR}/pkg-config-host")
 kv_run(WHAT "run the pkg-config host" COMMAND ${run_env} "${WORK_DIR}/pkg-config-host")
+
+# 2b. The C++ interface, header-only over the same library (CXX_COMPILER given).
+if(CXX_COMPILER)
+  if(NOT EXISTS "${prefix}/include/kelvane_qor_color_processing.hpp")
+    message(FATAL_ERROR "the install has no C++ header")
+  endif()
+  kv_run(WHAT "build the C++ pkg-config host"
+         COMMAND "${CXX_COMPILER}" -std=c++17 -pthread ${c_flags} "${HOST_DIR}/host.cpp" ${flags}
+                 "-Wl,-rpath,${libdir}" -o "${WORK_DIR}/pkg-config-host-cpp")
+  kv_run(WHAT "run the C++ pkg-config host" COMMAND ${run_env} "${WORK_DIR}/pkg-config-host-cpp")
+endif()
 
 # 3. The installed tool finds the library through its own RUNPATH.
 kv_run(WHAT "run the installed kelvane-color"
