@@ -71,6 +71,7 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
     result.width = picture.width;
     result.height = picture.height;
     result.detected_tier = system.cpu.tier;
+    result.threads = s.threads;
     const pipeline_plan plan = plan_pipeline(s);
     const auto pixels = int32_t(picture.pixel_count());
     const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
@@ -90,7 +91,7 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
             std::fill(target.begin(), target.end(), uint16_t(0xA5A5));
             kv_status status = KV_STATUS_SUCCESS;
             const std::vector<double> times = time_frames(s.min_time, [&] {
-                status = run_transform(p.handle(), s, plan, input.data(), target.data(), pixels);
+                status = run_transform(p, s, plan, input.data(), target.data(), pixels, s.threads);
             });
             check_transform(status, source, s, plan);
             row.measured = true;
@@ -118,7 +119,8 @@ std::string bench_table(const bench_result& r, const settings& s) {
                       std::to_string(r.height) + ", 48 to " + std::to_string(s.bits * s.channels) +
                       " bits, " + layout_name(s.input_layout) + " to " +
                       layout_name(s.output_layout) + "; detected tier " +
-                      tier_name(r.detected_tier) + "\n";
+                      tier_name(r.detected_tier) + "; " + std::to_string(r.threads) +
+                      (r.threads == 1 ? " thread\n" : " threads\n");
     char line[256];
     std::snprintf(line, sizeof line, "  %-8s %12s %12s %7s  %s\n", "tier", "Mpix/s", "best",
                   "frames", "result");
@@ -151,6 +153,7 @@ std::string bench_json(const bench_result& r, const settings& s) {
     out += "  \"input_layout\": " + json_text(layout_name(s.input_layout)) + ",\n";
     out += "  \"output_layout\": " + json_text(layout_name(s.output_layout)) + ",\n";
     out += "  \"detected_tier\": " + json_text(tier_name(r.detected_tier)) + ",\n";
+    out += "  \"threads\": " + std::to_string(r.threads) + ",\n";
     out += "  \"tiers\": [\n";
     for (size_t i = 0; i < r.tiers.size(); ++i) {
         const bench_row& row = r.tiers[i];

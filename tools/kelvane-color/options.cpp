@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <thread>
 
 #include "numbers.h"
 #include "tool_error.h"
@@ -243,6 +244,8 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
                 throw usage_error("--chart-size: more pixels than one frame can hold");
             }
             chart_size_given = true;
+        } else if (arg == "--threads") {
+            s.threads = unsigned(parse_whole(take(), arg, 1, max_threads));
         } else if (arg == "--json") {
             s.json = take();
             if (s.json.empty()) throw usage_error("--json: empty file name (use - for stdout)");
@@ -336,6 +339,10 @@ pipeline_plan plan_pipeline(const settings& s) {
     return plan;
 }
 
+unsigned default_threads() {
+    return std::clamp(std::thread::hardware_concurrency(), 1u, max_threads);
+}
+
 std::string layout_name(int32_t layout) {
     switch (layout) {
         case 0:
@@ -391,6 +398,9 @@ Pipeline (every CH= prefix is optional: b, g, r, any of them together, or blue, 
   --tier T                  force a tier: scalar, sse, avx2, avx512 or a number
 Other:
   --chart-size WxH          size of the built-in chart (default 1920x1080)
+  --threads N               1 to 256: an interleaved frame is cut into stripes transformed at
+                            once, a batch runs several files at once, bench times frames so
+                            (default: the number of cores; output identical on any number)
   -q, --quiet               no summary and no progress line
   --json FILE               bench: also write the results as JSON (- for stdout)
   --min-time S              bench: seconds of frames for each tier (default 0.5)
