@@ -207,18 +207,28 @@ void run_jobs(std::vector<job>& jobs, const settings& s, const pipeline_plan& pl
         }
     }
     if (threads.empty()) work();
-    for (size_t i = 0; i < jobs.size(); ++i) {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] {
-            return jobs[i].finished || jobs[i].refusal || (stop && !jobs[i].claimed);
-        });
-        if (!jobs[i].finished && !jobs[i].refusal) break;  // the run ended before this job
-        lock.unlock();
-        if (!report(i)) {
-            std::lock_guard<std::mutex> relock(mutex);
-            stop = true;
-            break;
+    auto stop_all = [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        stop = true;
+    };
+    try {
+        for (size_t i = 0; i < jobs.size(); ++i) {
+            std::unique_lock<std::mutex> lock(mutex);
+            changed.wait(lock, [&] {
+                return jobs[i].finished || jobs[i].refusal || (stop && !jobs[i].claimed);
+            });
+            if (!jobs[i].finished && !jobs[i].refusal) break;  // the run ended before this job
+            lock.unlock();
+            if (!report(i)) {
+                stop_all();
+                break;
+            }
         }
+    } catch (...) {
+        // The workers are joined before anything leaves this function.
+        stop_all();
+        for (std::thread& t : threads) t.join();
+        throw;
     }
     for (std::thread& t : threads) t.join();
 }
