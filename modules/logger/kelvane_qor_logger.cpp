@@ -161,20 +161,20 @@ std::shared_ptr<open_log> open(logger_state& s, const std::string& module_id,
     log->destination = to_stdout ? "stdout" : "stderr";
     log->origin = settings.origin;
     if (settings.destination == destination_kind::file) {
+        const std::string named =
+            "the log file \"" + kv::logger::printable(settings.file_path, kv::logger::path_bytes) +
+            "\"";
         std::string reason;
         std::FILE* file = kv::logger::open_for_append(settings.file_path, reason);
         if (file != nullptr) {
             log->stream = file;
             log->owns_stream = true;
-            log->destination = "the log file \"" +
-                               kv::logger::printable(settings.file_path, kv::logger::path_bytes) +
-                               "\"";
+            log->destination = named;
         } else {
             kv::logger::log_settings fallback = settings;
             fallback.destination = destination_kind::standard_error;
-            warn(s, settings.origin + ": cannot open the log file \"" +
-                        kv::logger::printable(settings.file_path, kv::logger::path_bytes) + "\" (" +
-                        reason + "); writing " + kv::logger::describe(fallback));
+            warn(s, settings.origin + ": cannot open " + named + " (" + reason + "); writing " +
+                        kv::logger::describe(fallback));
         }
     }
     return log;
