@@ -40,8 +40,11 @@ std::string not_regular(const char* kind) {
     return std::string("ignored, it is ") + kind + " and not a regular file";
 }
 
-const std::string too_large =
-    "ignored, it is larger than " + std::to_string(max_config_bytes / 1024) + " KiB";
+// A function, not a static string: a log may be opened from an at-exit handler, after the
+// module's statics are gone.
+std::string too_large() {
+    return "ignored, it is larger than " + std::to_string(max_config_bytes / 1024) + " KiB";
+}
 
 // Reads a regular file through `read_some` (bytes read, 0 at its end, below 0 after setting
 // `reason`) up to one byte past the bound, which tells a file at the bound from a larger one.
@@ -61,7 +64,7 @@ read_result read_bounded(Read read_some, std::string& text, std::string& reason)
     }
     text.resize(size);
     if (size > max_config_bytes) {
-        reason = too_large;
+        reason = too_large();
         return read_result::refused;
     }
     return read_result::done;
