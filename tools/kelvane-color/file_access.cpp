@@ -113,7 +113,16 @@ std::string random_temporary_name(const std::string& path) {
 
 input_file open_input(const std::string& path, uint64_t limit, const char* what) {
     const int fd = open_for_reading(path);
-    if (fd < 0) throw file_error(path, "cannot open: " + error_text(errno));
+    if (fd < 0) {
+        const int error = errno;
+        // Windows refuses to open a folder at all; say what it is rather than "access denied".
+        std::error_code ignored;
+        if (std::filesystem::is_directory(path, ignored)) {
+            throw file_error(path,
+                             "is a folder, not a file; kelvane-color reads regular files only");
+        }
+        throw file_error(path, "cannot open: " + error_text(error));
+    }
     stat_type st{};
     if (status_of(fd, &st) != 0) {
         const int error = errno;

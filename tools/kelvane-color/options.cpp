@@ -370,7 +370,8 @@ const char* usage_text() {
        kelvane-color --info                     tier, modules and back-end of this machine
 
 Input: PNG, PPM/PGM/PAM (binary, maximum value up to 65535), TIFF; read as 16-bit samples.
-Output:
+       Regular files only (no FIFOs or devices); .cube files up to 64 MiB.
+Output (written to a new file beside the target, then renamed over it):
   -o, --output FILE         one output: .png, .ppm, .pam or .raw (the library's buffer as is)
   --output-dir DIR          one output per input, DIR/<input name>.<type>
   --output-type TYPE        png (default), ppm, pam or raw, with --output-dir
@@ -396,8 +397,9 @@ Other:
   --min-time S              bench: seconds of frames for each tier (default 0.5)
   -h, --help                this text
   --version                 version of kelvane-color
-Exit codes: 0 done, 1 file error, 2 bad command line, 3 the library could not start,
-4 the library refused a transform, 5 bench: a tier's output differs from scalar.
+Exit codes: 0 done, 1 file error (standard output included), 2 bad command line,
+3 the library could not start, 4 the library refused a transform, 5 bench: a tier's output
+differs from scalar.
 Reference: docs/kelvane-color.md.
 )";
 }
