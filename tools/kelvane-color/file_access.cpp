@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <new>
 #include <random>
 #include <system_error>
 
@@ -154,7 +155,12 @@ input_file open_input(const std::string& path, uint64_t limit, const char* what)
 std::string read_small_file(const std::string& path, uint64_t limit, const char* what) {
     input_file in = open_input(path, limit, what);
     std::string text;
-    text.resize(size_t(in.size));
+    try {
+        text.resize(size_t(in.size));
+    } catch (const std::bad_alloc&) {
+        throw file_error(path,
+                         "not enough memory to read its " + std::to_string(in.size) + " bytes");
+    }
     const size_t got = std::fread(&text[0], 1, text.size(), in.file.get());
     if (std::ferror(in.file.get())) throw file_error(path, "read error: " + error_text(errno));
     // A file that shrank while it was read ends where the reading did; one that grows is read
