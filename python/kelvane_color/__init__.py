@@ -91,16 +91,20 @@ class Session:
         return False
 
 
+def _integer(value, what, low, high):
+    """value as an int, if it is an integer (not a bool) in [low, high]."""
+    integer = isinstance(value, (int, np.integer)) and not isinstance(value, (bool, np.bool_))
+    if not integer or not low <= value <= high:
+        raise ValueError(f"{what}: {value!r} is not an integer from {low} to {high}")
+    return int(value)
+
+
 def _channel_triple(value, what, low, high):
     """(blue, green, red) from one value or three, each an integer in [low, high]."""
     values = tuple(value) if isinstance(value, (tuple, list)) else (value,) * 3
     if len(values) != 3:
         raise ValueError(f"{what}: expected one value or three (blue, green, red), got {value!r}")
-    for v in values:
-        integer = isinstance(v, (int, np.integer)) and not isinstance(v, (bool, np.bool_))
-        if not integer or not low <= v <= high:
-            raise ValueError(f"{what}: {v!r} is not an integer from {low} to {high}")
-    return tuple(int(v) for v in values)
+    return tuple(_integer(v, what, low, high) for v in values)
 
 
 def _clamp_bounds(clamp):
@@ -124,8 +128,8 @@ class Processor:
     """
 
     def __init__(self, input_lut_bits=16, output_lut_bits=16, tier=None):
-        _channel_triple(input_lut_bits, "input_lut_bits", 0, 16)
-        _channel_triple(output_lut_bits, "output_lut_bits", 0, 16)
+        input_lut_bits = _integer(input_lut_bits, "input_lut_bits", 0, 16)
+        output_lut_bits = _integer(output_lut_bits, "output_lut_bits", 0, 16)
         with _session_lock:
             if _session_depth == 0:
                 raise RuntimeError("no kelvane_color.Session is open: create processors inside "
@@ -140,8 +144,7 @@ class Processor:
                 raise MemoryError("kv_color_create_color_processor failed (see the library's log)")
             self._handle = handle
             _open_processors.add(self)
-        self.input_lut_bits = int(input_lut_bits)
-        self.output_lut_bits = int(output_lut_bits)
+        self.input_lut_bits, self.output_lut_bits = input_lut_bits, output_lut_bits
 
         def tables(stage, bits):
             views = []

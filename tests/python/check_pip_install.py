@@ -15,7 +15,8 @@ def main(source, work):
     shutil.rmtree(work, ignore_errors=True)
     # A copy, so the build leaves nothing in the source tree.
     copy = os.path.join(work, "source")
-    shutil.copytree(source, copy, ignore=shutil.ignore_patterns("__pycache__", "build", "*.egg-info"))
+    leftovers = shutil.ignore_patterns("__pycache__", "build", "*.egg-info")
+    shutil.copytree(source, copy, ignore=leftovers)
     environment = os.path.join(work, "venv")
     venv.EnvBuilder(system_site_packages=True, with_pip=False).create(environment)
     python = os.path.join(environment, "bin", "python")

@@ -49,10 +49,8 @@ def test_library_refusals_name_the_status(session, settings, status):
     ({"input_layout": 3}, "3 is not a valid Layout"),
     ({"clamp": (0, 65536)}, "65536 is not an integer from 0 to 65535"),
     ({"clamp": (0, 1, 2)}, "expected \\(min, max\\)"),
-    ({"clamp": (0.5, 9)}, "0.5 is not an integer"),
     ({"shifts": 2**31}, "is not an integer from"),
     ({"out": np.zeros((2, 2, 3), np.uint8)}, "expected uint16 of shape \\(2, 2, 3\\)"),
-    ({"out": np.zeros((2, 2, 4), np.uint16)}, "got uint16 of shape \\(2, 2, 4\\)"),
     ({"out": np.zeros((2, 4, 3), np.uint16)[:, ::2]}, "C-contiguous"),
     ({"out": [0] * 12}, "a numpy array"),
 ])
