@@ -75,19 +75,23 @@ class Session:
                 status = native.kv_color_processing_module_initialize()
                 if status != 0:
                     native.kv_color_processing_module_terminate()
-                    raise StatusError("kv_color_processing_module_initialize (is kelvane_qor_LUT "
-                                      "beside the library?)", status)
+                    raise StatusError("kv_color_processing_module_initialize (the LUT module "
+                                      "kelvane_qor_LUT is missing or incomplete)", status)
             _session_depth += 1
         return self
 
     def __exit__(self, *exc):
         global _session_depth
         with _session_lock:
+            if _session_depth == 0:
+                raise RuntimeError("kelvane_color.Session left more often than entered")
             _session_depth -= 1
             if _session_depth == 0:
-                for processor in list(_open_processors):
-                    processor.close()
-                library().kv_color_processing_module_terminate()
+                try:
+                    for processor in list(_open_processors):
+                        processor.close()
+                finally:
+                    library().kv_color_processing_module_terminate()
         return False
 
 
