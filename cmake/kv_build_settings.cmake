@@ -40,11 +40,21 @@ if(KV_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${_kv_launcher})
 endif()
 
-# Sanitizer builds (the asan preset) instrument code in ways some checks cannot work with: the
-# disassembly check of the kernel loops, and the install test, whose run-time module lookup through
-# RUNPATH $ORIGIN does not survive the sanitizer's dlopen interceptor.
-if(CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
-  set(KV_SANITIZED ON)
-else()
-  set(KV_SANITIZED OFF)
+# KV_SANITIZE=ON (the asan preset) builds every target with AddressSanitizer and
+# UndefinedBehaviorSanitizer. The flags go in front of any the user gives, in the order the kernel
+# objects in ccache were built with. Checks that cannot work on instrumented code (the disassembly
+# check of the kernel loops) ask this option, never the flags.
+option(KV_SANITIZE "Build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
+if(KV_SANITIZE)
+  if(MSVC)
+    message(FATAL_ERROR "KV_SANITIZE needs GCC or Clang")
+  endif()
+  set(_kv_sanitize "-fsanitize=address,undefined")
+  foreach(_kv_lang C CXX)
+    set(CMAKE_${_kv_lang}_FLAGS
+        "${_kv_sanitize} -fno-sanitize-recover=all -fno-omit-frame-pointer ${CMAKE_${_kv_lang}_FLAGS}")
+  endforeach()
+  foreach(_kv_kind EXE SHARED MODULE)
+    set(CMAKE_${_kv_kind}_LINKER_FLAGS "${_kv_sanitize} ${CMAKE_${_kv_kind}_LINKER_FLAGS}")
+  endforeach()
 endif()

@@ -1,14 +1,21 @@
 # Installs the build into a fresh prefix and builds the C host against it twice, through the
-# CMake package and through pkg-config, then runs both and the installed kelvane-color.
+# CMake package and through pkg-config, then runs both and the installed kelvane-color, and the
+# host once more with dlopen intercepted by a preloaded library.
 # Run with cmake -P and: BUILD_DIR WORK_DIR HOST_DIR C_COMPILER C_FLAGS LINKER_FLAGS GENERATOR
-# PKG_CONFIG FAKE_MODULE_DIR (used only while the real LUT module is not built).
+# PKG_CONFIG SHIM_SOURCE BROKEN_LUT_DIR (a folder whose LUT module lacks an entry point).
 
+# kv_run(WHAT <text> [EXPECT <exit code>] COMMAND <command...>): fails unless the command exits
+# with EXPECT (0 unless given).
 function(kv_run)
-  cmake_parse_arguments(PARSE_ARGV 0 R "" "WHAT" "COMMAND")
+  cmake_parse_arguments(PARSE_ARGV 0 R "" "WHAT;EXPECT" "COMMAND")
+  if(NOT DEFINED R_EXPECT)
+    set(R_EXPECT 0)
+  endif()
   execute_process(COMMAND ${R_COMMAND} RESULT_VARIABLE code OUTPUT_VARIABLE out
                   ERROR_VARIABLE err)
-  if(NOT code EQUAL 0)
-    message(FATAL_ERROR "${R_WHAT} failed (${code}):\n${R_COMMAND}\n${out}\n${err}")
+  if(NOT code EQUAL R_EXPECT)
+    message(FATAL_ERROR "${R_WHAT} failed (exit ${code}, expected ${R_EXPECT}):\n"
+                        "${R_COMMAND}\n${out}\n${err}")
   endif()
   message(STATUS "${R_WHAT}: ok ${out}")
 endfunction()
@@ -36,14 +43,8 @@ endif()
 get_filename_component(libdir "${library}" DIRECTORY)
 get_filename_component(pc_dir "${pc_file}" DIRECTORY)
 
-# With the real LUT module installed beside the library, the hosts must find it through the
-# library's RUNPATH alone; until then the fake one stands in on LD_LIBRARY_PATH.
-if(EXISTS "${libdir}/kelvane_qor_LUT.so")
-  set(run_env "${CMAKE_COMMAND}" -E env --unset=LD_LIBRARY_PATH)
-else()
-  message(STATUS "no kelvane_qor_LUT.so installed: using the fake module of ${FAKE_MODULE_DIR}")
-  set(run_env "${CMAKE_COMMAND}" -E env "LD_LIBRARY_PATH=${FAKE_MODULE_DIR}")
-endif()
+# The hosts find the modules through the library's RUNPATH alone.
+set(run_env "${CMAKE_COMMAND}" -E env --unset=LD_LIBRARY_PATH)
 
 # 1. find_package
 kv_run(WHAT "configure the CMake host"
@@ -71,3 +72,16 @@ kv_run(WHAT "run the pkg-config host" COMMAND ${run_env} "${WORK_DIR}/pkg-config
 kv_run(WHAT "run the installed kelvane-color"
        COMMAND ${run_env} "${prefix}/bin/kelvane-color" --chart-size 64x32 -o
                "${WORK_DIR}/chart.ppm")
+
+# 4. A preloaded library that takes dlopen and forwards it hides the library's RUNPATH from the
+# dynamic loader, as sanitizers do: the library must still find the modules beside it, and a
+# folder on LD_LIBRARY_PATH must still come first (its LUT module lacks an entry point, so the
+# host cannot start). A sanitizer runtime must then accept not being first in the list.
+kv_run(WHAT "build the dlopen shim"
+       COMMAND "${C_COMPILER}" -shared -fPIC "${SHIM_SOURCE}" -o "${WORK_DIR}/dlopen_shim.so" -ldl)
+set(shim_env "${CMAKE_COMMAND}" -E env "LD_PRELOAD=${WORK_DIR}/dlopen_shim.so"
+             "ASAN_OPTIONS=$ENV{ASAN_OPTIONS}:verify_asan_link_order=0")
+kv_run(WHAT "run the CMake host with dlopen intercepted"
+       COMMAND ${shim_env} --unset=LD_LIBRARY_PATH "${WORK_DIR}/cmake-host/host")
+kv_run(WHAT "run it with LD_LIBRARY_PATH naming a broken LUT module" EXPECT 2
+       COMMAND ${shim_env} "LD_LIBRARY_PATH=${BROKEN_LUT_DIR}" "${WORK_DIR}/cmake-host/host")
