@@ -46,6 +46,15 @@ std::string directory_of(const std::string& path) {
 
 }  // namespace
 
+std::string module_file_in(const std::string& folder, const char* base_name) {
+#if defined(_WIN32)
+    const char separator = '\\';
+#else
+    const char separator = '/';
+#endif
+    return folder + separator + file_name_of(base_name);
+}
+
 std::string calling_module_directory() {
     return directory_of(module_path_of(&anchor));
 }

@@ -28,6 +28,9 @@ extern const char* const module_suffix;
 // last_error(). Throws std::bad_alloc when the file name cannot be formed.
 module_handle load_module(const char* base_name, const void* beside = nullptr);
 
+// The path of the module `base_name` in `folder`, with this platform's separator and suffix.
+std::string module_file_in(const std::string& folder, const char* base_name);
+
 // Loads the module file at `path` exactly, without any search.
 module_handle load_module_file(const std::string& path);
 
