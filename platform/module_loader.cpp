@@ -184,7 +184,7 @@ module_handle load_module(const char* base_name, const void* beside) {
     if (search != nullptr) {
         const char* entry = search;
         for (;;) {
-            const char* end = std::strchr(entry, ':');
+            const char* end = std::strpbrk(entry, ":;");  // ld.so takes either separator
             const std::size_t length =
                 end != nullptr ? static_cast<std::size_t>(end - entry) : std::strlen(entry);
             if (try_folder(std::string(entry, length), file, own, &result)) {

@@ -17,8 +17,8 @@ extern const char* const module_suffix;
 // for. On Windows that is LoadLibraryA's own order. Elsewhere the order is searched here rather
 // than left to dlopen, which picks the folders by the address it is called from and so loses the
 // caller's RUNPATH when something intercepts it (sanitizers, preloaded libraries):
-//   1. each folder of LD_LIBRARY_PATH in turn (an empty entry is the current folder, as for
-//      ld.so; the variable is ignored in a set-user-ID process, as ld.so does);
+//   1. each folder of LD_LIBRARY_PATH in turn, split at ':' or ';' (an empty entry is the current
+//      folder, as for ld.so; the variable is ignored in a set-user-ID process, as ld.so does);
 //   2. the folder of the module that holds `beside` (the calling module when it is NULL);
 //   3. the bare name, which leaves the system folders and the cache to dlopen.
 // A file that is not a loadable ELF object for this machine (missing, unreadable, 32-bit,

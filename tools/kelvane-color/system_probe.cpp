@@ -3,6 +3,7 @@
 // library.
 #include "system_probe.h"
 
+#include <cstdio>
 #include <filesystem>
 
 #include "kelvane_qor_color_processing.h"
