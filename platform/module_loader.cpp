@@ -5,12 +5,9 @@
 #include <cstring>
 #include <string>
 
-#if defined(_WIN32)
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#include <windows.h>
-#else
+#include "platform/windows_api.h"
+
+#if !defined(_WIN32)
 #include <dlfcn.h>
 #include <elf.h>
 #include <fcntl.h>

@@ -101,17 +101,8 @@ int32_t routed_backend(int32_t tier, const std::array<module_report, 3>& vector)
 }
 
 const char* module_state_name(module_state state) {
-    switch (state) {
-        case module_state::missing:
-            return "missing";
-        case module_state::incomplete:
-            return "incomplete";
-        case module_state::refused:
-            return "refused";
-        case module_state::ready:
-            return "ready";
-    }
-    return "?";
+    static const char* const names[] = {"missing", "incomplete", "refused", "ready"};
+    return names[static_cast<int>(state)];
 }
 
 std::string library_path() {
