@@ -42,19 +42,24 @@ endif()
 
 # KV_SANITIZE=ON (the asan preset) builds every target with AddressSanitizer and
 # UndefinedBehaviorSanitizer. The flags go in front of any the user gives, in the order the kernel
-# objects in ccache were built with. Checks that cannot work on instrumented code (the disassembly
-# check of the kernel loops) ask this option, never the flags.
+# objects in ccache were built with (a build folder configured by an older preset may hold them
+# already: they are not added twice). Checks that cannot work on instrumented code (the
+# disassembly check of the kernel loops) ask this option, never the flags.
 option(KV_SANITIZE "Build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
 if(KV_SANITIZE)
   if(MSVC)
     message(FATAL_ERROR "KV_SANITIZE needs GCC or Clang")
   endif()
   set(_kv_sanitize "-fsanitize=address,undefined")
-  foreach(_kv_lang C CXX)
-    set(CMAKE_${_kv_lang}_FLAGS
-        "${_kv_sanitize} -fno-sanitize-recover=all -fno-omit-frame-pointer ${CMAKE_${_kv_lang}_FLAGS}")
-  endforeach()
-  foreach(_kv_kind EXE SHARED MODULE)
-    set(CMAKE_${_kv_kind}_LINKER_FLAGS "${_kv_sanitize} ${CMAKE_${_kv_kind}_LINKER_FLAGS}")
+  set(_kv_compile "${_kv_sanitize} -fno-sanitize-recover=all -fno-omit-frame-pointer")
+  foreach(_kv_variable C_FLAGS CXX_FLAGS EXE_LINKER_FLAGS SHARED_LINKER_FLAGS MODULE_LINKER_FLAGS)
+    set(_kv_flags "${_kv_compile}")
+    if(_kv_variable MATCHES "LINKER")
+      set(_kv_flags "${_kv_sanitize}")
+    endif()
+    string(FIND " ${CMAKE_${_kv_variable}} " " ${_kv_flags} " _kv_at)
+    if(_kv_at EQUAL -1)
+      set(CMAKE_${_kv_variable} "${_kv_flags} ${CMAKE_${_kv_variable}}")
+    endif()
   endforeach()
 endif()
