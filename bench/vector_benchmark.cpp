@@ -19,9 +19,6 @@
 
 #if defined(_WIN32)
 #include <malloc.h>
-#include <windows.h>
-#else
-#include <dlfcn.h>
 #endif
 
 #if defined(KV_HAVE_OPENCV)
@@ -31,7 +28,9 @@
 #include "kernels/dispatch.h"
 #include "kernels/transform_request.h"
 #include "modules/vector/instruction_sets.h"
+#include "platform/module_loader.h"
 #include "services/module_abi.h"
+#include "services/module_contract.h"
 
 namespace {
 
@@ -43,45 +42,33 @@ using kv::transform_request;
 
 struct vector_module {
     const char* label;
-    const char* suffix;
+    const kv::module_names& names;
     kv::vector::instruction_set set;
     kv::abi::vector_transform_fn transform_8 = nullptr;
     kv::abi::vector_transform_fn transform_16 = nullptr;
     std::string unavailable;  // why the tier is skipped, empty when usable
 };
 
-void* find_entry(void* handle, const std::string& name) {
-#if defined(_WIN32)
-    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle), name.c_str()));
-#else
-    return dlsym(handle, name.c_str());
-#endif
-}
-
+// Loads the module from `directory` exactly (the build's, or --modules), with the library's names.
 void load(vector_module& m, const std::string& directory) {
     if (const char* missing = kv::vector::missing_feature(m.set)) {
         m.unavailable = std::string("processor lacks ") + missing;
         return;
     }
-#if defined(_WIN32)
-    const std::string path =
-        directory + "\\kelvane_qor_color_processing_vector_" + m.suffix + ".dll";
-    void* handle = LoadLibraryA(path.c_str());
-#else
-    const std::string path = directory + "/kelvane_qor_color_processing_vector_" + m.suffix + ".so";
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-#endif
+    const std::string path = kv::platform::module_file_in(directory, m.names.base_name);
+    kv::platform::module_handle handle = kv::platform::load_module_file(path);
     if (handle == nullptr) {
-        m.unavailable = "cannot load " + path;
+        m.unavailable = "cannot load " + path + ": " + kv::platform::last_error();
         return;
     }
-    const std::string s = m.suffix;
-    auto initialize = reinterpret_cast<kv::abi::vector_initialize_fn>(
-        find_entry(handle, "kv_color_processing_vector_" + s + "_module_initialize"));
-    m.transform_8 = reinterpret_cast<kv::abi::vector_transform_fn>(
-        find_entry(handle, "kv_color_processing_transform_8_bit_output_vector_" + s));
-    m.transform_16 = reinterpret_cast<kv::abi::vector_transform_fn>(
-        find_entry(handle, "kv_color_processing_transform_16_bit_output_vector_" + s));
+    auto entry = [&](kv::vector_entry e) {
+        return kv::platform::module_symbol(handle, m.names.entries[e]);
+    };
+    auto initialize = reinterpret_cast<kv::abi::vector_initialize_fn>(entry(kv::VECTOR_INITIALIZE));
+    m.transform_8 =
+        reinterpret_cast<kv::abi::vector_transform_fn>(entry(kv::VECTOR_TRANSFORM_8_BIT_OUTPUT));
+    m.transform_16 =
+        reinterpret_cast<kv::abi::vector_transform_fn>(entry(kv::VECTOR_TRANSFORM_16_BIT_OUTPUT));
     if (!initialize || !m.transform_8 || !m.transform_16) {
         m.unavailable = "entries missing in " + path;
     } else if (initialize() != 0) {
@@ -254,9 +241,14 @@ int main(int argc, char** argv) {
     }
 
     vector_module modules[3] = {
-        {"SSE", "sse", kv::vector::instruction_set::sse41, nullptr, nullptr, {}},
-        {"AVX2", "avx2", kv::vector::instruction_set::avx2, nullptr, nullptr, {}},
-        {"AVX-512", "avx512", kv::vector::instruction_set::avx512, nullptr, nullptr, {}}};
+        {"SSE", kv::VECTOR_MODULES[0], kv::vector::instruction_set::sse41, nullptr, nullptr, {}},
+        {"AVX2", kv::VECTOR_MODULES[1], kv::vector::instruction_set::avx2, nullptr, nullptr, {}},
+        {"AVX-512",
+         kv::VECTOR_MODULES[2],
+         kv::vector::instruction_set::avx512,
+         nullptr,
+         nullptr,
+         {}}};
     for (vector_module& m : modules) {
         load(m, module_directory);
         if (!m.unavailable.empty())

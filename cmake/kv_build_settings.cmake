@@ -40,11 +40,26 @@ if(KV_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${_kv_launcher})
 endif()
 
-# Sanitizer builds (the asan preset) instrument code in ways some checks cannot work with: the
-# disassembly check of the kernel loops, and the install test, whose run-time module lookup through
-# RUNPATH $ORIGIN does not survive the sanitizer's dlopen interceptor.
-if(CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
-  set(KV_SANITIZED ON)
-else()
-  set(KV_SANITIZED OFF)
+# KV_SANITIZE=ON (the asan preset) builds every target with AddressSanitizer and
+# UndefinedBehaviorSanitizer. The flags go in front of any the user gives, in the order the kernel
+# objects in ccache were built with (a build folder configured by an older preset may hold them
+# already: they are not added twice). Checks that cannot work on instrumented code (the
+# disassembly check of the kernel loops) ask this option, never the flags.
+option(KV_SANITIZE "Build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
+if(KV_SANITIZE)
+  if(MSVC)
+    message(FATAL_ERROR "KV_SANITIZE needs GCC or Clang")
+  endif()
+  set(_kv_sanitize "-fsanitize=address,undefined")
+  set(_kv_compile "${_kv_sanitize} -fno-sanitize-recover=all -fno-omit-frame-pointer")
+  foreach(_kv_variable C_FLAGS CXX_FLAGS EXE_LINKER_FLAGS SHARED_LINKER_FLAGS MODULE_LINKER_FLAGS)
+    set(_kv_flags "${_kv_compile}")
+    if(_kv_variable MATCHES "LINKER")
+      set(_kv_flags "${_kv_sanitize}")
+    endif()
+    string(FIND " ${CMAKE_${_kv_variable}} " " ${_kv_flags} " _kv_at)
+    if(_kv_at EQUAL -1)
+      set(CMAKE_${_kv_variable} "${_kv_flags} ${CMAKE_${_kv_variable}}")
+    endif()
+  endforeach()
 endif()

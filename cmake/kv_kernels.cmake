@@ -29,6 +29,6 @@ endif()
 # checks and debug info: with them each unit takes minutes to compile, and the kernels' arithmetic
 # (masked shifts, conversions through the intrinsic) leaves nothing for those checks to find. Their
 # callers, the dispatch entries and every test stay fully instrumented.
-if(CMAKE_CXX_FLAGS MATCHES "-fsanitize=[^ ]*undefined")
+if(KV_SANITIZE)
   set_source_files_properties(${_kv_units} PROPERTIES COMPILE_OPTIONS "-fno-sanitize=undefined;-g0")
 endif()

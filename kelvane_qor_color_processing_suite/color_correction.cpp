@@ -6,6 +6,7 @@
 
 #include "kelvane_qor_color_processing_suite/module_state.h"
 #include "kelvane_qor_color_processing_suite/status_codes.h"
+#include "kelvane_qor_color_processing_suite/tier_selection.h"
 #include "kernels/dispatch.h"
 #include "services/LUT_library.h"
 #include "services/logger_adapter.h"
@@ -82,20 +83,22 @@ bool format_refused(pixel_format format) {
     return static_cast<int32_t>(format) >= 3;
 }
 
-// The back-end a frame goes to, or NULL for the scalar kernels alone. The fall-through is flat:
-// a failed AVX-512 or AVX2 back-end leads to SSE, never to the tier below.
+// The back-end a frame goes to, or NULL for the scalar kernels alone.
 const vector_backend* routed_backend(const color_correction& object) {
-    const int32_t tier = object.tier;
-    if (tier == TIER_AVX512 && !object.avx512_backend.failed) {
-        return &object.avx512_backend;
+    const backend_failures failed = {object.sse_backend.failed != 0,
+                                     object.avx2_backend.failed != 0,
+                                     object.avx512_backend.failed != 0};
+    switch (route_frame(object.tier, failed)) {
+        case vector_route::avx512:
+            return &object.avx512_backend;
+        case vector_route::avx2:
+            return &object.avx2_backend;
+        case vector_route::sse:
+            return &object.sse_backend;
+        case vector_route::scalar_only:
+            break;
     }
-    if (tier == TIER_AVX2 && !object.avx2_backend.failed) {
-        return &object.avx2_backend;
-    }
-    if (tier < TIER_SSE) {
-        return nullptr;
-    }
-    return object.sse_backend.failed ? nullptr : &object.sse_backend;
+    return nullptr;
 }
 
 void fill_LUT(const color_LUT& lut, const uint32_t** address, uint8_t* enabled) {

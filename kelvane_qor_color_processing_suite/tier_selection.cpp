@@ -2,56 +2,59 @@
 // AVX-512 group asks the operating system (xgetbv); the others trust the processor's bits.
 #include "kelvane_qor_color_processing_suite/tier_selection.h"
 
+#include <initializer_list>
+
 #include "kernels/transform_request.h"
 
 namespace kv {
 
-namespace {
-
 using platform::bit;
 
-bool has_avx512(const processor_identification& id) {
-    if (!bit(id.cpuid(1, 0).ecx, 27) || !bit(id.cpuid(1, 0).ecx, 28)) {  // OSXSAVE, AVX
-        return false;
+bool passes_tier_checks(const processor_identification& id, int32_t tier) {
+    switch (tier) {
+        case TIER_AVX512:
+            // OSXSAVE, AVX; opmask, upper ZMM and high ZMM state (not the SSE and AVX state);
+            // AVX512F, AVX512DQ, AVX512BW.
+            return bit(id.leaf1_ecx, 27) && bit(id.leaf1_ecx, 28) && (id.xcr0 & 0xE0u) == 0xE0u &&
+                   bit(id.leaf7_ebx, 16) && bit(id.leaf7_ebx, 17) && bit(id.leaf7_ebx, 30);
+        case TIER_AVX2:
+            return bit(id.leaf7_ebx, 5) && bit(id.leaf1_ecx, 12);  // AVX2, FMA
+        case TIER_SSE:
+            return bit(id.leaf1_edx, 25) && bit(id.leaf1_edx, 26) &&  // SSE, SSE2
+                   bit(id.leaf1_ecx, 19);                             // SSE4.1
+        default:
+            return false;
     }
-    // Opmask, upper ZMM and high ZMM state; the SSE and AVX state bits are not asked for.
-    if ((id.xgetbv0() & 0xE0u) != 0xE0u) {
-        return false;
-    }
-    return bit(id.cpuid(7, 0).ebx, 16) && bit(id.cpuid(7, 0).ebx, 17) &&  // AVX512F, AVX512DQ
-           bit(id.cpuid(7, 0).ebx, 30);                                   // AVX512BW
 }
-
-bool has_avx2(const processor_identification& id) {
-    return bit(id.cpuid(7, 0).ebx, 5) && bit(id.cpuid(1, 0).ecx, 12);  // AVX2, FMA
-}
-
-bool has_sse(const processor_identification& id) {
-    return bit(id.cpuid(1, 0).edx, 25) && bit(id.cpuid(1, 0).edx, 26) &&  // SSE, SSE2
-           bit(id.cpuid(1, 0).ecx, 19);                                   // SSE4.1
-}
-
-}  // namespace
 
 int32_t select_processor_tier(const processor_identification& identification) {
-    if (has_avx512(identification)) {
-        return TIER_AVX512;
-    }
-    if (has_avx2(identification)) {
-        return TIER_AVX2;
-    }
-    if (has_sse(identification)) {
-        return TIER_SSE;
+    for (const int32_t tier : {TIER_AVX512, TIER_AVX2, TIER_SSE}) {
+        if (passes_tier_checks(identification, tier)) {
+            return tier;
+        }
     }
     return TIER_SCALAR;
 }
 
 int32_t select_processor_tier() {
 #if defined(KV_HAS_CPUID)
-    return select_processor_tier(processor_identification{&platform::cpuid, &platform::xgetbv0});
+    return select_processor_tier(platform::identify_processor());
 #else
     return TIER_SCALAR;
 #endif
+}
+
+vector_route route_frame(int32_t tier, const backend_failures& failed) {
+    if (tier == TIER_AVX512 && !failed.avx512) {
+        return vector_route::avx512;
+    }
+    if (tier == TIER_AVX2 && !failed.avx2) {
+        return vector_route::avx2;
+    }
+    if (tier < TIER_SSE || failed.sse) {
+        return vector_route::scalar_only;
+    }
+    return vector_route::sse;
 }
 
 }  // namespace kv

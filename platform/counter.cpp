@@ -1,12 +1,9 @@
 // The counter: QueryPerformanceCounter on Windows, CLOCK_MONOTONIC in nanoseconds elsewhere.
 #include "platform/counter.h"
 
-#if defined(_WIN32)
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#include <windows.h>
-#else
+#include "platform/windows_api.h"
+
+#if !defined(_WIN32)
 #include <time.h>
 #endif
 

@@ -55,5 +55,29 @@ inline bool bit(uint32_t value, int position) {
     return ((value >> position) & 1u) != 0;
 }
 
+// What the tier decision reads of the processor and the system, as plain values.
+struct processor_identification {
+    uint32_t leaf1_ecx;
+    uint32_t leaf1_edx;
+    uint32_t leaf7_ebx;
+    uint64_t xcr0;  // xgetbv 0; read only when leaf 1 shows OSXSAVE and AVX, else 0
+};
+
+// The two instructions as functions, so a test can stand in for the processor.
+struct identification_instructions {
+    cpuid_registers (*cpuid)(uint32_t leaf, uint32_t subleaf);
+    uint64_t (*xgetbv0)();
+};
+
+// Reads leaf 1 and leaf 7 (leaf 0 is never asked whether leaf 7 exists) and, only after OSXSAVE
+// (leaf 1 ECX bit 27) and AVX (bit 28) have been seen, xgetbv: before OSXSAVE it would fault.
+inline processor_identification identify_processor(
+    const identification_instructions& instructions = {&cpuid, &xgetbv0}) {
+    const cpuid_registers leaf1 = instructions.cpuid(1, 0);
+    const cpuid_registers leaf7 = instructions.cpuid(7, 0);
+    const bool system_saves_state = bit(leaf1.ecx, 27) && bit(leaf1.ecx, 28);
+    return {leaf1.ecx, leaf1.edx, leaf7.ebx, system_saves_state ? instructions.xgetbv0() : 0};
+}
+
 }  // namespace platform
 }  // namespace kv

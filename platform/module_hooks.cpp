@@ -2,11 +2,9 @@
 // function elsewhere. Thread notifications are of no use to the library, so Windows stops them.
 #include "platform/module_hooks.h"
 
+#include "platform/windows_api.h"
+
 #if defined(_WIN32)
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#include <windows.h>
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
     if (reason == DLL_PROCESS_ATTACH) {

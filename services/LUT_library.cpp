@@ -13,12 +13,12 @@ bool load_LUT_library() {
         return false;
     }
     const symbol_slot slots[] = {
-        slot_for("kv_LUT_module_initialize", &LUT_library.initialize),
-        slot_for("kv_create_LUT_test", &LUT_library.create),
-        slot_for("kv_LUT_transform_16", &LUT_library.transform_16),
-        slot_for("kv_get_LUT_data", &LUT_library.get_data),
-        slot_for("kv_destroy_LUT", &LUT_library.destroy),
-        slot_for("kv_LUT_module_terminate", &LUT_library.terminate),
+        slot_for(LUT_MODULE.entries[LUT_INITIALIZE], &LUT_library.initialize),
+        slot_for(LUT_MODULE.entries[LUT_CREATE], &LUT_library.create),
+        slot_for(LUT_MODULE.entries[LUT_TRANSFORM_16], &LUT_library.transform_16),
+        slot_for(LUT_MODULE.entries[LUT_GET_DATA], &LUT_library.get_data),
+        slot_for(LUT_MODULE.entries[LUT_DESTROY], &LUT_library.destroy),
+        slot_for(LUT_MODULE.entries[LUT_TERMINATE], &LUT_library.terminate),
     };
     if (!fill_slots(LUT_library.module, slots)) {
         return false;

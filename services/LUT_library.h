@@ -4,10 +4,11 @@
 
 #include "platform/module_loader.h"
 #include "services/module_abi.h"
+#include "services/module_contract.h"
 
 namespace kv {
 
-constexpr const char* LUT_MODULE_BASE_NAME = "kelvane_qor_LUT";
+constexpr const char* LUT_MODULE_BASE_NAME = LUT_MODULE.base_name;
 
 struct LUT_library_table {
     platform::module_handle module;

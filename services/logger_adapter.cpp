@@ -4,6 +4,8 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "services/symbol_slots.h"
+
 namespace kv {
 
 logger_adapter::logger_adapter(const char* id)
@@ -15,24 +17,26 @@ logger_adapter::logger_adapter(const char* id)
       second_id(),
       config_file_name(LOGGER_CONFIG_FILE_NAME) {
     // Each missing piece ends construction quietly: there is nobody to tell.
-    module_handle = platform::load_module(LOGGER_MODULE_BASE_NAME);
+    module_handle = platform::load_module(LOGGER_MODULE.base_name);
     if (module_handle == nullptr) {
         return;
     }
-    auto get_log = reinterpret_cast<abi::qor_get_log_fn>(
-        platform::module_symbol(module_handle, "qor_get_log"));
+    // qor_log is found with qor_get_log but kept only once the module has given a log.
+    abi::qor_get_log_fn get_log = nullptr;
+    abi::qor_log_fn log = nullptr;
+    const symbol_slot slots[] = {
+        slot_for(LOGGER_MODULE.entries[QOR_GET_LOG], &get_log),
+        slot_for(LOGGER_MODULE.entries[QOR_LOG], &log),
+    };
+    const bool complete = fill_slots(module_handle, slots);
     if (get_log == nullptr) {
         return;
     }
     log_handle = get_log(module_id.c_str(), second_id.c_str(), config_file_name.c_str());
-    if (log_handle == nullptr) {
+    if (log_handle == nullptr || !complete) {
         return;
     }
-    log_function =
-        reinterpret_cast<abi::qor_log_fn>(platform::module_symbol(module_handle, "qor_log"));
-    if (log_function == nullptr) {
-        return;
-    }
+    log_function = log;
     is_available = 1;
 }
 
@@ -42,9 +46,9 @@ logger_adapter::~logger_adapter() {
     }
     // The log is named by its two ids, so it is freed whether or not a log was ever obtained.
     try {
-        auto free_log = reinterpret_cast<abi::qor_free_log_fn>(
-            platform::module_symbol(module_handle, "qor_free_log"));
-        if (free_log != nullptr) {
+        abi::qor_free_log_fn free_log = nullptr;
+        const symbol_slot slots[] = {slot_for(LOGGER_MODULE.entries[QOR_FREE_LOG], &free_log)};
+        if (fill_slots(module_handle, slots)) {
             free_log(module_id.c_str(), second_id.c_str());
         }
         platform::release_module(module_handle);

@@ -9,6 +9,7 @@
 #include "platform/module_loader.h"
 #include "platform/source_name.h"
 #include "services/module_abi.h"
+#include "services/module_contract.h"
 
 #if defined(__GNUC__) || defined(__clang__)
 #define KV_PRINTF_FORMAT(format_index, first_argument) \
@@ -27,8 +28,7 @@ constexpr int32_t LOG_LEVEL_TRACE = 7;
 // colon in the delivered text.
 constexpr const char* ERROR_PREFIX = "ERROR: ";
 
-constexpr const char* LOGGER_MODULE_BASE_NAME = "kelvane_qor_logger";
-constexpr const char* LOGGER_CONFIG_FILE_NAME = "kelvane_qor_logger.cfg";
+constexpr const char* LOGGER_MODULE_BASE_NAME = LOGGER_MODULE.base_name;
 
 struct logger_adapter {
     platform::module_handle module_handle;

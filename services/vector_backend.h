@@ -6,20 +6,14 @@
 
 #include "platform/module_loader.h"
 #include "services/module_abi.h"
+#include "services/module_contract.h"
 
 namespace kv {
 
-struct vector_backend_names {
-    const char* module_base_name;
-    const char* initialize;
-    const char* transform_8_bit_output;
-    const char* transform_16_bit_output;
-    const char* terminate;
-};
-
-extern const vector_backend_names SSE_BACKEND_NAMES;
-extern const vector_backend_names AVX2_BACKEND_NAMES;
-extern const vector_backend_names AVX512_BACKEND_NAMES;
+// The three modules' names, by the records of a processor.
+inline constexpr const module_names& SSE_BACKEND_NAMES = VECTOR_MODULES[0];
+inline constexpr const module_names& AVX2_BACKEND_NAMES = VECTOR_MODULES[1];
+inline constexpr const module_names& AVX512_BACKEND_NAMES = VECTOR_MODULES[2];
 
 struct vector_backend {
     platform::module_handle module;
@@ -31,7 +25,7 @@ struct vector_backend {
 
     // The loader. Throws std::bad_alloc only while the file name is formed, before anything is
     // loaded.
-    explicit vector_backend(const vector_backend_names& names);
+    explicit vector_backend(const module_names& names);
     // Terminates (if the terminate name was found) and releases the module.
     ~vector_backend();
     vector_backend(const vector_backend&) = delete;

@@ -52,33 +52,24 @@ int32_t initialize(instruction_set set) {
 }  // namespace vector
 }  // namespace kv
 
+// initialize and terminate of the module of `isa` (its export names are those of
+// services/module_contract.h), checking the instruction set `set`.
+#define KV_VECTOR_MODULE_ENTRIES(isa, set)                                                        \
+    KV_MODULE_EXPORT int32_t kv_color_processing_vector_##isa##_module_initialize() {             \
+        return kv::vector::initialize(kv::vector::instruction_set::set);                          \
+    }                                                                                             \
+    KV_MODULE_EXPORT void kv_color_processing_vector_##isa##_module_terminate() {}                \
+    static_assert(std::is_same_v<decltype(&kv_color_processing_vector_##isa##_module_initialize), \
+                                 kv::abi::vector_initialize_fn>);                                 \
+    static_assert(std::is_same_v<decltype(&kv_color_processing_vector_##isa##_module_terminate),  \
+                                 kv::abi::vector_terminate_fn>)
+
 #if defined(KV_VECTOR_MODULE_SSE)
-KV_MODULE_EXPORT int32_t kv_color_processing_vector_sse_module_initialize() {
-    return kv::vector::initialize(kv::vector::instruction_set::sse41);
-}
-KV_MODULE_EXPORT void kv_color_processing_vector_sse_module_terminate() {}
-static_assert(std::is_same_v<decltype(&kv_color_processing_vector_sse_module_initialize),
-                             kv::abi::vector_initialize_fn>);
-static_assert(std::is_same_v<decltype(&kv_color_processing_vector_sse_module_terminate),
-                             kv::abi::vector_terminate_fn>);
+KV_VECTOR_MODULE_ENTRIES(sse, sse41);
 #elif defined(KV_VECTOR_MODULE_AVX2)
-KV_MODULE_EXPORT int32_t kv_color_processing_vector_avx2_module_initialize() {
-    return kv::vector::initialize(kv::vector::instruction_set::avx2);
-}
-KV_MODULE_EXPORT void kv_color_processing_vector_avx2_module_terminate() {}
-static_assert(std::is_same_v<decltype(&kv_color_processing_vector_avx2_module_initialize),
-                             kv::abi::vector_initialize_fn>);
-static_assert(std::is_same_v<decltype(&kv_color_processing_vector_avx2_module_terminate),
-                             kv::abi::vector_terminate_fn>);
+KV_VECTOR_MODULE_ENTRIES(avx2, avx2);
 #elif defined(KV_VECTOR_MODULE_AVX512)
-KV_MODULE_EXPORT int32_t kv_color_processing_vector_avx512_module_initialize() {
-    return kv::vector::initialize(kv::vector::instruction_set::avx512);
-}
-KV_MODULE_EXPORT void kv_color_processing_vector_avx512_module_terminate() {}
-static_assert(std::is_same_v<decltype(&kv_color_processing_vector_avx512_module_initialize),
-                             kv::abi::vector_initialize_fn>);
-static_assert(std::is_same_v<decltype(&kv_color_processing_vector_avx512_module_terminate),
-                             kv::abi::vector_terminate_fn>);
+KV_VECTOR_MODULE_ENTRIES(avx512, avx512);
 #else
 #error "define KV_VECTOR_MODULE_SSE, KV_VECTOR_MODULE_AVX2 or KV_VECTOR_MODULE_AVX512"
 #endif

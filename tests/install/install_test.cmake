@@ -1,17 +1,24 @@
 # Installs the build into a fresh prefix, checks the library's file names and soname and that each
 # module is there once, beside the library; builds the C host against it twice, through the CMake
-# package and through pkg-config, then runs both, the installed kelvane-color and a transform
-# through the installed Python package.
+# package and through pkg-config, then runs both, the installed kelvane-color, a transform through
+# the installed Python package, and the host once more with dlopen intercepted by a preloaded
+# library.
 # Run with cmake -P and: BUILD_DIR WORK_DIR HOST_DIR C_COMPILER C_FLAGS LINKER_FLAGS GENERATOR
-# PKG_CONFIG FAKE_MODULE_DIR (used only while the real LUT module is not built) VERSION READELF
-# PYTHON (empty: no Python check) PYTHON_DIR, and CXX_COMPILER for the C++ host.
+# PKG_CONFIG VERSION READELF PYTHON (empty: no Python check) PYTHON_DIR, CXX_COMPILER for the C++
+# host, SHIM_SOURCE and BROKEN_LUT_DIR (a folder whose LUT module lacks an entry point).
 
+# kv_run(WHAT <text> [EXPECT <exit code>] COMMAND <command...>): fails unless the command exits
+# with EXPECT (0 unless given).
 function(kv_run)
-  cmake_parse_arguments(PARSE_ARGV 0 R "" "WHAT" "COMMAND")
+  cmake_parse_arguments(PARSE_ARGV 0 R "" "WHAT;EXPECT" "COMMAND")
+  if(NOT DEFINED R_EXPECT)
+    set(R_EXPECT 0)
+  endif()
   execute_process(COMMAND ${R_COMMAND} RESULT_VARIABLE code OUTPUT_VARIABLE out
                   ERROR_VARIABLE err)
-  if(NOT code EQUAL 0)
-    message(FATAL_ERROR "${R_WHAT} failed (${code}):\n${R_COMMAND}\n${out}\n${err}")
+  if(NOT code EQUAL R_EXPECT)
+    message(FATAL_ERROR "${R_WHAT} failed (exit ${code}, expected ${R_EXPECT}):\n"
+                        "${R_COMMAND}\n${out}\n${err}")
   endif()
   message(STATUS "${R_WHAT}: ok ${out}")
 endfunction()
@@ -72,14 +79,8 @@ foreach(module kelvane_qor_LUT kelvane_qor_logger kelvane_qor_color_processing_v
   endif()
 endforeach()
 
-# With the real LUT module installed beside the library, the hosts must find it through the
-# library's RUNPATH alone; until then the fake one stands in on LD_LIBRARY_PATH.
-if(EXISTS "${libdir}/kelvane_qor_LUT.so")
-  set(run_env "${CMAKE_COMMAND}" -E env --unset=LD_LIBRARY_PATH)
-else()
-  message(STATUS "no kelvane_qor_LUT.so installed: using the fake module of ${FAKE_MODULE_DIR}")
-  set(run_env "${CMAKE_COMMAND}" -E env "LD_LIBRARY_PATH=${FAKE_MODULE_DIR}")
-endif()
+# The hosts find the modules through the library's RUNPATH alone.
+set(run_env "${CMAKE_COMMAND}" -E env --unset=LD_LIBRARY_PATH)
 
 # 1. find_package
 kv_run(WHAT "configure the CMake host"
@@ -135,3 +136,16 @@ assert out.tolist() == [[[14, 200, 100]]], out
 import os
 assert os.path.samefile(kc.library_path(), '${libdir}/libkelvane_qor_color_processing.so.0')")
 endif()
+
+# 5. A preloaded library that takes dlopen and forwards it hides the library's RUNPATH from the
+#    dynamic loader, as sanitizers do: the library must still find the modules beside it, and a
+#    folder on LD_LIBRARY_PATH must still come first (its LUT module lacks an entry point, so the
+#    host cannot start). A sanitizer runtime must then accept not being first in the list.
+kv_run(WHAT "build the dlopen shim"
+       COMMAND "${C_COMPILER}" -shared -fPIC "${SHIM_SOURCE}" -o "${WORK_DIR}/dlopen_shim.so" -ldl)
+set(shim_env "${CMAKE_COMMAND}" -E env "LD_PRELOAD=${WORK_DIR}/dlopen_shim.so"
+             "ASAN_OPTIONS=$ENV{ASAN_OPTIONS}:verify_asan_link_order=0")
+kv_run(WHAT "run the CMake host with dlopen intercepted"
+       COMMAND ${shim_env} --unset=LD_LIBRARY_PATH "${WORK_DIR}/cmake-host/host")
+kv_run(WHAT "run it with LD_LIBRARY_PATH naming a broken LUT module" EXPECT 2
+       COMMAND ${shim_env} "LD_LIBRARY_PATH=${BROKEN_LUT_DIR}" "${WORK_DIR}/cmake-host/host")

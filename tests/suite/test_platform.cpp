@@ -1,7 +1,10 @@
 // The platform layer as the library uses it: source base names, the counter, the processor's own
 // answers to cpuid and xgetbv, and module loading by base name.
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "platform/counter.h"
@@ -9,6 +12,11 @@
 #include "platform/module_loader.h"
 #include "platform/source_name.h"
 #include "tests/suite/test_support.h"
+
+#if !defined(_WIN32)
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
 
 namespace kv_test {
 namespace {
@@ -126,6 +134,67 @@ TEST_F(UnitPlatformLoader, MissingModulesAreNull) {
         EXPECT_FALSE(kv::platform::module_is_loaded(base)) << base;
     }
 }
+
+#if !defined(_WIN32)
+// The search the loader walks itself: LD_LIBRARY_PATH folder by folder, passing over what ld.so
+// passes over (nothing there, a FIFO, an ELF object of another class), stopping at the first file
+// that could be a module for this machine even when it then fails to load.
+TEST_F(UnitPlatformLoader, SearchPassesOverWhatTheDynamicLoaderPassesOver) {
+    namespace fs = std::filesystem;
+    const char* base = "kv_search_probe";
+    const fs::path root = fs::temp_directory_path() / ("kv_search_" + std::to_string(getpid()));
+    fs::remove_all(root);
+    for (const char* folder : {"other", "fifo", "broken", "good"}) {
+        fs::create_directories(root / folder);
+    }
+    kv::platform::module_handle real = kv::platform::load_module("kelvane_qor_LUT");
+    ASSERT_NE(real, nullptr);
+    const std::string real_path = kv::platform::module_path(real);
+    kv::platform::release_module(real);
+    const std::string file = std::string(base) + kv::platform::module_suffix;
+    fs::copy_file(real_path, root / "good" / file);
+    fs::copy_file(real_path, root / "other" / file);
+    {
+        std::fstream other(root / "other" / file, std::ios::in | std::ios::out | std::ios::binary);
+        other.seekp(4);  // EI_CLASS
+        other.put(1);    // ELFCLASS32
+    }
+    std::ofstream(root / "broken" / file) << "not a module";
+    ASSERT_EQ(mkfifo((root / "fifo" / file).c_str(), 0600), 0);
+
+    struct search_case {
+        std::string path;  // LD_LIBRARY_PATH, folders of `root`
+        bool found_in_good;
+    } const cases[] = {
+        {"missing:fifo:other:good", true},
+        {"other:broken:good", false},
+        {"missing::fifo", false},
+    };
+    const char* saved = std::getenv("LD_LIBRARY_PATH");
+    const std::string saved_value = saved != nullptr ? saved : "";
+    for (const search_case& c : cases) {
+        std::string value;
+        for (std::size_t start = 0; start <= c.path.size();) {
+            std::size_t end = c.path.find(':', start);
+            end = end == std::string::npos ? c.path.size() : end;
+            const std::string folder = c.path.substr(start, end - start);
+            value += (start == 0 ? "" : ":") + (folder.empty() ? "" : (root / folder).string());
+            start = end + 1;
+        }
+        setenv("LD_LIBRARY_PATH", value.c_str(), 1);
+        kv::platform::module_handle module = kv::platform::load_module(base);
+        EXPECT_EQ(module != nullptr, c.found_in_good) << value;
+        if (module != nullptr) {
+            EXPECT_EQ(fs::path(kv::platform::module_path(module)), root / "good" / file);
+            kv::platform::release_module(module);
+        } else {
+            EXPECT_NE(kv::platform::last_error(), "") << value;
+        }
+    }
+    setenv("LD_LIBRARY_PATH", saved_value.c_str(), 1);
+    fs::remove_all(root);
+}
+#endif
 
 }  // namespace
 }  // namespace kv_test

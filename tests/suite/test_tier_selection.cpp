@@ -1,5 +1,7 @@
-// Tier selection over made-up processors: which bits each group asks for, that only the AVX-512
-// group asks the system, and that leaf 0 is never read.
+// The tier decision and the routing rule as pure functions, with expectations written from the
+// rules: each feature bit and each system-state bit missing in turn, and every tier against every
+// combination of failed back-ends. And what identify_processor reads, over a made-up processor.
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -9,99 +11,106 @@
 namespace kv_test {
 namespace {
 
+using kv::processor_identification;
+
 // Bits by name, as the processor reports them.
-constexpr uint32_t L1_ECX_FMA = 1u << 12, L1_ECX_SSE41 = 1u << 19, L1_ECX_OSXSAVE = 1u << 27,
-                   L1_ECX_AVX = 1u << 28;
-constexpr uint32_t L1_EDX_SSE = 1u << 25, L1_EDX_SSE2 = 1u << 26;
-constexpr uint32_t L7_EBX_AVX2 = 1u << 5, L7_EBX_AVX512F = 1u << 16, L7_EBX_AVX512DQ = 1u << 17,
-                   L7_EBX_AVX512BW = 1u << 30, L7_EBX_AVX512VL = 1u << 31;
-constexpr uint64_t XCR0_SSE_AVX = 0x6, XCR0_ZMM = 0xE0;
+constexpr uint32_t FMA = 1u << 12, SSE41 = 1u << 19, OSXSAVE = 1u << 27, AVX = 1u << 28;  // 1 ECX
+constexpr uint32_t SSE = 1u << 25, SSE2 = 1u << 26;                                       // 1 EDX
+constexpr uint32_t AVX2 = 1u << 5, AVX512F = 1u << 16, AVX512DQ = 1u << 17,               // 7 EBX
+    AVX512BW = 1u << 30, AVX512VL = 1u << 31;
+constexpr uint64_t XCR0_SSE = 1u << 1, XCR0_AVX = 1u << 2, XCR0_OPMASK = 1u << 5,
+                   XCR0_ZMM_HI256 = 1u << 6, XCR0_HI16_ZMM = 1u << 7;
 
-struct fake_processor {
-    uint32_t leaf1_ecx, leaf1_edx, leaf7_ebx;
-    uint64_t xcr0;
-};
-
-fake_processor current;
-std::vector<std::string> reads;
-
-kv::platform::cpuid_registers fake_cpuid(uint32_t leaf, uint32_t subleaf) {
-    reads.push_back("cpuid " + std::to_string(leaf) + "." + std::to_string(subleaf));
-    // Everything not named here reads as all ones, so a check of an unexpected register or bit
-    // would pass where it must fail.
-    kv::platform::cpuid_registers r{~0u, ~0u, ~0u, ~0u};
-    if (leaf == 1) {
-        r.ecx = current.leaf1_ecx;
-        r.edx = current.leaf1_edx;
-    } else if (leaf == 7) {
-        r.ebx = current.leaf7_ebx;
-    }
-    return r;
-}
-
-uint64_t fake_xgetbv0() {
-    reads.push_back("xgetbv");
-    return current.xcr0;
-}
-
-constexpr uint32_t SSE_ALL = L1_EDX_SSE | L1_EDX_SSE2;
-constexpr uint32_t AVX512_ALL = L7_EBX_AVX512F | L7_EBX_AVX512DQ | L7_EBX_AVX512BW;
+// A processor that passes every group, and ones that pass only the AVX2 or the SSE group.
+constexpr uint32_t ALL_ECX = FMA | SSE41 | OSXSAVE | AVX, ALL_EDX = SSE | SSE2;
+constexpr uint32_t ALL_EBX = AVX2 | AVX512F | AVX512DQ | AVX512BW | AVX512VL;
+constexpr uint64_t ALL_XCR0 = 0xE7;
+constexpr processor_identification EVERYTHING = {ALL_ECX, ALL_EDX, ALL_EBX, ALL_XCR0};
+constexpr processor_identification AVX2_LEVEL = {FMA | SSE41, ALL_EDX, AVX2, 0};
+constexpr processor_identification SSE_LEVEL = {SSE41, ALL_EDX, 0, 0};
 
 struct tier_case {
-    const char* name;
-    fake_processor cpu;
+    const char* what;
+    processor_identification id;
     int32_t tier;
 };
 
 const tier_case tier_cases[] = {
+    {"everything", EVERYTHING, 3},
     {"nothing", {0, 0, 0, 0}, 0},
-    {"everything",
-     {L1_ECX_FMA | L1_ECX_SSE41 | L1_ECX_OSXSAVE | L1_ECX_AVX, SSE_ALL,
-      L7_EBX_AVX2 | AVX512_ALL | L7_EBX_AVX512VL, XCR0_SSE_AVX | XCR0_ZMM},
-     3},
-    {"AVX-512 without AVX2 or SSE4.1", {L1_ECX_OSXSAVE | L1_ECX_AVX, 0, AVX512_ALL, XCR0_ZMM}, 3},
-    {"AVX-512 state enabled but the SSE and AVX state bits not",
-     {L1_ECX_OSXSAVE | L1_ECX_AVX, 0, AVX512_ALL, XCR0_ZMM},
-     3},
-    {"AVX-512 without BW",
-     {L1_ECX_FMA | L1_ECX_SSE41 | L1_ECX_OSXSAVE | L1_ECX_AVX, SSE_ALL,
-      L7_EBX_AVX2 | L7_EBX_AVX512F | L7_EBX_AVX512DQ, XCR0_SSE_AVX | XCR0_ZMM},
-     2},
-    {"AVX-512 without DQ",
-     {L1_ECX_OSXSAVE | L1_ECX_AVX, 0, L7_EBX_AVX512F | L7_EBX_AVX512BW, XCR0_SSE_AVX | XCR0_ZMM},
-     0},
-    {"ZMM state not enabled",
-     {L1_ECX_FMA | L1_ECX_SSE41 | L1_ECX_OSXSAVE | L1_ECX_AVX, SSE_ALL, L7_EBX_AVX2 | AVX512_ALL,
-      XCR0_SSE_AVX | 0x60},
-     2},
-    {"no OSXSAVE", {L1_ECX_AVX | L1_ECX_FMA, 0, L7_EBX_AVX2 | AVX512_ALL, XCR0_ZMM}, 2},
-    {"no AVX bit", {L1_ECX_OSXSAVE, 0, AVX512_ALL, XCR0_ZMM}, 0},
-    // The AVX2 group asks nothing of the system and not even the AVX bit.
-    {"AVX2 and FMA alone", {L1_ECX_FMA, 0, L7_EBX_AVX2, 0}, 2},
-    {"AVX2 without FMA", {L1_ECX_SSE41, SSE_ALL, L7_EBX_AVX2, 0}, 1},
-    {"FMA without AVX2", {L1_ECX_FMA, 0, 0, 0}, 0},
-    {"SSE4.1", {L1_ECX_SSE41, SSE_ALL, 0, 0}, 1},
-    {"SSE2 without SSE4.1", {0, SSE_ALL, 0, 0}, 0},
-    {"SSE4.1 without SSE2", {L1_ECX_SSE41, L1_EDX_SSE, 0, 0}, 0},
-    {"SSE4.1 without SSE", {L1_ECX_SSE41, L1_EDX_SSE2, 0, 0}, 0},
+    // The AVX-512 group, one check missing at a time: AVX2 and FMA are there, so AVX2 follows.
+    {"no OSXSAVE", {ALL_ECX & ~OSXSAVE, ALL_EDX, ALL_EBX, 0}, 2},
+    {"no AVX", {ALL_ECX & ~AVX, ALL_EDX, ALL_EBX, 0}, 2},
+    {"no opmask state", {ALL_ECX, ALL_EDX, ALL_EBX, ALL_XCR0 & ~XCR0_OPMASK}, 2},
+    {"no upper ZMM state", {ALL_ECX, ALL_EDX, ALL_EBX, ALL_XCR0 & ~XCR0_ZMM_HI256}, 2},
+    {"no high ZMM state", {ALL_ECX, ALL_EDX, ALL_EBX, ALL_XCR0 & ~XCR0_HI16_ZMM}, 2},
+    {"no AVX512F", {ALL_ECX, ALL_EDX, ALL_EBX & ~AVX512F, ALL_XCR0}, 2},
+    {"no AVX512DQ", {ALL_ECX, ALL_EDX, ALL_EBX & ~AVX512DQ, ALL_XCR0}, 2},
+    {"no AVX512BW", {ALL_ECX, ALL_EDX, ALL_EBX & ~AVX512BW, ALL_XCR0}, 2},
+    // Not asked for: the SSE and AVX state bits, AVX512VL, and the lower groups' bits.
+    {"no SSE or AVX state", {ALL_ECX, ALL_EDX, ALL_EBX, ALL_XCR0 & ~(XCR0_SSE | XCR0_AVX)}, 3},
+    {"no AVX512VL", {ALL_ECX, ALL_EDX, ALL_EBX & ~AVX512VL, ALL_XCR0}, 3},
+    {"AVX-512 alone", {OSXSAVE | AVX, 0, AVX512F | AVX512DQ | AVX512BW, 0xE0}, 3},
+    // The AVX2 group asks nothing of the system, not even the AVX bit.
+    {"AVX2 level", AVX2_LEVEL, 2},
+    {"AVX2 and FMA alone", {FMA, 0, AVX2, 0}, 2},
+    {"AVX2 level without AVX2", {FMA | SSE41, ALL_EDX, 0, 0}, 1},
+    {"AVX2 level without FMA", {SSE41, ALL_EDX, AVX2, 0}, 1},
+    {"SSE level", SSE_LEVEL, 1},
+    {"SSE level without SSE", {SSE41, SSE2, 0, 0}, 0},
+    {"SSE level without SSE2", {SSE41, SSE, 0, 0}, 0},
+    {"SSE level without SSE4.1", {0, ALL_EDX, 0, 0}, 0},
 };
 
-TEST(UnitTierSelection, GroupsInOrderFirstCompleteGroupWins) {
-    const kv::processor_identification id{&fake_cpuid, &fake_xgetbv0};
+TEST(UnitTierSelection, FirstGroupThatPassesInFullWins) {
     for (const tier_case& c : tier_cases) {
-        SCOPED_TRACE(c.name);
-        current = c.cpu;
-        reads.clear();
-        EXPECT_EQ(kv::select_processor_tier(id), c.tier);
-        const bool system_asked_for =
-            (c.cpu.leaf1_ecx & L1_ECX_OSXSAVE) && (c.cpu.leaf1_ecx & L1_ECX_AVX);
-        size_t xgetbv_reads = 0;
-        for (const std::string& r : reads) {
-            EXPECT_TRUE(r == "cpuid 1.0" || r == "cpuid 7.0" || r == "xgetbv") << r;
-            xgetbv_reads += r == "xgetbv";
+        EXPECT_EQ(kv::select_processor_tier(c.id), c.tier) << c.what;
+        for (int32_t tier = 1; tier <= 3; ++tier) {
+            if (kv::passes_tier_checks(c.id, tier)) {
+                EXPECT_GE(c.tier, tier) << c.what << ": passes group " << tier;
+            }
         }
-        EXPECT_EQ(xgetbv_reads, system_asked_for ? 1u : 0u)
-            << "xgetbv only after OSXSAVE and AVX, and only in the AVX-512 group";
+    }
+    for (int32_t tier : {-1, 0, 4}) {
+        EXPECT_FALSE(kv::passes_tier_checks(EVERYTHING, tier)) << "no group for tier " << tier;
+    }
+}
+
+// A made-up processor: each register of leaves 1 and 7 reads a value of its own, every other
+// leaf all ones; every read is recorded.
+uint32_t fake_leaf1_ecx = 0;
+std::vector<std::string> reads;
+
+kv::platform::cpuid_registers fake_cpuid(uint32_t leaf, uint32_t subleaf) {
+    reads.push_back("cpuid " + std::to_string(leaf) + "." + std::to_string(subleaf));
+    if (leaf == 1) return {0x1111, 0x1112, fake_leaf1_ecx, 0x1114};
+    if (leaf == 7) return {0x7771, 0x7772, 0x7773, 0x7774};
+    return {~0u, ~0u, ~0u, ~0u};
+}
+
+uint64_t fake_xgetbv0() {
+    reads.push_back("xgetbv");
+    return 0xE7;
+}
+
+TEST(UnitTierSelection, XgetbvIsReadOnlyAfterOsxsaveAndAvx) {
+    const struct {
+        uint32_t leaf1_ecx;
+        bool reads_xgetbv;
+    } cases[] = {{0, false}, {OSXSAVE, false}, {AVX, false}, {OSXSAVE | AVX, true}};
+    for (const auto& c : cases) {
+        fake_leaf1_ecx = c.leaf1_ecx;
+        reads.clear();
+        const processor_identification id =
+            kv::platform::identify_processor({&fake_cpuid, &fake_xgetbv0});
+        const std::vector<std::string> expected_reads =
+            c.reads_xgetbv ? std::vector<std::string>{"cpuid 1.0", "cpuid 7.0", "xgetbv"}
+                           : std::vector<std::string>{"cpuid 1.0", "cpuid 7.0"};
+        EXPECT_EQ(reads, expected_reads) << "leaf 1 ECX " << c.leaf1_ecx;
+        EXPECT_EQ(id.leaf1_ecx, c.leaf1_ecx);
+        EXPECT_EQ(id.leaf1_edx, 0x1114u);
+        EXPECT_EQ(id.leaf7_ebx, 0x7772u);
+        EXPECT_EQ(id.xcr0, c.reads_xgetbv ? 0xE7u : 0u);
     }
 }
 
@@ -110,6 +119,38 @@ TEST(UnitTierSelection, RunningProcessorGivesTheSameTierEachTime) {
     EXPECT_GE(first, 0);
     EXPECT_LE(first, 3);
     EXPECT_EQ(kv::select_processor_tier(), first);
+}
+
+// Routing, written from the rules. Columns: the failed flags, as bits avx512 = 1, avx2 = 2,
+// sse = 4 (so column 0 has every back-end good, column 7 none).
+constexpr kv::vector_route N = kv::vector_route::scalar_only, S = kv::vector_route::sse,
+                           A2 = kv::vector_route::avx2, A5 = kv::vector_route::avx512;
+struct route_row {
+    int32_t tier;
+    kv::vector_route by_failures[8];
+};
+const route_row route_rows[] = {
+    {0, {N, N, N, N, N, N, N, N}},
+    {1, {S, S, S, S, N, N, N, N}},
+    {2, {A2, A2, S, S, A2, A2, N, N}},
+    {3, {A5, S, A5, S, A5, N, A5, N}},  // a failed AVX-512 goes to SSE, never to AVX2
+    // Values outside the enumeration: at or below zero scalar, above three the SSE route.
+    {-1, {N, N, N, N, N, N, N, N}},
+    {INT32_MIN, {N, N, N, N, N, N, N, N}},
+    {4, {S, S, S, S, N, N, N, N}},
+    {1000, {S, S, S, S, N, N, N, N}},
+    {INT32_MAX, {S, S, S, S, N, N, N, N}},
+};
+
+TEST(UnitRouting, TierAndFailedFlagsChooseOneBackEndOrNone) {
+    for (const route_row& row : route_rows) {
+        for (int flags = 0; flags < 8; ++flags) {
+            const kv::backend_failures failed = {(flags & 4) != 0, (flags & 2) != 0,
+                                                 (flags & 1) != 0};
+            EXPECT_EQ(kv::route_frame(row.tier, failed), row.by_failures[flags])
+                << "tier " << row.tier << ", failed flags " << flags;
+        }
+    }
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 // What this machine offers the library: the processor tier as the library selects it, and which
 // run-time modules load, with their names and initialize results. The library exports no query for
-// this, so the tool repeats the library's own steps: cpuid for the tier, and loading each module
-// by file name through the platform's search order.
+// this, so the tool takes the same steps with the library's own code (kv_module_contract): the
+// tier decision, the module names, the platform loader searching as the library searches, and the
+// routing rule.
 #pragma once
 
 #include <array>
