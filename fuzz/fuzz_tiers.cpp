@@ -126,7 +126,8 @@ int32_t pick_format(kv_fuzz::input_reader& in) {
 
 int32_t pick_shift(kv_fuzz::input_reader& in) {
     static const int32_t odd[] = {16, -16, 31, -31, 32, INT32_MIN, INT32_MAX, 1000};
-    return in.one_in(48) ? odd[in.below(8)] : int32_t(in.below(31)) - 15;
+    if (in.one_in(48)) return odd[in.below(8)];
+    return in.one_in(3) ? 0 : int32_t(in.below(31)) - 15;
 }
 
 int32_t pick_pixels(kv_fuzz::input_reader& in) {
@@ -149,10 +150,13 @@ void compare_frame(const std::vector<kv_color_processor_handle>& processors,
     f.exported = int(in.below(4));
     f.input_format = pick_format(in);
     f.output_format = pick_format(in);
+    // Settings alike in all three channels are common, and vector paths take shortcuts for them.
+    const uint32_t shared_clamp = in.one_in(4) ? 2 + in.below(4) : 0;
+    const bool no_shifts = in.one_in(4);
     for (int c = 0; c < 3; ++c) {
         const bool LUT_on = (enables >> (3 + c)) & 1;
         const uint32_t top = LUT_on ? std::min((1u << output_depth) - 1, 65535u) : 65535u;
-        switch (in.below(24)) {
+        switch (shared_clamp != 0 ? shared_clamp : in.below(24)) {
             case 0:  // anything, often refused
                 f.minimum[c] = in.take<uint16_t>();
                 f.maximum[c] = in.take<uint16_t>();
@@ -161,13 +165,26 @@ void compare_frame(const std::vector<kv_color_processor_handle>& processors,
                 f.minimum[c] = 0;
                 f.maximum[c] = uint16_t(std::min(top + 1, 65535u));
                 break;
+            case 2:
+            case 3:  // the whole range, which a vector path may treat specially
+                f.minimum[c] = 0;
+                f.maximum[c] = uint16_t(top);
+                break;
+            case 4:  // near the ends, where shortcuts for full ranges would go wrong
+                f.minimum[c] = 0;
+                f.maximum[c] = uint16_t(top - std::min(top, in.below(256)));
+                break;
+            case 5:
+                f.minimum[c] = uint16_t(std::min(top, in.below(256)));
+                f.maximum[c] = uint16_t(top);
+                break;
             default:
                 f.minimum[c] = uint16_t(in.take<uint16_t>() % (top + 1));
                 f.maximum[c] =
                     uint16_t(f.minimum[c] + in.take<uint16_t>() % (top - f.minimum[c] + 1));
                 break;
         }
-        f.shift[c] = pick_shift(in);
+        f.shift[c] = no_shifts ? 0 : pick_shift(in);
     }
     f.pixels = pick_pixels(in);
 
@@ -320,7 +337,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // Blue, green, red input LUTs in bits 0 to 2, output LUTs in bits 3 to 5. Only enabled
     // tables are filled: the others are never read.
-    const unsigned enables = in.take<uint8_t>() & 0x3F;
+    unsigned enables = in.take<uint8_t>() & 0x3F;
+    if (in.one_in(4)) enables &= 7;  // no output LUT
     uint32_t* (*const tables[])(kv_color_processor_handle) = {
         kv_color_get_blue_input_LUT,  kv_color_get_green_input_LUT,  kv_color_get_red_input_LUT,
         kv_color_get_blue_output_LUT, kv_color_get_green_output_LUT, kv_color_get_red_output_LUT};
