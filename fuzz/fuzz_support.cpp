@@ -15,6 +15,9 @@ namespace kv_fuzz {
 namespace {
 
 std::string scratch_folder;
+// The same folder and its files as plain text, for discard_private_directory().
+char folder_path[256];
+char file_paths[4][300];
 
 void remove_scratch_folder() {
     if (scratch_folder.empty()) return;
@@ -45,13 +48,28 @@ const std::string& private_directory() {
             fatal("cannot create a folder from " + pattern + ": " + std::strerror(errno));
         }
         scratch_folder = pattern;
+        std::snprintf(folder_path, sizeof folder_path, "%s", pattern.c_str());
         std::atexit(remove_scratch_folder);
     }
     return scratch_folder;
 }
 
+void discard_private_directory() {
+    for (const char* file : file_paths) {
+        if (file[0] != '\0') ::unlink(file);
+    }
+    if (folder_path[0] != '\0') ::rmdir(folder_path);
+}
+
 std::string write_private_file(const char* name, const uint8_t* data, size_t size) {
     const std::string path = private_directory() + "/" + name;
+    for (char* slot : file_paths) {
+        if (path == slot) break;
+        if (slot[0] == '\0') {
+            std::snprintf(slot, sizeof file_paths[0], "%s", path.c_str());
+            break;
+        }
+    }
     // The folder is ours alone, so replacing our own earlier file is safe; O_NOFOLLOW still
     // refuses a link, should one appear there.
     const int fd =

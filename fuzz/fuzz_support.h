@@ -72,6 +72,10 @@ class input_reader {
 // /tmp, and removed with its contents at exit. Its path ends without a separator.
 const std::string& private_directory();
 
+// Removes the private folder and the files written into it with only async-signal-safe calls,
+// for a process that is dying.
+void discard_private_directory();
+
 // Writes `size` bytes to a new file `name` in the private folder, replacing an earlier one of
 // ours; a failed write is fatal, since the target would then test something else.
 std::string write_private_file(const char* name, const uint8_t* data, size_t size);

@@ -106,13 +106,17 @@ void report_running_case() {
 
 void on_fatal_signal(int signal_number) {
     report_running_case();
+    kv_fuzz::discard_private_directory();
     ::signal(signal_number, SIG_DFL);
     ::raise(signal_number);
 }
 
 void install_reporters() {
     if (__sanitizer_set_death_callback != nullptr) {
-        __sanitizer_set_death_callback(report_running_case);
+        __sanitizer_set_death_callback([] {
+            report_running_case();
+            kv_fuzz::discard_private_directory();
+        });
     }
     // A sanitizer reports faults itself and then calls the death callback; abort (a failed check,
     // an escaped exception) reaches the handler either way.
