@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         for (size_t i = 0; i < outcome.warning.size(); ++i) {
             const auto c = static_cast<unsigned char>(outcome.warning[i]);
-            if (c < 0x20 || c == 0x7F) {
+            if ((c < 0x20 && c != '\t') || c == 0x7F) {
                 kv_fuzz::finding("raw control byte " + std::to_string(c) + " at offset " +
                                  std::to_string(i) + " of the warning");
             }
