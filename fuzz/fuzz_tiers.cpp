@@ -228,8 +228,9 @@ void compare_frame(const std::vector<kv_color_processor_handle>& processors,
                                             : static_cast<void*>(base + output_offset);
         const kv_status status = run_frame(processors[p], f, in_pointer, out_pointer);
         const std::vector<uint8_t> output(base, base + pattern.size());
-        const std::string settings = describe(f, input_depth, output_depth, enables);
-        if (in_copy != input) kv_fuzz::finding("the input buffer changed; " + settings);
+        // Written out only for a finding.
+        const auto settings = [&] { return describe(f, input_depth, output_depth, enables); };
+        if (in_copy != input) kv_fuzz::finding("the input buffer changed; " + settings());
         if (p == 0) {
             scalar_status = status;
             scalar_output = output;
@@ -238,7 +239,7 @@ void compare_frame(const std::vector<kv_color_processor_handle>& processors,
                 const bool outside = i < output_offset || i >= output_offset + output_bytes;
                 if ((refused || outside) && output[i] != pattern[i]) {
                     kv_fuzz::finding("scalar path wrote byte " + std::to_string(i) +
-                                     " outside the frame; " + settings);
+                                     " outside the frame; " + settings());
                 }
             }
             frames_refused += refused ? 1 : 0;
@@ -247,7 +248,7 @@ void compare_frame(const std::vector<kv_color_processor_handle>& processors,
         const char* name = compared_tiers[p - 1]->name;
         if (status != scalar_status) {
             kv_fuzz::finding(std::string(name) + " returned status " + std::to_string(status) +
-                             ", scalar " + std::to_string(scalar_status) + "; " + settings);
+                             ", scalar " + std::to_string(scalar_status) + "; " + settings());
         }
         const auto diff = std::mismatch(output.begin(), output.end(), scalar_output.begin());
         if (diff.first != output.end()) {
@@ -260,7 +261,7 @@ void compare_frame(const std::vector<kv_color_processor_handle>& processors,
             kv_fuzz::finding(std::string(name) + " differs from scalar at byte " +
                              std::to_string(at) + " (" + where +
                              "): " + std::to_string(*diff.first) + " vs " +
-                             std::to_string(*diff.second) + "; " + settings);
+                             std::to_string(*diff.second) + "; " + settings());
         }
     }
     ++frames_run;
