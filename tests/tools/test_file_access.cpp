@@ -36,12 +36,14 @@ std::map<std::string, std::string> listing(const fs::path& dir) {
     return out;
 }
 
+#if !defined(_WIN32)
 kv_tool::file_writer writing(const std::string& bytes) {
     return [bytes](std::FILE* out) {
         std::fwrite(bytes.data(), 1, bytes.size(), out);
         return std::string();
     };
 }
+#endif
 
 struct planting_case {
     const char* name;

@@ -183,13 +183,13 @@ std::string png_claiming(uint32_t width, uint32_t height) {
     return bytes;
 }
 
-// The first `keep` bytes of a PNG of random pixels.
-std::string cut_png(size_t keep) {
+// A PNG of random pixels.
+std::string random_png() {
     const std::string path = (scratch_dir() / "whole.png").string();
     kv_tool::write_image(path, file_type::png, random_image(64, 64, 3, 8, 4));
     std::ifstream in(path, std::ios::binary);
     std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return bytes.substr(0, keep);
+    return bytes;
 }
 
 TEST(ImageFiles, BrokenFilesNameTheFileAndTheFault) {
@@ -221,10 +221,13 @@ TEST(ImageFiles, BrokenFilesNameTheFileAndTheFault) {
         cases.push_back({"claims.png", png_claiming(40000, 40000),
                          "PNG: its header claims 40000x40000 pixels, which need at least 4651201 "
                          "bytes of compressed data, but the file has"});
-        cases.push_back({"cut.png", cut_png(3000),
+        const std::string png = random_png();
+        cases.push_back({"cut.png", png.substr(0, 3000),
                          "PNG: the file ends before its image data is complete (at byte offset "
                          "3000)"});
-        cases.push_back({"header.png", cut_png(20), "PNG: the file ends before its image data"});
+        cases.push_back({"header.png", png.substr(0, 20), "PNG: the file ends before its image"});
+        cases.push_back({"noend.png", png.substr(0, png.size() - 12),
+                         "PNG: the file ends after the image data, before its end chunk (IEND)"});
     }
     if (kv_tool::tiff_supported()) {
         cases.push_back({"far.tif", strip_tiff(0xFFFFFF00, ""),

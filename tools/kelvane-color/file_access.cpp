@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <new>
 #include <random>
 #include <system_error>
 
@@ -113,7 +114,16 @@ std::string random_temporary_name(const std::string& path) {
 
 input_file open_input(const std::string& path, uint64_t limit, const char* what) {
     const int fd = open_for_reading(path);
-    if (fd < 0) throw file_error(path, "cannot open: " + error_text(errno));
+    if (fd < 0) {
+        const int error = errno;
+        // Windows refuses to open a folder at all; say what it is rather than "access denied".
+        std::error_code ignored;
+        if (std::filesystem::is_directory(path, ignored)) {
+            throw file_error(path,
+                             "is a folder, not a file; kelvane-color reads regular files only");
+        }
+        throw file_error(path, "cannot open: " + error_text(error));
+    }
     stat_type st{};
     if (status_of(fd, &st) != 0) {
         const int error = errno;
@@ -145,7 +155,12 @@ input_file open_input(const std::string& path, uint64_t limit, const char* what)
 std::string read_small_file(const std::string& path, uint64_t limit, const char* what) {
     input_file in = open_input(path, limit, what);
     std::string text;
-    text.resize(size_t(in.size));
+    try {
+        text.resize(size_t(in.size));
+    } catch (const std::bad_alloc&) {
+        throw file_error(path,
+                         "not enough memory to read its " + std::to_string(in.size) + " bytes");
+    }
     const size_t got = std::fread(&text[0], 1, text.size(), in.file.get());
     if (std::ferror(in.file.get())) throw file_error(path, "read error: " + error_text(errno));
     // A file that shrank while it was read ends where the reading did; one that grows is read

@@ -417,6 +417,11 @@ bool png_read_into(png_context* context, uint64_t file_size, image* out, std::ve
 // libpng's own words for the faults a damaged file shows most, put plainly.
 std::string png_fault(const png_context& context, uint32_t height) {
     const std::string where = " (at byte offset " + std::to_string(context.offset) + ")";
+    if (context.ended && context.rows_done == height && height > 0) {
+        return "the file ends after the image data, before its end chunk (IEND): it was cut "
+               "short" +
+               where;
+    }
     if (context.ended) {
         return context.rows_done < height && context.rows_done > 0
                    ? "the file ends before its image data is complete: row " +
