@@ -16,7 +16,7 @@ namespace kv {
 namespace vector {
 
 std::atomic<uint64_t> streaming_threshold_bytes{UINT64_MAX};
-std::atomic<uint32_t> gather_uses{gather_input_LUTs | gather_output_LUTs | gather_separable};
+std::atomic<uint32_t> gather_uses{gather_LUT_stages | gather_separable};
 std::atomic<int64_t> separable_minimum_pixels{INT64_MAX};
 
 namespace {
@@ -43,21 +43,30 @@ uint64_t last_level_cache_bytes() {
     return largest;
 }
 
-// Which lookups gather on this processor. Measured on AMD family 25 (19h) model 17 (see
-// docs/vector.md): ... Other processors keep the gathers, the choice this module was built
-// and measured with before.
+// Which lookups gather, by processor family: whole-pipeline measurements (docs/vector.md), not a
+// calibration at initialize, since a bare lookup loop ranks the two ways differently from the
+// pipeline they sit in. Families not listed keep the gathers.
+struct family_choice {
+    uint32_t vendor_ebx;  // cpuid leaf 0: "Auth" (AMD), "Genu" (Intel)
+    uint32_t family;      // base family plus extended family
+    uint32_t gathers;
+};
+constexpr family_choice measured_families[] = {
+    // AMD family 19h model 11h: gathers ahead in the LUT stages (AVX-512 1.2x, AVX2 even) and in
+    // the separable path (AVX-512 1.2x).
+    {0x68747541u, 0x19, gather_LUT_stages | gather_separable},
+};
+
 uint32_t gathers_for_this_processor() {
-    const uint32_t all = gather_input_LUTs | gather_output_LUTs | gather_separable;
-    const platform::cpuid_registers vendor = platform::cpuid(0, 0);
-    const bool amd = vendor.ebx == 0x68747541u && vendor.edx == 0x69746E65u &&
-                     vendor.ecx == 0x444D4163u;  // "AuthenticAMD"
-    if (!amd) return all;
+    const uint32_t vendor = platform::cpuid(0, 0).ebx;
     const uint32_t signature = platform::cpuid(1, 0).eax;
     const uint32_t base_family = (signature >> 8) & 0xF;
     const uint32_t family =
         base_family == 0xF ? base_family + ((signature >> 20) & 0xFF) : base_family;
-    if (family == 0x19) return gather_separable;
-    return all;
+    for (const family_choice& f : measured_families) {
+        if (f.vendor_ebx == vendor && f.family == family) return f.gathers;
+    }
+    return gather_LUT_stages | gather_separable;
 }
 
 // KV_VECTOR_LOOKUP=gather or scalar forces every lookup one way: a switch for tests and
@@ -65,7 +74,7 @@ uint32_t gathers_for_this_processor() {
 uint32_t gather_choice() {
     const char* forced = std::getenv("KV_VECTOR_LOOKUP");
     if (forced != nullptr && std::strcmp(forced, "gather") == 0) {
-        return gather_input_LUTs | gather_output_LUTs | gather_separable;
+        return gather_LUT_stages | gather_separable;
     }
     if (forced != nullptr && std::strcmp(forced, "scalar") == 0) return 0;
     return gathers_for_this_processor();
@@ -80,7 +89,7 @@ int64_t separable_threshold() {
         const long long value = std::strtoll(text, &end, 10);
         if (end != nullptr && *end == '\0' && value >= 0) return value;
     }
-    return 65536;
+    return 131072;
 }
 
 int32_t initialize(instruction_set set) {

@@ -47,9 +47,8 @@ extern std::atomic<uint64_t> streaming_threshold_bytes;
 // Initialize runs once per color processor, possibly while other threads transform: relaxed
 // atomics, each store a whole valid choice.
 enum gather_use : uint32_t {
-    gather_input_LUTs = 1,   // the input LUT stage of the ordinary path
-    gather_output_LUTs = 2,  // the output LUT stage of the ordinary path
-    gather_separable = 4,    // the one lookup an element of the separable path
+    gather_LUT_stages = 1,  // the input and output LUT stages of the ordinary path
+    gather_separable = 2,   // the one lookup an element of the separable path
 };
 extern std::atomic<uint32_t> gather_uses;
 

@@ -118,10 +118,11 @@ KV_VECTOR_INLINE void load_block(const uint16_t* in, ptrdiff_t i, ptrdiff_t n, v
 // Arithmetic stages.
 // ---------------------------------------------------------------------------------------------
 
-template <int Q>
+// Gather says how the lookups go, a constant of the loop: a test per lookup measured slower.
+template <bool Gather, int Q>
 KV_VECTOR_INLINE void input_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
     const vi low_16 = splat_i(0xFFFF);
-    const bool gather = (k.gathers & gather_input_LUTs) != 0;
+    constexpr bool gather = Gather;
     for (int c = 0; c < 3; ++c) {
         if (!k.input_LUT_on[c]) continue;
         for (int q = 0; q < Q; ++q) {
@@ -156,9 +157,9 @@ KV_VECTOR_INLINE void matrix_stage(const call_constants& k, vi (&v)[3][Q]) {
     }
 }
 
-template <int Q>
+template <bool Gather, int Q>
 KV_VECTOR_INLINE void output_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
-    const bool gather = (k.gathers & gather_output_LUTs) != 0;
+    constexpr bool gather = Gather;
     for (int c = 0; c < 3; ++c) {
         if (!k.output_LUT_on[c]) continue;
         for (int q = 0; q < Q; ++q) v[c][q] = look_up(v[c][q], k.output_LUT[c], gather);
@@ -322,7 +323,7 @@ KV_VECTOR_INLINE void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi 
 // The loop of one specialisation.
 // ---------------------------------------------------------------------------------------------
 
-template <int Width, uint32_t Code>
+template <int Width, uint32_t Code, bool Gather>
 KV_VECTOR_INLINE void process_block(const transform_request& r, const call_constants& k,
                                     ptrdiff_t i, bool stream) {
     constexpr loop_settings s = loop_settings::decode(Width, Code);
@@ -330,7 +331,7 @@ KV_VECTOR_INLINE void process_block(const transform_request& r, const call_const
     const ptrdiff_t n = r.pixel_count;
     vi v[3][Q];
     load_block<s.input_layout, Q>(r.input_buffer, i, n, v);
-    if constexpr (s.input_LUTs) input_LUT_stage(k, v);
+    if constexpr (s.input_LUTs) input_LUT_stage<Gather>(k, v);
     // Values go straight to the store (no LUT, no shift): the clamp keeps them in [0, 65535].
     constexpr bool in_range = !s.output_LUTs && !s.shifts;
     // Stores whose narrowing starts with a saturating pack clamp to [0, 65535] by themselves.
@@ -340,7 +341,7 @@ KV_VECTOR_INLINE void process_block(const transform_request& r, const call_const
     } else {
         matrix_stage<true>(k, v);
     }
-    if constexpr (s.output_LUTs) output_LUT_stage(k, v);
+    if constexpr (s.output_LUTs) output_LUT_stage<Gather>(k, v);
     if constexpr (s.shifts) shift_stage(k, v);
     store_block<Width, s.output_layout, s.fourth_channel, in_range>(r.output_buffer, i, n, v,
                                                                     stream);
@@ -369,7 +370,7 @@ KV_VECTOR_INLINE ptrdiff_t aligned_start(const transform_request& r, bool planes
 // at the last pixel: the overlaps are written twice with the same values, and the call does the
 // whole frame. Non-temporal stores only for the aligned blocks of a large frame. One call site
 // keeps one copy of the loop body.
-template <int Width, uint32_t Code>
+template <int Width, uint32_t Code, bool Gather>
 int32_t run(const transform_request& r, const call_constants& constants, bool large) {
     constexpr loop_settings s = loop_settings::decode(Width, Code);
     constexpr ptrdiff_t block = block_pixels<Width>;
@@ -385,7 +386,7 @@ int32_t run(const transform_request& r, const call_constants& constants, bool la
     ptrdiff_t i = 0;
     bool streaming_block = stream && aligned == 0;
     for (;;) {
-        process_block<Width, Code>(r, k, i, streaming_block);
+        process_block<Width, Code, Gather>(r, k, i, streaming_block);
         if (i == last) break;
         i = i < aligned ? aligned : i + block;
         streaming_block = stream && i <= last;
@@ -397,15 +398,26 @@ int32_t run(const transform_request& r, const call_constants& constants, bool la
 
 using run_function = int32_t (*)(const transform_request&, const call_constants&, bool);
 
-template <int Width, uint32_t... Code>
-constexpr std::array<run_function, sizeof...(Code)> make_run_table(
-    std::integer_sequence<uint32_t, Code...>) {
-    return {&run<Width, Code>...};
+// Loops with a LUT stage come in two kinds, gathering or loading; the others in one.
+template <uint32_t Code>
+constexpr bool has_LUT_stage(int width) {
+    return loop_settings::decode(width, Code).input_LUTs ||
+           loop_settings::decode(width, Code).output_LUTs;
 }
 
+template <int Width, bool Gather, uint32_t... Code>
+constexpr std::array<run_function, sizeof...(Code)> make_run_table(
+    std::integer_sequence<uint32_t, Code...>) {
+    return {&run < Width, Code, has_gather && Gather && has_LUT_stage<Code>(Width) > ...};
+}
+
+// Indexed by gathering, then by the settings' code.
 template <int Width>
-constexpr std::array<run_function, loop_settings::count_per_width> run_table =
-    make_run_table<Width>(std::make_integer_sequence<uint32_t, loop_settings::count_per_width>());
+constexpr std::array<std::array<run_function, loop_settings::count_per_width>, 2> run_table = {
+    make_run_table<Width, false>(
+        std::make_integer_sequence<uint32_t, loop_settings::count_per_width>()),
+    make_run_table<Width, true>(
+        std::make_integer_sequence<uint32_t, loop_settings::count_per_width>())};
 
 // ---------------------------------------------------------------------------------------------
 // Separable frames: with zeros (of either sign) off the matrix diagonal, a channel's stored
@@ -459,8 +471,7 @@ void extend_table(const call_constants& k, int c, stored_element<Width>* table, 
     const int row = 2 - c;  // red is row 0, blue row 2
     const vf a = k.matrix[3 * row], b = k.matrix[3 * row + 1], d = k.matrix[3 * row + 2];
     const vi last = splat_i(int32_t(end - 1)), low_16 = splat_i(0xFFFF);
-    const bool gather_in = (k.gathers & gather_input_LUTs) != 0;
-    const bool gather_out = (k.gathers & gather_output_LUTs) != 0;
+    const bool gather_in = (k.gathers & gather_LUT_stages) != 0, gather_out = gather_in;
     for (uint32_t e = built / block * block; e < end + 3; e += block) {
         vi v[Q];
         for (int q = 0; q < Q; ++q) {
@@ -722,5 +733,5 @@ int32_t transform(const transform_request* request) {
     }
     const bool large =
         input_bytes + output_bytes > streaming_threshold_bytes.load(std::memory_order_relaxed);
-    return run_table<Width>[s.encode()](r, k, large);
+    return run_table<Width>[(k.gathers & gather_LUT_stages) != 0 ? 1 : 0][s.encode()](r, k, large);
 }
