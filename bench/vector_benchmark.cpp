@@ -4,10 +4,14 @@
 // at three frame sizes, each path also with two threads transforming halves of an interleaved
 // frame at once; tables on stdout and, with --json, the same figures as JSON.
 //
+// --json FILE creates FILE and refuses to overwrite an existing one.
+//
 //   kv_vector_benchmark [--json FILE] [--modules DIR] [--min-time SECONDS] [--quick]
 //                       [--workloads abcde] [--sizes 65536,1920x1080,3840x2160]
+#include <fcntl.h>
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -15,18 +19,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #if defined(_WIN32)
+#include <io.h>
 #include <malloc.h>
 #include <windows.h>
 #else
 #include <dlfcn.h>
+#include <unistd.h>
 #endif
 
 #if defined(KV_HAVE_OPENCV)
@@ -270,6 +276,53 @@ struct result {
     double mpix() const { return pixels / time.best_seconds / 1e6; }
 };
 
+// Creates `path` (never an existing file or link) and writes `text` into it; an empty result, or
+// what went wrong.
+std::string write_new_file(const std::string& path, const std::string& text) {
+#if defined(_WIN32)
+    const int fd = _open(path.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, 0644);
+#else
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0644);
+#endif
+    if (fd < 0) return std::string("cannot create it (") + std::strerror(errno) + ")";
+    size_t done = 0;
+    while (done < text.size()) {
+#if defined(_WIN32)
+        const int n =
+            _write(fd, text.data() + done, unsigned(std::min<size_t>(text.size() - done, 1 << 20)));
+#else
+        const ssize_t n = write(fd, text.data() + done, text.size() - done);
+#endif
+        if (n <= 0) break;
+        done += size_t(n);
+    }
+#if defined(_WIN32)
+    const bool closed = _close(fd) == 0;
+#else
+    const bool closed = close(fd) == 0;
+#endif
+    if (done != text.size() || !closed) {
+        return "write failed at byte " + std::to_string(done) + " of " +
+               std::to_string(text.size());
+    }
+    return {};
+}
+
+// A command-line text as it can be shown: control bytes and bytes above ASCII as \xNN.
+std::string printable(const std::string& s) {
+    std::string out;
+    for (unsigned char c : s) {
+        if (c >= 0x20 && c < 0x7F) {
+            out += char(c);
+        } else {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+            out += escaped;
+        }
+    }
+    return out;
+}
+
 std::string json_escape(const std::string& s) {
     std::string out;
     for (char c : s) {
@@ -306,7 +359,7 @@ int main(int argc, char** argv) {
                          "usage: %s [--json FILE] [--modules DIR] [--min-time SECONDS] "
                          "[--quick] [--workloads abcde] [--sizes 65536,1920x1080,3840x2160]\n"
                          "(unknown argument \"%s\")\n",
-                         argv[0], arg.c_str());
+                         printable(argv[0]).c_str(), printable(arg).c_str());
             return 2;
         }
     }
@@ -523,7 +576,7 @@ int main(int argc, char** argv) {
     for (const result& x : results) all_exact = all_exact && x.exact;
 
     if (!json_path.empty()) {
-        std::ofstream json(json_path);
+        std::ostringstream json;
         json << "{\n  \"unit\": \"Mpix/s\",\n  \"results\": [\n";
         for (size_t i = 0; i < results.size(); ++i) {
             const result& x = results[i];
@@ -541,7 +594,17 @@ int main(int argc, char** argv) {
                  << "}" << (i + 1 < results.size() ? "," : "") << "\n";
         }
         json << "  ]\n}\n";
-        std::printf("JSON written to %s\n", json_path.c_str());
+        const std::string failure = write_new_file(json_path, json.str());
+        if (!failure.empty()) {
+            std::fprintf(stderr, "kv_vector_benchmark: --json %s: %s\n",
+                         printable(json_path).c_str(), failure.c_str());
+            return 2;
+        }
+        std::printf("JSON written to %s\n", printable(json_path).c_str());
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        std::fprintf(stderr, "kv_vector_benchmark: writing the tables to standard output failed\n");
+        return 2;
     }
     return all_exact ? 0 : 1;
 }
