@@ -1,24 +1,36 @@
 // Throughput of every path side by side in one run: the scalar kernels, the three vector modules
 // (each followed by the scalar tail, as the library routes a frame), a memcpy of the frame's input
-// bytes and, where OpenCV is installed, cv::transform on the same 16-bit 3x3 work. Four workloads
-// at three frame sizes; a table on stdout and, with --json, the same figures as JSON.
+// bytes and, where OpenCV is installed, cv::transform on the same 16-bit 3x3 work. Five workloads
+// at three frame sizes, each path also with two threads transforming halves of an interleaved
+// frame at once; tables on stdout and, with --json, the same figures as JSON.
+//
+// --json FILE creates FILE and refuses to overwrite an existing one.
 //
 //   kv_vector_benchmark [--json FILE] [--modules DIR] [--min-time SECONDS] [--quick]
-//                       [--workloads abcd] [--sizes 65536,1920x1080,3840x2160]
+//                       [--workloads abcde] [--sizes 65536,1920x1080,3840x2160]
+#include <fcntl.h>
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
+#include <mutex>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #if defined(_WIN32)
+#include <io.h>
 #include <malloc.h>
+#else
+#include <unistd.h>
 #endif
 
 #if defined(KV_HAVE_OPENCV)
@@ -88,17 +100,25 @@ struct workload {
     bool input_LUTs, output_LUTs;
     int32_t shift;
     bool opencv_comparable;  // cv::transform does the same 3x3 work on 16-bit pixels
+    const float* matrix;     // by rows, red, green, blue
 };
+
+// A typical camera-to-display matrix, by rows red, green, blue.
+const float color_matrix[9] = {1.62f, -0.42f, -0.20f, -0.28f, 1.51f, -0.23f, 0.02f, -0.49f, 1.47f};
+// White balance: gains on the diagonal, zeros elsewhere.
+const float white_balance[9] = {1.08f, 0, 0, 0, 1.0f, 0, 0, 0, 0.93f};
 
 const workload workloads[] = {
     {"a", "48 to 48 interleaved, matrix only", 16, kv::FORMAT_BGR_INTERLEAVED,
-     kv::FORMAT_BGR_INTERLEAVED, false, false, 0, true},
+     kv::FORMAT_BGR_INTERLEAVED, false, false, 0, true, color_matrix},
     {"b", "48 to 24, output LUTs, right shift", 8, kv::FORMAT_BGR_INTERLEAVED,
-     kv::FORMAT_BGR_INTERLEAVED, false, true, -8, false},
+     kv::FORMAT_BGR_INTERLEAVED, false, true, -8, false, color_matrix},
     {"c", "48 to 48, all six LUTs", 16, kv::FORMAT_BGR_INTERLEAVED, kv::FORMAT_BGR_INTERLEAVED,
-     true, true, 0, false},
+     true, true, 0, false, color_matrix},
     {"d", "48 planar to 48 interleaved", 16, kv::FORMAT_BGR_PLANES, kv::FORMAT_BGR_INTERLEAVED,
-     false, false, 0, false},
+     false, false, 0, false, color_matrix},
+    {"e", "48 to 48, white balance, all six LUTs", 16, kv::FORMAT_BGR_INTERLEAVED,
+     kv::FORMAT_BGR_INTERLEAVED, true, true, 0, false, white_balance},
 };
 
 struct frame_size {
@@ -108,9 +128,6 @@ struct frame_size {
 
 const frame_size sizes[] = {
     {"65536", 256, 256}, {"1920x1080", 1920, 1080}, {"3840x2160", 3840, 2160}};
-
-// A typical camera-to-display matrix, by rows red, green, blue.
-const float color_matrix[9] = {1.62f, -0.42f, -0.20f, -0.28f, 1.51f, -0.23f, 0.02f, -0.49f, 1.47f};
 
 // Page-aligned, pre-faulted storage.
 struct buffer {
@@ -191,13 +208,108 @@ timing measure(const std::function<void()>& run, double min_time, int min_runs) 
     return {times.front(), times[times.size() / 2], int(times.size())};
 }
 
+// A second thread that runs a given job whenever asked, so that two threads can transform the
+// halves of one frame at once without a thread start in every measurement.
+class helper_thread {
+  public:
+    helper_thread() : thread_([this] { serve(); }) {}
+    ~helper_thread() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+    // Runs `mine` here and `theirs` on the helper, and returns when both are done.
+    void run_both(const std::function<void()>& mine, const std::function<void()>& theirs) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            job_ = &theirs;
+            done_.store(false, std::memory_order_relaxed);
+        }
+        wake_.notify_one();
+        mine();
+        while (!done_.load(std::memory_order_acquire)) std::this_thread::yield();
+    }
+
+  private:
+    void serve() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
+            wake_.wait(lock, [this] { return stop_ || job_ != nullptr; });
+            if (stop_) return;
+            const std::function<void()>* job = job_;
+            job_ = nullptr;
+            lock.unlock();
+            (*job)();
+            done_.store(true, std::memory_order_release);
+            lock.lock();
+        }
+    }
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    const std::function<void()>* job_ = nullptr;
+    bool stop_ = false;
+    std::atomic<bool> done_{true};
+    std::thread thread_;
+};
+
 struct result {
     std::string workload, size, path;
     uint64_t pixels;
+    int threads;
     timing time;
     bool exact;  // output identical to the scalar kernels' (always true for memcpy / OpenCV)
     double mpix() const { return pixels / time.best_seconds / 1e6; }
 };
+
+// Creates `path` (never an existing file or link) and writes `text` into it; an empty result, or
+// what went wrong.
+std::string write_new_file(const std::string& path, const std::string& text) {
+#if defined(_WIN32)
+    const int fd = _open(path.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, 0644);
+#else
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0644);
+#endif
+    if (fd < 0) return std::string("cannot create it (") + std::strerror(errno) + ")";
+    size_t done = 0;
+    while (done < text.size()) {
+#if defined(_WIN32)
+        const int n =
+            _write(fd, text.data() + done, unsigned(std::min<size_t>(text.size() - done, 1 << 20)));
+#else
+        const ssize_t n = write(fd, text.data() + done, text.size() - done);
+#endif
+        if (n <= 0) break;
+        done += size_t(n);
+    }
+#if defined(_WIN32)
+    const bool closed = _close(fd) == 0;
+#else
+    const bool closed = close(fd) == 0;
+#endif
+    if (done != text.size() || !closed) {
+        return "write failed at byte " + std::to_string(done) + " of " +
+               std::to_string(text.size());
+    }
+    return {};
+}
+
+// A command-line text as it can be shown: control bytes and bytes above ASCII as \xNN.
+std::string printable(const std::string& s) {
+    std::string out;
+    for (unsigned char c : s) {
+        if (c >= 0x20 && c < 0x7F) {
+            out += char(c);
+        } else {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+            out += escaped;
+        }
+    }
+    return out;
+}
 
 std::string json_escape(const std::string& s) {
     std::string out;
@@ -212,7 +324,7 @@ std::string json_escape(const std::string& s) {
 
 int main(int argc, char** argv) {
     std::string json_path, module_directory = KV_VECTOR_MODULE_DIRECTORY;
-    std::string only_workloads = "abcd", only_sizes = "65536,1920x1080,3840x2160";
+    std::string only_workloads = "abcde", only_sizes = "65536,1920x1080,3840x2160";
     double min_time = 0.4;
     int min_runs = 5;
     for (int a = 1; a < argc; ++a) {
@@ -233,9 +345,9 @@ int main(int argc, char** argv) {
         } else {
             std::fprintf(stderr,
                          "usage: %s [--json FILE] [--modules DIR] [--min-time SECONDS] "
-                         "[--quick] [--workloads abcd] [--sizes 65536,1920x1080,3840x2160]\n"
+                         "[--quick] [--workloads abcde] [--sizes 65536,1920x1080,3840x2160]\n"
                          "(unknown argument \"%s\")\n",
-                         argv[0], arg.c_str());
+                         printable(argv[0]).c_str(), printable(arg).c_str());
             return 2;
         }
     }
@@ -262,12 +374,13 @@ int main(int argc, char** argv) {
 #endif
 
     const std::vector<uint32_t> decode = curve(2.2), encode = curve(1.0 / 2.2);
-    kv::color_correction_head matrix;
-    std::memcpy(matrix.matrix, color_matrix, sizeof matrix.matrix);
+    helper_thread helper;
 
     std::vector<result> results;
     for (const workload& w : workloads) {
         if (only_workloads.find(w.key) == std::string::npos) continue;
+        kv::color_correction_head matrix;
+        std::memcpy(matrix.matrix, w.matrix, sizeof matrix.matrix);
         for (const frame_size& size : sizes) {
             if (("," + only_sizes + ",").find("," + std::string(size.label) + ",") ==
                 std::string::npos) {
@@ -303,22 +416,49 @@ int main(int argc, char** argv) {
                     kv::dispatch_kernel_16(&request, start);
                 }
             };
-            auto add = [&](const char* path, const timing& t, bool exact) {
-                results.push_back({w.key, size.label, path, n, t, exact});
+            auto add = [&](const char* path, int threads, const timing& t, bool exact) {
+                results.push_back({w.key, size.label, path, n, threads, t, exact});
                 std::fflush(stdout);
+            };
+            // The same frame as two halves of whole pixels, one a thread (interleaved input and
+            // output only: planes are tied to the pixel count).
+            const bool stripes = w.input_format != kv::FORMAT_BGR_PLANES;
+            transform_request half[2] = {r, r};
+            half[0].pixel_count = int32_t(n / 2);
+            half[1].pixel_count = int32_t(n - n / 2);
+            half[1].input_buffer = r.input_buffer + 3 * (n / 2);
+            half[1].output_buffer =
+                static_cast<uint8_t*>(output.data) + 3 * (w.width / 8) * (n / 2);
+            auto two_threads = [&](const std::function<void(const transform_request&)>& run) {
+                return measure(
+                    [&] { helper.run_both([&] { run(half[0]); }, [&] { run(half[1]); }); },
+                    min_time, min_runs);
+            };
+            auto matches = [&] {
+                return std::memcmp(output.data, expected.data, output_bytes) == 0;
             };
 
             transform_request scalar_request = r;
             scalar_request.output_buffer = expected.data;
-            add("scalar", measure([&] { scalar(scalar_request, 0); }, min_time, 2), true);
+            add("scalar", 1, measure([&] { scalar(scalar_request, 0); }, min_time, 2), true);
+            if (stripes) {
+                std::memset(output.data, 0xEE, output_bytes);
+                const timing t = two_threads([&](const transform_request& q) { scalar(q, 0); });
+                add("scalar", 2, t, matches());
+            }
             for (const vector_module& m : modules) {
                 if (!m.unavailable.empty()) continue;
                 const auto transform = w.width == 8 ? m.transform_8 : m.transform_16;
                 std::memset(output.data, 0xEE, output_bytes);
                 const timing t = measure([&] { scalar(r, transform(&r)); }, min_time, min_runs);
-                add(m.label, t, std::memcmp(output.data, expected.data, output_bytes) == 0);
+                add(m.label, 1, t, matches());
+                if (!stripes) continue;
+                std::memset(output.data, 0xEE, output_bytes);
+                const timing t2 =
+                    two_threads([&](const transform_request& q) { scalar(q, transform(&q)); });
+                add(m.label, 2, t2, matches());
             }
-            add("memcpy",
+            add("memcpy", 1,
                 measure([&] { std::memcpy(copy.data, input.data, input_bytes); }, min_time,
                         min_runs),
                 true);
@@ -329,7 +469,7 @@ int main(int argc, char** argv) {
                 // cv::transform's matrix maps source channels (B, G, R) to destination channels.
                 const float* m = color_matrix;
                 const cv::Matx33f bgr(m[8], m[7], m[6], m[5], m[4], m[3], m[2], m[1], m[0]);
-                add("OpenCV",
+                add("OpenCV", 1,
                     measure([&] { cv::transform(source, destination, bgr); }, min_time, min_runs),
                     true);
             }
@@ -359,7 +499,7 @@ int main(int argc, char** argv) {
             double value[6] = {0, 0, 0, 0, 0, 0};
             bool inexact = false, measured = false;
             for (const result& x : results) {
-                if (x.workload != w.key || x.size != size.label) continue;
+                if (x.workload != w.key || x.size != size.label || x.threads != 1) continue;
                 for (int p = 0; p < 6; ++p) {
                     if (x.path == paths[p]) value[p] = x.mpix();
                 }
@@ -393,11 +533,43 @@ int main(int argc, char** argv) {
     }
     std::printf("memcpy copies the frame's input bytes (6 per pixel); OCV: cv::transform.\n");
 
+    // Two threads on halves of the same frame, beside one thread of the same path.
+    std::printf(
+        "\nMpix/s with 2 threads (halves of one interleaved frame), and x: over 1 thread\n");
+    std::printf("%-3s %-10s", "", "size");
+    for (int p = 0; p < 4; ++p) std::printf(" %9s %5s", paths[p], "x");
+    std::printf("\n");
+    for (const workload& w : workloads) {
+        for (const frame_size& size : sizes) {
+            double one[4] = {0, 0, 0, 0}, two[4] = {0, 0, 0, 0};
+            bool inexact = false, measured = false;
+            for (const result& x : results) {
+                if (x.workload != w.key || x.size != size.label) continue;
+                for (int p = 0; p < 4; ++p) {
+                    if (x.path != paths[p]) continue;
+                    (x.threads == 2 ? two : one)[p] = x.mpix();
+                    measured = measured || x.threads == 2;
+                    inexact = inexact || !x.exact;
+                }
+            }
+            if (!measured) continue;
+            std::printf("(%s) %-10s", w.key, size.label);
+            for (int p = 0; p < 4; ++p) {
+                if (two[p] > 0 && one[p] > 0) {
+                    std::printf(" %9.0f %5.2f", two[p], two[p] / one[p]);
+                } else {
+                    std::printf(" %9s %5s", "-", "-");
+                }
+            }
+            std::printf("%s\n", inexact ? "  OUTPUT DIFFERS FROM SCALAR" : "");
+        }
+    }
+
     bool all_exact = true;
     for (const result& x : results) all_exact = all_exact && x.exact;
 
     if (!json_path.empty()) {
-        std::ofstream json(json_path);
+        std::ostringstream json;
         json << "{\n  \"unit\": \"Mpix/s\",\n  \"results\": [\n";
         for (size_t i = 0; i < results.size(); ++i) {
             const result& x = results[i];
@@ -408,14 +580,24 @@ int main(int argc, char** argv) {
             json << "    {\"workload\": \"" << x.workload << "\", \"title\": \""
                  << json_escape(w->title) << "\", \"size\": \"" << x.size
                  << "\", \"pixels\": " << x.pixels << ", \"path\": \"" << x.path
-                 << "\", \"mpix_per_s\": " << x.mpix()
+                 << "\", \"threads\": " << x.threads << ", \"mpix_per_s\": " << x.mpix()
                  << ", \"best_ms\": " << x.time.best_seconds * 1e3
                  << ", \"median_ms\": " << x.time.median_seconds * 1e3
                  << ", \"runs\": " << x.time.runs << ", \"exact\": " << (x.exact ? "true" : "false")
                  << "}" << (i + 1 < results.size() ? "," : "") << "\n";
         }
         json << "  ]\n}\n";
-        std::printf("JSON written to %s\n", json_path.c_str());
+        const std::string failure = write_new_file(json_path, json.str());
+        if (!failure.empty()) {
+            std::fprintf(stderr, "kv_vector_benchmark: --json %s: %s\n",
+                         printable(json_path).c_str(), failure.c_str());
+            return 2;
+        }
+        std::printf("JSON written to %s\n", printable(json_path).c_str());
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        std::fprintf(stderr, "kv_vector_benchmark: writing the tables to standard output failed\n");
+        return 2;
     }
     return all_exact ? 0 : 1;
 }

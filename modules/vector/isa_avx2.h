@@ -132,6 +132,12 @@ KV_VECTOR_INLINE vi min_32(vi a, vi b) {
 KV_VECTOR_INLINE vi max_32(vi a, vi b) {
     return _mm256_max_epi32(a, b);
 }
+KV_VECTOR_INLINE vi add_32(vi a, vi b) {
+    return _mm256_add_epi32(a, b);
+}
+KV_VECTOR_INLINE vi max_u16(vi a, vi b) {
+    return _mm256_max_epu16(a, b);
+}
 KV_VECTOR_INLINE shift_count_register shift_count_of(uint32_t count) {
     return _mm_cvtsi32_si128(int(count));
 }
@@ -158,7 +164,44 @@ KV_VECTOR_INLINE vi truncate_to_int32(vf a) {
     return _mm256_cvttps_epi32(a);
 }
 
-// The gather instruction: measured here against scalar loads through memory, about as fast.
-KV_VECTOR_INLINE vi lookup(vi index, const uint32_t* table) {
+// Table lookups: the gather instruction, or one scalar load an entry with the indices and entries
+// passing through memory. Which is faster depends on the processor (module_entry.cpp).
+constexpr bool has_gather = true;
+KV_VECTOR_INLINE vi gather_lookup(vi index, const uint32_t* table) {
     return _mm256_i32gather_epi32(reinterpret_cast<const int*>(table), index, 4);
+}
+KV_VECTOR_INLINE vi load_lookup(vi index, const uint32_t* table) {
+    alignas(32) uint32_t i[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(i), index);
+    __m128i low = _mm_cvtsi32_si128(int(table[i[0]]));
+    __m128i high = _mm_cvtsi32_si128(int(table[i[4]]));
+    low = _mm_insert_epi32(low, int(table[i[1]]), 1);
+    high = _mm_insert_epi32(high, int(table[i[5]]), 1);
+    low = _mm_insert_epi32(low, int(table[i[2]]), 2);
+    high = _mm_insert_epi32(high, int(table[i[6]]), 2);
+    low = _mm_insert_epi32(low, int(table[i[3]]), 3);
+    high = _mm_insert_epi32(high, int(table[i[7]]), 3);
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1);
+}
+
+// Whole-table work of the separable path, contiguous elements rather than lanes: eight 16-bit
+// elements widened, a gather of 4 bytes at Scale-byte entries, and the low Width bits of eight
+// values stored.
+KV_VECTOR_INLINE vi load_widen_16(const uint16_t* p) {
+    return _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+}
+template <int Scale>
+KV_VECTOR_INLINE vi gather_scaled(vi index, const void* base) {
+    return _mm256_i32gather_epi32(static_cast<const int*>(base), index, Scale);
+}
+template <int Width>
+KV_VECTOR_INLINE void store_narrow(void* p, vi v) {
+    v = _mm256_and_si256(v, _mm256_set1_epi32(Width == 8 ? 0xFF : 0xFFFF));
+    const __m128i words =
+        _mm_packus_epi32(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1));
+    if constexpr (Width == 8) {
+        _mm_storel_epi64(static_cast<__m128i*>(p), _mm_packus_epi16(words, words));
+    } else {
+        _mm_storeu_si128(static_cast<__m128i*>(p), words);
+    }
 }

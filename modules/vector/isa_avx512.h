@@ -181,6 +181,12 @@ KV_VECTOR_INLINE vi min_32(vi a, vi b) {
 KV_VECTOR_INLINE vi max_32(vi a, vi b) {
     return _mm512_max_epi32(a, b);
 }
+KV_VECTOR_INLINE vi add_32(vi a, vi b) {
+    return _mm512_add_epi32(a, b);
+}
+KV_VECTOR_INLINE vi max_u16(vi a, vi b) {
+    return _mm512_max_epu16(a, b);
+}
 KV_VECTOR_INLINE shift_count_register shift_count_of(uint32_t count) {
     return _mm_cvtsi32_si128(int(count));
 }
@@ -207,8 +213,42 @@ KV_VECTOR_INLINE vi truncate_to_int32(vf a) {
     return _mm512_cvttps_epi32(a);
 }
 
-// One 512-bit gather: measured here against two 256-bit gathers and against scalar loads
-// through memory, it was as fast in cache and faster on frames beyond it.
-KV_VECTOR_INLINE vi lookup(vi index, const uint32_t* table) {
+// Table lookups: one 512-bit gather, or one scalar load an entry with the indices and entries
+// passing through memory. Which is faster depends on the processor (module_entry.cpp).
+constexpr bool has_gather = true;
+KV_VECTOR_INLINE vi gather_lookup(vi index, const uint32_t* table) {
     return _mm512_i32gather_epi32(index, table, 4);
+}
+KV_VECTOR_INLINE vi load_lookup(vi index, const uint32_t* table) {
+    alignas(64) uint32_t i[16];
+    _mm512_store_si512(i, index);
+    __m128i part[4];
+    for (int p = 0; p < 4; ++p) {
+        __m128i v = _mm_cvtsi32_si128(int(table[i[4 * p]]));
+        v = _mm_insert_epi32(v, int(table[i[4 * p + 1]]), 1);
+        v = _mm_insert_epi32(v, int(table[i[4 * p + 2]]), 2);
+        part[p] = _mm_insert_epi32(v, int(table[i[4 * p + 3]]), 3);
+    }
+    const vi v = _mm512_castsi128_si512(part[0]);
+    return _mm512_inserti32x4(_mm512_inserti32x4(_mm512_inserti32x4(v, part[1], 1), part[2], 2),
+                              part[3], 3);
+}
+
+// Whole-table work of the separable path, contiguous elements rather than lanes: sixteen 16-bit
+// elements widened, a gather of 4 bytes at Scale-byte entries, and the low Width bits of sixteen
+// values stored.
+KV_VECTOR_INLINE vi load_widen_16(const uint16_t* p) {
+    return _mm512_cvtepu16_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
+}
+template <int Scale>
+KV_VECTOR_INLINE vi gather_scaled(vi index, const void* base) {
+    return _mm512_i32gather_epi32(index, base, Scale);
+}
+template <int Width>
+KV_VECTOR_INLINE void store_narrow(void* p, vi v) {
+    if constexpr (Width == 8) {
+        _mm_storeu_si128(static_cast<__m128i*>(p), _mm512_cvtepi32_epi8(v));
+    } else {
+        _mm256_storeu_si256(static_cast<__m256i*>(p), _mm512_cvtepi32_epi16(v));
+    }
 }

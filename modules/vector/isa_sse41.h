@@ -105,6 +105,12 @@ KV_VECTOR_INLINE vi min_32(vi a, vi b) {
 KV_VECTOR_INLINE vi max_32(vi a, vi b) {
     return _mm_max_epi32(a, b);
 }
+KV_VECTOR_INLINE vi add_32(vi a, vi b) {
+    return _mm_add_epi32(a, b);
+}
+KV_VECTOR_INLINE vi max_u16(vi a, vi b) {
+    return _mm_max_epu16(a, b);
+}
 KV_VECTOR_INLINE shift_count_register shift_count_of(uint32_t count) {
     return _mm_cvtsi32_si128(int(count));
 }
@@ -131,13 +137,43 @@ KV_VECTOR_INLINE vi truncate_to_int32(vf a) {
     return _mm_cvttps_epi32(a);
 }
 
+// Contiguous elements for the separable path: four 16-bit elements widened; the low Width bits of
+// four values stored. (Without a gather the pipeline never calls these three and gather_lookup;
+// they exist so that the one pipeline body compiles on every layer.)
+KV_VECTOR_INLINE vi load_widen_16(const uint16_t* p) {
+    return _mm_cvtepu16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+}
+template <int Width>
+KV_VECTOR_INLINE void store_narrow(void* p, vi v) {
+    v = _mm_and_si128(v, _mm_set1_epi32(Width == 8 ? 0xFF : 0xFFFF));
+    const vi words = _mm_packus_epi32(v, v);
+    if constexpr (Width == 8) {
+        const int bytes = _mm_cvtsi128_si32(_mm_packus_epi16(words, words));
+        std::memcpy(p, &bytes, 4);
+    } else {
+        _mm_storel_epi64(static_cast<__m128i*>(p), words);
+    }
+}
+
 // Table lookup of four 32-bit entries. SSE4.1 has no gather: the indices go through memory and the
 // entries are inserted one by one.
-KV_VECTOR_INLINE vi lookup(vi index, const uint32_t* table) {
+constexpr bool has_gather = false;
+KV_VECTOR_INLINE vi load_lookup(vi index, const uint32_t* table) {
     alignas(16) uint32_t i[4];
     _mm_store_si128(reinterpret_cast<__m128i*>(i), index);
     vi v = _mm_cvtsi32_si128(int(table[i[0]]));
     v = _mm_insert_epi32(v, int(table[i[1]]), 1);
     v = _mm_insert_epi32(v, int(table[i[2]]), 2);
     return _mm_insert_epi32(v, int(table[i[3]]), 3);
+}
+KV_VECTOR_INLINE vi gather_lookup(vi index, const uint32_t* table) {
+    return load_lookup(index, table);
+}
+template <int Scale>
+KV_VECTOR_INLINE vi gather_scaled(vi index, const void* base) {
+    alignas(16) uint32_t i[4], e[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(i), index);
+    for (int j = 0; j < 4; ++j)
+        std::memcpy(&e[j], static_cast<const char*>(base) + Scale * i[j], 4);
+    return _mm_load_si128(reinterpret_cast<const __m128i*>(e));
 }

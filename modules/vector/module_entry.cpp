@@ -3,6 +3,8 @@
 // once per module with KV_VECTOR_MODULE_SSE, _AVX2 or _AVX512 defined.
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <type_traits>
 
 #include "modules/vector/instruction_sets.h"
@@ -14,6 +16,8 @@ namespace kv {
 namespace vector {
 
 std::atomic<uint64_t> streaming_threshold_bytes{UINT64_MAX};
+std::atomic<uint32_t> gather_uses{gather_LUT_stages | gather_separable};
+std::atomic<int64_t> separable_minimum_pixels{INT64_MAX};
 
 namespace {
 
@@ -39,8 +43,59 @@ uint64_t last_level_cache_bytes() {
     return largest;
 }
 
+// Which lookups gather, by processor family: whole-pipeline measurements (docs/vector.md), not a
+// calibration at initialize, since a bare lookup loop ranks the two ways differently from the
+// pipeline they sit in. Families not listed keep the gathers.
+struct family_choice {
+    uint32_t vendor_ebx;  // cpuid leaf 0: "Auth" (AMD), "Genu" (Intel)
+    uint32_t family;      // base family plus extended family
+    uint32_t gathers;
+};
+constexpr family_choice measured_families[] = {
+    // AMD family 19h model 11h: gathers ahead in the LUT stages (AVX-512 1.2x, AVX2 even) and in
+    // the separable path (AVX-512 1.2x).
+    {0x68747541u, 0x19, gather_LUT_stages | gather_separable},
+};
+
+uint32_t gathers_for_this_processor() {
+    const uint32_t vendor = platform::cpuid(0, 0).ebx;
+    const uint32_t signature = platform::cpuid(1, 0).eax;
+    const uint32_t base_family = (signature >> 8) & 0xF;
+    const uint32_t family =
+        base_family == 0xF ? base_family + ((signature >> 20) & 0xFF) : base_family;
+    for (const family_choice& f : measured_families) {
+        if (f.vendor_ebx == vendor && f.family == family) return f.gathers;
+    }
+    return gather_LUT_stages | gather_separable;
+}
+
+// KV_VECTOR_LOOKUP=gather or scalar forces every lookup one way: a switch for tests and
+// diagnosis, read at each initialize. Anything else leaves the choice to the processor table.
+uint32_t gather_choice() {
+    const char* forced = std::getenv("KV_VECTOR_LOOKUP");
+    if (forced != nullptr && std::strcmp(forced, "gather") == 0) {
+        return gather_LUT_stages | gather_separable;
+    }
+    if (forced != nullptr && std::strcmp(forced, "scalar") == 0) return 0;
+    return gathers_for_this_processor();
+}
+
+// KV_VECTOR_SEPARABLE_FROM=<pixels> moves the frame size from which diagonal matrices take the
+// separable path (tests use 0 to send small frames there); a diagnostic switch like the above.
+int64_t separable_threshold() {
+    const char* text = std::getenv("KV_VECTOR_SEPARABLE_FROM");
+    if (text != nullptr && *text != '\0') {
+        char* end = nullptr;
+        const long long value = std::strtoll(text, &end, 10);
+        if (end != nullptr && *end == '\0' && value >= 0) return value;
+    }
+    return 131072;
+}
+
 int32_t initialize(instruction_set set) {
     if (missing_feature(set) != nullptr) return 1;
+    gather_uses.store(gather_choice(), std::memory_order_relaxed);
+    separable_minimum_pixels.store(separable_threshold(), std::memory_order_relaxed);
     // A frame that does not fit the last-level cache beside its output gains nothing from
     // leaving its output there: it is written around the cache.
     const uint64_t cache = last_level_cache_bytes();

@@ -20,6 +20,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <type_traits>
 #include <utility>
 
@@ -39,6 +41,21 @@ namespace vector {
 // Set by each module's initialize from the processor's cache sizes: frames whose input and output
 // together exceed it are written with non-temporal stores. Until then nothing streams.
 extern std::atomic<uint64_t> streaming_threshold_bytes;
+
+// Where table lookups use the gather instruction rather than one scalar load an entry, a bit per
+// kind of lookup; set by each module's initialize for the running processor (module_entry.cpp).
+// Initialize runs once per color processor, possibly while other threads transform: relaxed
+// atomics, each store a whole valid choice.
+enum gather_use : uint32_t {
+    gather_LUT_stages = 1,  // the input and output LUT stages of the ordinary path
+    gather_separable = 2,   // the one lookup an element of the separable path
+};
+extern std::atomic<uint32_t> gather_uses;
+
+// Frames of at least this many pixels whose matrix has zeros off its diagonal go through one table
+// per channel (the separable path of vector_pipeline.h): below it, building the tables costs
+// more than it saves.
+extern std::atomic<int64_t> separable_minimum_pixels;
 
 // ---------------------------------------------------------------------------------------------
 // The settings a vector loop is specialised on, chosen once per call. Everything else (the matrix,

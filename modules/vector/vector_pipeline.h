@@ -43,8 +43,18 @@ struct call_constants {
     const uint32_t* input_LUT[3];
     const uint32_t* output_LUT[3];
     bool input_LUT_on[3], output_LUT_on[3];
-    bool full_range;  // every channel's bounds are 0 and 65535
+    bool full_range;   // every channel's bounds are 0 and 65535
+    uint32_t gathers;  // gather_use bits: which lookups gather, as initialize chose
 };
+
+// One table lookup a 32-bit index, by gather or by scalar loads.
+KV_VECTOR_INLINE vi look_up(vi index, const uint32_t* table, bool gather) {
+    if constexpr (has_gather) {
+        if (gather) return gather_lookup(index, table);
+    }
+    (void)gather;
+    return load_lookup(index, table);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Load: three channels of 32-bit values from the input layout.
@@ -108,12 +118,16 @@ KV_VECTOR_INLINE void load_block(const uint16_t* in, ptrdiff_t i, ptrdiff_t n, v
 // Arithmetic stages.
 // ---------------------------------------------------------------------------------------------
 
-template <int Q>
+// Gather says how the lookups go, a constant of the loop: a test per lookup measured slower.
+template <bool Gather, int Q>
 KV_VECTOR_INLINE void input_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
     const vi low_16 = splat_i(0xFFFF);
+    constexpr bool gather = Gather;
     for (int c = 0; c < 3; ++c) {
         if (!k.input_LUT_on[c]) continue;
-        for (int q = 0; q < Q; ++q) v[c][q] = and_i(lookup(v[c][q], k.input_LUT[c]), low_16);
+        for (int q = 0; q < Q; ++q) {
+            v[c][q] = and_i(look_up(v[c][q], k.input_LUT[c], gather), low_16);
+        }
     }
 }
 
@@ -143,11 +157,12 @@ KV_VECTOR_INLINE void matrix_stage(const call_constants& k, vi (&v)[3][Q]) {
     }
 }
 
-template <int Q>
+template <bool Gather, int Q>
 KV_VECTOR_INLINE void output_LUT_stage(const call_constants& k, vi (&v)[3][Q]) {
+    constexpr bool gather = Gather;
     for (int c = 0; c < 3; ++c) {
         if (!k.output_LUT_on[c]) continue;
-        for (int q = 0; q < Q; ++q) v[c][q] = lookup(v[c][q], k.output_LUT[c]);
+        for (int q = 0; q < Q; ++q) v[c][q] = look_up(v[c][q], k.output_LUT[c], gather);
     }
 }
 
@@ -308,7 +323,7 @@ KV_VECTOR_INLINE void store_block(void* out, ptrdiff_t i, ptrdiff_t n, const vi 
 // The loop of one specialisation.
 // ---------------------------------------------------------------------------------------------
 
-template <int Width, uint32_t Code>
+template <int Width, uint32_t Code, bool Gather>
 KV_VECTOR_INLINE void process_block(const transform_request& r, const call_constants& k,
                                     ptrdiff_t i, bool stream) {
     constexpr loop_settings s = loop_settings::decode(Width, Code);
@@ -316,7 +331,7 @@ KV_VECTOR_INLINE void process_block(const transform_request& r, const call_const
     const ptrdiff_t n = r.pixel_count;
     vi v[3][Q];
     load_block<s.input_layout, Q>(r.input_buffer, i, n, v);
-    if constexpr (s.input_LUTs) input_LUT_stage(k, v);
+    if constexpr (s.input_LUTs) input_LUT_stage<Gather>(k, v);
     // Values go straight to the store (no LUT, no shift): the clamp keeps them in [0, 65535].
     constexpr bool in_range = !s.output_LUTs && !s.shifts;
     // Stores whose narrowing starts with a saturating pack clamp to [0, 65535] by themselves.
@@ -326,7 +341,7 @@ KV_VECTOR_INLINE void process_block(const transform_request& r, const call_const
     } else {
         matrix_stage<true>(k, v);
     }
-    if constexpr (s.output_LUTs) output_LUT_stage(k, v);
+    if constexpr (s.output_LUTs) output_LUT_stage<Gather>(k, v);
     if constexpr (s.shifts) shift_stage(k, v);
     store_block<Width, s.output_layout, s.fourth_channel, in_range>(r.output_buffer, i, n, v,
                                                                     stream);
@@ -355,7 +370,7 @@ KV_VECTOR_INLINE ptrdiff_t aligned_start(const transform_request& r, bool planes
 // at the last pixel: the overlaps are written twice with the same values, and the call does the
 // whole frame. Non-temporal stores only for the aligned blocks of a large frame. One call site
 // keeps one copy of the loop body.
-template <int Width, uint32_t Code>
+template <int Width, uint32_t Code, bool Gather>
 int32_t run(const transform_request& r, const call_constants& constants, bool large) {
     constexpr loop_settings s = loop_settings::decode(Width, Code);
     constexpr ptrdiff_t block = block_pixels<Width>;
@@ -371,7 +386,7 @@ int32_t run(const transform_request& r, const call_constants& constants, bool la
     ptrdiff_t i = 0;
     bool streaming_block = stream && aligned == 0;
     for (;;) {
-        process_block<Width, Code>(r, k, i, streaming_block);
+        process_block<Width, Code, Gather>(r, k, i, streaming_block);
         if (i == last) break;
         i = i < aligned ? aligned : i + block;
         streaming_block = stream && i <= last;
@@ -383,15 +398,281 @@ int32_t run(const transform_request& r, const call_constants& constants, bool la
 
 using run_function = int32_t (*)(const transform_request&, const call_constants&, bool);
 
-template <int Width, uint32_t... Code>
-constexpr std::array<run_function, sizeof...(Code)> make_run_table(
-    std::integer_sequence<uint32_t, Code...>) {
-    return {&run<Width, Code>...};
+// Loops with a LUT stage come in two kinds, gathering or loading; the others in one.
+template <uint32_t Code>
+constexpr bool has_LUT_stage(int width) {
+    return loop_settings::decode(width, Code).input_LUTs ||
+           loop_settings::decode(width, Code).output_LUTs;
 }
 
+template <int Width, bool Gather, uint32_t... Code>
+constexpr std::array<run_function, sizeof...(Code)> make_run_table(
+    std::integer_sequence<uint32_t, Code...>) {
+    return {&run < Width, Code, has_gather && Gather && has_LUT_stage<Code>(Width) > ...};
+}
+
+// Indexed by gathering, then by the settings' code.
 template <int Width>
-constexpr std::array<run_function, loop_settings::count_per_width> run_table =
-    make_run_table<Width>(std::make_integer_sequence<uint32_t, loop_settings::count_per_width>());
+constexpr std::array<std::array<run_function, loop_settings::count_per_width>, 2> run_table = {
+    make_run_table<Width, false>(
+        std::make_integer_sequence<uint32_t, loop_settings::count_per_width>()),
+    make_run_table<Width, true>(
+        std::make_integer_sequence<uint32_t, loop_settings::count_per_width>())};
+
+// ---------------------------------------------------------------------------------------------
+// Separable frames: with zeros (of either sign) off the matrix diagonal, a channel's stored
+// element depends on that channel's element alone. A table per channel, element -> stored
+// element, built through the stages above, then turns the frame into one lookup an element.
+//
+// Exactness: in channel c's row the diagonal product x = m * factor is summed with two products of
+// a zero entry and a finite factor, which are zeros. x + zero is x unless x is itself a zero, and
+// any zero sum rounds to 0; so the rounded sum is the same whatever the other two factors are,
+// and the builder forms the row in its full order with the channel's own factor in all three
+// places. NaN and infinite diagonal entries pass through as in the full formula.
+//
+// Reads: an input LUT may hold fewer than 2^16 entries, and only the elements present in the
+// frame are sure to be inside it. The frame goes in chunks; before each, the tables are extended
+// up to the largest element of each channel met so far, never further (the last block of entries
+// repeats that element). Output LUT indices are clamped values, inside [min, max] as always.
+// Tables live on the heap for one call only: the host may change LUTs or the matrix between calls.
+// ---------------------------------------------------------------------------------------------
+
+template <int Width>
+using stored_element = std::conditional_t<Width == 8, uint8_t, uint16_t>;
+
+// Entries a channel's table is apart from the next: room for a gather's 4-byte read at the last
+// entry and for the builder's whole blocks.
+constexpr ptrdiff_t table_stride = 65536 + 64;
+constexpr ptrdiff_t separable_chunk_pixels = 8192;
+
+// The entries that value q of a block holds in each lane: the order in which the narrowing of the
+// ordinary path leaves values contiguous (lane k: entries P*k + 4q .. P*k + 4q + 3).
+template <int Width>
+constexpr auto block_entry_offsets() {
+    constexpr int P = lane_pixels<Width>, Q = P / 4;
+    std::array<std::array<int32_t, 4 * lane_count>, Q> offsets{};
+    for (int q = 0; q < Q; ++q) {
+        for (int k = 0; k < lane_count; ++k) {
+            for (int j = 0; j < 4; ++j) offsets[q][4 * k + j] = P * k + 4 * q + j;
+        }
+    }
+    return offsets;
+}
+
+// Entries [built, end) of channel c's table (whole blocks from the one holding `built`, a little
+// beyond `end` so that a gather's 4-byte read there finds written bytes). Only entries up to
+// end - 1 are looked up in the input LUT.
+template <int Width>
+void extend_table(const call_constants& k, int c, stored_element<Width>* table, uint32_t built,
+                  uint32_t end) {
+    constexpr int Q = lane_pixels<Width> / 4;
+    constexpr uint32_t block = uint32_t(block_pixels<Width>);
+    alignas(64) static constexpr auto offsets = block_entry_offsets<Width>();
+    const int row = 2 - c;  // red is row 0, blue row 2
+    const vf a = k.matrix[3 * row], b = k.matrix[3 * row + 1], d = k.matrix[3 * row + 2];
+    const vi last = splat_i(int32_t(end - 1)), low_16 = splat_i(0xFFFF);
+    const bool gather_in = (k.gathers & gather_LUT_stages) != 0, gather_out = gather_in;
+    for (uint32_t e = built / block * block; e < end + 3; e += block) {
+        vi v[Q];
+        for (int q = 0; q < Q; ++q) {
+            vi x =
+                min_32(add_32(splat_i(int32_t(e)), load_vector(offsets[size_t(q)].data())), last);
+            if (k.input_LUT_on[c]) x = and_i(look_up(x, k.input_LUT[c], gather_in), low_16);
+            const vf f = to_float(x);
+            x = round_for_clamp(add(add(mul(a, f), mul(b, f)), mul(d, f)));
+            x = max_32(min_32(x, k.maximum[c]), k.minimum[c]);
+            if (k.output_LUT_on[c]) x = look_up(x, k.output_LUT[c], gather_out);
+            v[q] = shift_right_arithmetic_32(shift_left_32(x, k.left[c]), k.right[c]);
+        }
+        if constexpr (Width == 16) {
+            store_vector(table + e, narrow_to_16<false>(v[0], v[1]), false);
+        } else {
+            store_vector(table + e, narrow_to_8<false>(v), false);
+        }
+    }
+}
+
+// The largest element of each channel (blue, green, red) among `count` pixels from `first`.
+template <int Layout>
+void channel_maxima(const uint16_t* in, ptrdiff_t n, ptrdiff_t first, ptrdiff_t count,
+                    uint32_t (&maximum)[3]) {
+    constexpr ptrdiff_t V = ptrdiff_t(vector_bytes / 2);  // elements a vector
+    alignas(64) uint16_t lanes[V];
+    if constexpr (Layout == PLANES) {
+        for (int c = 0; c < 3; ++c) {
+            const uint16_t* p = in + c * n + first;
+            vi top = zero_i();
+            ptrdiff_t i = 0;
+            for (; i + V <= count; i += V) top = max_u16(top, load_vector(p + i));
+            store_vector(lanes, top, false);
+            uint32_t m = 0;
+            for (ptrdiff_t w = 0; w < V; ++w) m = lanes[w] > m ? lanes[w] : m;
+            for (; i < count; ++i) m = p[i] > m ? p[i] : m;
+            maximum[c] = m;
+        }
+    } else {
+        // Three vectors hold a whole number of pixels, so element w of vector j is always slot
+        // (V * j + w) % 3.
+        const uint16_t* p = in + 3 * first;
+        const ptrdiff_t elements = 3 * count;
+        vi top[3] = {zero_i(), zero_i(), zero_i()};
+        ptrdiff_t i = 0;
+        for (; i + 3 * V <= elements; i += 3 * V) {
+            for (int j = 0; j < 3; ++j) top[j] = max_u16(top[j], load_vector(p + i + V * j));
+        }
+        uint32_t slot_maximum[3] = {0, 0, 0};
+        for (int j = 0; j < 3; ++j) {
+            store_vector(lanes, top[j], false);
+            for (ptrdiff_t w = 0; w < V; ++w) {
+                uint32_t& m = slot_maximum[(V * j + w) % 3];
+                m = lanes[w] > m ? lanes[w] : m;
+            }
+        }
+        for (; i < elements; ++i) {
+            uint32_t& m = slot_maximum[i % 3];
+            m = p[i] > m ? p[i] : m;
+        }
+        for (int c = 0; c < 3; ++c) maximum[c] = slot_maximum[slot_of(Layout, c)];
+    }
+}
+
+// Where a channel's elements of a chunk are: the first one and the distance between pixels.
+template <class Element>
+struct channel_places {
+    Element* first[4];  // blue, green, red, fourth (output only)
+    ptrdiff_t step;
+};
+
+template <class Element>
+channel_places<Element> places_of(Element* base, int layout, ptrdiff_t n, ptrdiff_t pixel,
+                                  int elements) {
+    channel_places<Element> p;
+    p.step = layout == PLANES ? 1 : elements;
+    for (int c = 0; c < elements; ++c) {
+        const int slot = c == 3 ? 3 : slot_of(layout, c);
+        p.first[c] = layout == PLANES ? base + c * n + pixel : base + elements * pixel + slot;
+    }
+    return p;
+}
+
+// One scalar load of the table an element: any layouts.
+template <bool Fourth, class Element>
+void apply_by_loads(const channel_places<const uint16_t>& in, const channel_places<Element>& out,
+                    const Element* tables, ptrdiff_t count) {
+    const Element* const blue = tables;
+    const Element* const green = tables + table_stride;
+    const Element* const red = tables + 2 * table_stride;
+    for (ptrdiff_t i = 0; i < count; ++i) {
+        const ptrdiff_t from = i * in.step, to = i * out.step;
+        out.first[0][to] = blue[in.first[0][from]];
+        out.first[1][to] = green[in.first[1][from]];
+        out.first[2][to] = red[in.first[2][from]];
+        if constexpr (Fourth) out.first[3][to] = 0;
+    }
+}
+
+// Gathers, for input and output of one layout without a fourth element: the elements stay where
+// they are, each vector's indices offset to its channel's table. Returns the pixels done (whole
+// vectors); the caller finishes the rest.
+template <int Width>
+ptrdiff_t apply_by_gather(const uint16_t* in, stored_element<Width>* out, int layout, ptrdiff_t n,
+                          ptrdiff_t first, ptrdiff_t count, const stored_element<Width>* tables) {
+    if constexpr (has_gather) {
+        constexpr int scale = int(sizeof(stored_element<Width>));
+        constexpr ptrdiff_t V = ptrdiff_t(vector_bytes / 4);  // elements a gather
+        const ptrdiff_t done = count / V * V;
+        if (layout == PLANES) {
+            for (int c = 0; c < 3; ++c) {
+                const vi offset = splat_i(int32_t(c * table_stride));
+                const uint16_t* p = in + c * n + first;
+                stored_element<Width>* o = out + c * n + first;
+                for (ptrdiff_t i = 0; i < done; i += V) {
+                    store_narrow<Width>(
+                        o + i, gather_scaled<scale>(add_32(load_widen_16(p + i), offset), tables));
+                }
+            }
+        } else {
+            // Element w of the three vectors of a group is slot (V * j + w) % 3.
+            alignas(64) int32_t offsets[3][V];
+            for (int j = 0; j < 3; ++j) {
+                for (ptrdiff_t w = 0; w < V; ++w) {
+                    const int slot = int((V * j + w) % 3);
+                    offsets[j][w] = int32_t(slot_of(layout, slot) * table_stride);
+                }
+            }
+            const vi offset[3] = {load_vector(offsets[0]), load_vector(offsets[1]),
+                                  load_vector(offsets[2])};
+            const uint16_t* p = in + 3 * first;
+            stored_element<Width>* o = out + 3 * first;
+            for (ptrdiff_t i = 0; i < 3 * done; i += 3 * V) {
+                for (int j = 0; j < 3; ++j) {
+                    const ptrdiff_t at = i + V * j;
+                    store_narrow<Width>(
+                        o + at,
+                        gather_scaled<scale>(add_32(load_widen_16(p + at), offset[j]), tables));
+                }
+            }
+        }
+        return done;
+    } else {
+        (void)in, (void)out, (void)layout, (void)n, (void)first, (void)count, (void)tables;
+        return 0;
+    }
+}
+
+// The whole frame through the tables; -1 when the tables' memory cannot be had, and the ordinary
+// path does the frame.
+template <int Width>
+int32_t run_separable(const transform_request& r, const call_constants& k, const loop_settings& s) {
+    using element = stored_element<Width>;
+    void* const memory = std::malloc(size_t(3 * table_stride) * sizeof(element) + 64);
+    if (memory == nullptr) return -1;
+    element* const tables =
+        reinterpret_cast<element*>((reinterpret_cast<uintptr_t>(memory) + 63) / 64 * 64);
+    const ptrdiff_t n = r.pixel_count;
+    const int elements = s.fourth_channel ? 4 : 3;
+    const bool by_gather = has_gather && (k.gathers & gather_separable) != 0 &&
+                           s.input_layout == s.output_layout && !s.fourth_channel;
+    element* const out = static_cast<element*>(r.output_buffer);
+    uint32_t built[3] = {0, 0, 0};
+    for (ptrdiff_t first = 0; first < n; first += separable_chunk_pixels) {
+        const ptrdiff_t count =
+            n - first < separable_chunk_pixels ? n - first : separable_chunk_pixels;
+        uint32_t maximum[3];
+        if (s.input_layout == PLANES) {
+            channel_maxima<PLANES>(r.input_buffer, n, first, count, maximum);
+        } else if (s.input_layout == BGR) {
+            channel_maxima<BGR>(r.input_buffer, n, first, count, maximum);
+        } else {
+            channel_maxima<RGB>(r.input_buffer, n, first, count, maximum);
+        }
+        for (int c = 0; c < 3; ++c) {
+            if (maximum[c] < built[c]) continue;
+            extend_table<Width>(k, c, tables + c * table_stride, built[c], maximum[c] + 1);
+            built[c] = maximum[c] + 1;
+        }
+        ptrdiff_t done = 0;
+        if (by_gather) {
+            done = apply_by_gather<Width>(r.input_buffer, out, s.input_layout, n, first, count,
+                                          tables);
+        }
+        const auto in = places_of(r.input_buffer, s.input_layout, n, first + done, 3);
+        const auto to = places_of(out, s.output_layout, n, first + done, elements);
+        if (s.fourth_channel) {
+            apply_by_loads<true>(in, to, tables, count - done);
+        } else {
+            apply_by_loads<false>(in, to, tables, count - done);
+        }
+    }
+    std::free(memory);
+    return r.pixel_count;
+}
+
+// Zeros of either sign off the diagonal (NaN compares unequal and keeps the full path).
+inline bool separable_matrix(const float* m) {
+    return m[1] == 0.0f && m[2] == 0.0f && m[3] == 0.0f && m[5] == 0.0f && m[6] == 0.0f &&
+           m[7] == 0.0f;
+}
 
 // ---------------------------------------------------------------------------------------------
 // The entry: checks that decide whether to take the frame, the call's constants, the loop.
@@ -408,7 +689,9 @@ int32_t transform(const transform_request* request) {
     if (buffers_overlap(r.input_buffer, input_bytes, r.output_buffer, output_bytes)) return 0;
 
     call_constants k;
-    const float* matrix = matrix_of(r.processor);
+    // Read once, as the scalar kernels do: a matrix written during the call changes nothing in it.
+    float matrix[9];
+    for (int i = 0; i < 9; ++i) matrix[i] = matrix_of(r.processor)[i];
     for (int i = 0; i < 9; ++i) k.matrix[i] = splat_f(matrix[i]);
     const uint16_t minimum[3] = {r.blue_output_min, r.green_output_min, r.red_output_min};
     const uint16_t maximum[3] = {r.blue_output_max, r.green_output_max, r.red_output_max};
@@ -442,7 +725,13 @@ int32_t transform(const transform_request* request) {
         s.input_LUTs = s.input_LUTs || input_on[c] != 0;
         s.output_LUTs = s.output_LUTs || output_on[c] != 0;
     }
+    k.gathers = gather_uses.load(std::memory_order_relaxed);
+    if (r.pixel_count >= separable_minimum_pixels.load(std::memory_order_relaxed) &&
+        separable_matrix(matrix)) {
+        const int32_t done = run_separable<Width>(r, k, s);
+        if (done >= 0) return done;
+    }
     const bool large =
         input_bytes + output_bytes > streaming_threshold_bytes.load(std::memory_order_relaxed);
-    return run_table<Width>[s.encode()](r, k, large);
+    return run_table<Width>[(k.gathers & gather_LUT_stages) != 0 ? 1 : 0][s.encode()](r, k, large);
 }
