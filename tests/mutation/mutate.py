@@ -166,13 +166,20 @@ def main():
     work = os.path.abspath(args.work)
     if os.path.realpath(work).startswith(os.path.realpath(repo) + os.sep):
         sys.exit("the scratch folder must lie outside the repository")
-    src, build = os.path.join(work, "src"), os.path.join(work, "build")
-    os.makedirs(work, exist_ok=True)
+    # The build folder sits where the preset puts it, inside the copy: ccache rewrites paths
+    # relative to the source tree, so only there do the copy's compile lines match the ones a
+    # clone builds with, and the 96 kernel units come from the cache.
+    src = os.path.join(work, "src")
+    build = os.path.join(src, "build", "release")
     logs = os.path.join(work, "logs")
     os.makedirs(logs, exist_ok=True)
+    os.makedirs(src, exist_ok=True)
     # A fresh copy of the commit; the build folder stays, so unchanged units are not rebuilt.
-    shutil.rmtree(src, ignore_errors=True)
-    os.makedirs(src)
+    for entry in os.listdir(src):
+        if entry != "build":
+            path = os.path.join(src, entry)
+            shutil.rmtree(path) if os.path.isdir(path) and not os.path.islink(path) \
+                else os.remove(path)
     archive = subprocess.Popen(["git", "-C", repo, "archive", args.ref], stdout=subprocess.PIPE)
     subprocess.run(["tar", "-x", "-C", src], stdin=archive.stdout, check=True)
     if archive.wait() != 0:
@@ -181,7 +188,7 @@ def main():
                             capture_output=True, text=True).stdout.strip()
     print(f"scratch copy of {commit} in {src}; logs in {logs}", flush=True)
 
-    configure = ["cmake", "--preset", "release", "-S", src, "-B", build]
+    configure = ["cmake", "--preset", "release"]
     build_cmd = ["cmake", "--build", build, "-j", str(args.jobs)]
     test_cmd = ["ctest", "--test-dir", build, "-j", str(args.jobs), "--stop-on-failure",
                 "--timeout", str(args.test_timeout), "--output-on-failure"]
