@@ -122,7 +122,6 @@ TEST(ExportTable, ExactlyTheNineteenFunctions) {
                         std::back_inserter(missing));
     EXPECT_TRUE(extra.empty()) << "exported by accident: " << ::testing::PrintToString(extra);
     EXPECT_TRUE(missing.empty()) << "not exported: " << ::testing::PrintToString(missing);
-    EXPECT_EQ(expected_exports.size(), 19u);
 }
 
 TEST(ExportTable, RunPathIsTheLibrarysOwnFolderAndNoModuleIsLinked) {

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
 #include <random>
 
 #include "tests/common/reference_model.h"
@@ -51,41 +50,14 @@ std::vector<event> log_lines() {
     return events("logger", "qor_log");
 }
 
-std::string library_source_line(const std::string& base_name, int64_t line) {
-    std::ifstream file(std::string(KV_SOURCE_DIR) + "/kelvane_qor_color_processing_suite/" +
-                       base_name);
-    std::string text;
-    for (int64_t i = 1; std::getline(file, text); ++i) {
-        if (i == line) {
-            return text;
-        }
+void expect_own_line(std::map<std::string, int64_t>& lines, const std::string& key, int64_t line) {
+    EXPECT_GT(line, 0) << key;
+    const auto [at, added] = lines.emplace(key, line);
+    EXPECT_EQ(at->second, line) << key << " logged from two lines";
+    for (const auto& [other, other_line] : lines) {
+        EXPECT_TRUE(other == key || other_line != line)
+            << key << " and " << other << " share line " << line;
     }
-    return "<no such line>";
-}
-
-::testing::AssertionResult statement_holds(const std::string& base_name, int64_t line,
-                                           const std::string& fragment) {
-    const auto ends_statement = [](const std::string& text) {
-        return !text.empty() && (text.back() == ';' || text.back() == '{' || text.back() == '}');
-    };
-    int64_t first = line;
-    while (first > line - 4 && !ends_statement(library_source_line(base_name, first - 1))) {
-        --first;
-    }
-    std::string statement;
-    for (int64_t l = first; l < line + 4; ++l) {
-        const std::string text = library_source_line(base_name, l);
-        statement += text + "\n";
-        if (l >= line && ends_statement(text)) {
-            break;
-        }
-    }
-    if (statement.find(fragment) != std::string::npos) {
-        return ::testing::AssertionSuccess();
-    }
-    return ::testing::AssertionFailure()
-           << base_name << ":" << line << " is not a statement with \"" << fragment << "\":\n"
-           << statement;
 }
 
 void set_backend(const char* isa, int32_t initialize_result, int32_t count) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -32,13 +33,10 @@ std::vector<std::string> sequence(const std::vector<std::string>& modules);
 // The messages that reached qor_log.
 std::vector<event> log_lines();
 
-// The source line `line` of a file of the main library, by its base name.
-std::string library_source_line(const std::string& base_name, int64_t line);
-
-// Whether the statement that `line` reports holds `fragment`. Compilers disagree on which line
-// of a statement spread over several lines __LINE__ gives, so the whole statement counts.
-::testing::AssertionResult statement_holds(const std::string& base_name, int64_t line,
-                                           const std::string& fragment);
+// Log lines name their call site: the same refusal always reports the same line, and different
+// refusals different lines. `key` -> line seen so far; fails when a key moves or two keys share a
+// line.
+void expect_own_line(std::map<std::string, int64_t>& lines, const std::string& key, int64_t line);
 
 // Sets the fake vector modules' answers.
 void set_backend(const char* isa, int32_t initialize_result, int32_t count);

@@ -16,7 +16,7 @@
 #include <dlfcn.h>
 #endif
 
-#include "modules/vector/instruction_sets.h"
+#include "tests/common/tiers.h"
 #include "tests/suite/test_support.h"
 
 namespace kv_test {
@@ -35,10 +35,7 @@ const tier_case tiers[] = {{KV_TIER_SSE, "sse", kv::vector::instruction_set::sse
 class RealVectorModules : public ::testing::TestWithParam<tier_case> {
   protected:
     void SetUp() override {
-        if (const char* missing = kv::vector::missing_feature(GetParam().set)) {
-            GTEST_SKIP() << "this processor or system lacks " << missing << ", needed by the "
-                         << GetParam().suffix << " module";
-        }
+        KV_SKIP_MISSING_TIER(GetParam().suffix);
         ASSERT_EQ(kv_color_processing_module_initialize(), KV_STATUS_SUCCESS);
     }
     void TearDown() override {

@@ -17,6 +17,7 @@
 #include "kernels/dispatch.h"
 #include "kernels/pixel_pipeline.h"
 #include "tests/common/reference_model.h"
+#include "tests/common/tiers.h"
 
 namespace kv {
 namespace testing {
@@ -114,10 +115,7 @@ const vector_module& module_for(tier_index tier) {
 
 void tier_test::SetUp() {
     const vector_module& m = module();
-    if (m.missing != nullptr) {
-        GTEST_SKIP() << "this processor or system lacks " << m.missing << ", needed by the "
-                     << m.suffix << " module";
-    }
+    KV_SKIP_MISSING_TIER(m.suffix);
     ASSERT_TRUE(m.load_error.empty()) << m.load_error;
 }
 
