@@ -15,7 +15,7 @@
 #include "tests/module_support/loaded_module.h"
 
 #if KV_TEST_ALLOCATOR
-#include "tests/lut_module/test_allocator.h"
+#include "tests/common/failing_allocator.h"
 #endif
 
 namespace {
@@ -254,13 +254,13 @@ TEST(LUTOutOfMemory, CreationThrowsBadAllocAndKeepsNothing) {
     int failures = 0;
     for (int successes = 0; successes < 8; ++successes) {
         void* handle = nullptr;
-        kv::test::fail_allocation_after(successes);
+        kv::testing::fail_allocation(successes);
         try {
             handle = kv_create_LUT_test(1000, 0);
         } catch (const std::bad_alloc&) {
             ++failures;
         }
-        kv::test::fail_allocation_after(-1);
+        kv::testing::stop_failing_allocations();
         if (handle != nullptr) {
             EXPECT_EQ(kv_get_LUT_data(handle)[999], 0u);
             EXPECT_EQ(kv_destroy_LUT(handle), 0);

@@ -13,6 +13,7 @@
 
 #include "kelvane_qor_color_processing.h"
 #include "kernels/transform_request.h"
+#include "tests/common/failing_allocator.h"
 #include "tests/fakes/journal.h"
 
 namespace kv_test {
@@ -41,10 +42,8 @@ void expect_own_line(std::map<std::string, int64_t>& lines, const std::string& k
 // Sets the fake vector modules' answers.
 void set_backend(const char* isa, int32_t initialize_result, int32_t count);
 
-// Allocation failure injection: the `n`-th allocation through operator new from now on (0 is the
-// next) throws std::bad_alloc, once.
-void fail_allocation(long n);
-void stop_failing_allocations();
+using kv::testing::fail_allocation;
+using kv::testing::stop_failing_allocations;
 
 // Starts every test with the module down and an empty journal, and brings the module down again
 // after it, however the test left it.

@@ -7,16 +7,6 @@
 #include <cstring>
 #include <limits>
 
-#if defined(_WIN32)
-#ifndef NOMINMAX
-#define NOMINMAX  // std::min and std::max stay usable
-#endif
-#include <windows.h>
-#else
-#include <sys/mman.h>
-#include <unistd.h>
-#endif
-
 #include "tests/common/reference_model.h"
 #include "tests/vector/vector_test_support.h"
 
@@ -201,70 +191,13 @@ TEST_P(ShiftAndNarrowing, InputLUTTakesTheLowHalfOfItsEntries) {
 // Memory: page boundaries, misaligned starts, overlap, counts of 0 or less, large frames.
 // ---------------------------------------------------------------------------------------------
 
-// Memory whose usable bytes end (or begin) exactly at an inaccessible page, so that a read or
-// write one byte past the frame faults.
-class fenced_region {
-  public:
-    fenced_region(size_t bytes, bool flush_with_end) {
-#if defined(_WIN32)
-        SYSTEM_INFO info;
-        GetSystemInfo(&info);
-        page_ = info.dwPageSize;
-#else
-        page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-#endif
-        usable_ = (std::max<size_t>(bytes, 1) + page_ - 1) / page_ * page_;
-        total_ = usable_ + 2 * page_;
-#if defined(_WIN32)
-        base_ = static_cast<uint8_t*>(
-            VirtualAlloc(nullptr, total_, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-        DWORD old;
-        VirtualProtect(base_, page_, PAGE_NOACCESS, &old);
-        VirtualProtect(base_ + page_ + usable_, page_, PAGE_NOACCESS, &old);
-#else
-        base_ = static_cast<uint8_t*>(
-            mmap(nullptr, total_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        mprotect(base_, page_, PROT_NONE);
-        mprotect(base_ + page_ + usable_, page_, PROT_NONE);
-#endif
-        data_ = flush_with_end ? base_ + page_ + usable_ - bytes : base_ + page_;
-    }
-    ~fenced_region() {
-#if defined(_WIN32)
-        VirtualFree(base_, 0, MEM_RELEASE);
-#else
-        munmap(base_, total_);
-#endif
-    }
-    fenced_region(const fenced_region&) = delete;
-    fenced_region& operator=(const fenced_region&) = delete;
-
-    uint8_t* data() {
-        return data_;
-    }
-    // A module writing here (a table, the input) faults.
-    void make_read_only() {
-#if defined(_WIN32)
-        DWORD old;
-        VirtualProtect(base_ + page_, usable_, PAGE_READONLY, &old);
-#else
-        mprotect(base_ + page_, usable_, PROT_READ);
-#endif
-    }
-
-  private:
-    size_t page_ = 4096, usable_ = 0, total_ = 0;
-    uint8_t* base_ = nullptr;
-    uint8_t* data_ = nullptr;
-};
-
 class MemoryBounds : public tier_test {};
 
 // Input, output and tables flush against inaccessible pages on either side; input and tables are
 // read-only. Every layout pair at both widths, with LUTs on both sides.
 TEST_P(MemoryBounds, BuffersEndingOrBeginningAtAPageBoundary) {
     std::mt19937 rng(17);
-    fenced_region input_LUT(65536 * 4, true), output_LUT(65536 * 4, false);
+    guarded_buffer input_LUT(65536 * 4), output_LUT(65536 * 4, 1, 0, guarded_buffer::before);
     std::memcpy(input_LUT.data(), table_pool(1).data(), 65536 * 4);
     std::memcpy(output_LUT.data(), table_pool(0).data(), 65536 * 4);
     input_LUT.make_read_only();
@@ -285,8 +218,13 @@ TEST_P(MemoryBounds, BuffersEndingOrBeginningAtAPageBoundary) {
                         const int32_t n = 3 * module().block(width) + 3;
                         const frame f(s, random_input(n, rng), 6);
 
-                        fenced_region input(6 * static_cast<size_t>(n), flush_with_end);
-                        fenced_region output(f.output_bytes(), flush_with_end);
+                        const auto side =
+                            flush_with_end ? guarded_buffer::after : guarded_buffer::before;
+                        // Starts placed so that the ends touch the fence exactly.
+                        const size_t in_bytes = 6 * static_cast<size_t>(n);
+                        guarded_buffer input(in_bytes, 2, (64 - in_bytes % 64) % 64, side);
+                        guarded_buffer output(f.output_bytes(), 3,
+                                              (64 - f.output_bytes() % 64) % 64, side);
                         const std::vector<uint8_t> expected = f.run_reference();
                         std::memcpy(output.data(), expected.data(), expected.size());
                         for (size_t b = 0; b < expected.size(); ++b) output.data()[b] ^= 0x5A;
