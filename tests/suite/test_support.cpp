@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <random>
 
 #include "tests/common/reference_model.h"
 
@@ -124,28 +123,10 @@ int32_t run_transform(transform_export e, const frame_arguments& a) {
     }
 }
 
-frame_buffers::frame_buffers(transform_export e, int32_t pixel_count, uint32_t seed) {
-    const size_t n = pixel_count > 0 ? static_cast<size_t>(pixel_count) : 0;
-    input_storage.assign(3 * n + guard, 0);
-    std::mt19937 random(seed);
-    for (uint16_t& value : input_storage) {
-        value = static_cast<uint16_t>(random());
-    }
-    const size_t bytes = n * static_cast<size_t>(elements_per_pixel(e)) *
-                         static_cast<size_t>(output_width_of(e) / 8);
-    output_storage.assign(bytes + 2 * guard, guard_byte);
-}
-
-std::vector<uint8_t> frame_buffers::output_copy() const {
-    return std::vector<uint8_t>(output_storage.begin() + guard, output_storage.end() - guard);
-}
-
-bool frame_buffers::guards_intact() const {
-    return std::all_of(output_storage.begin(), output_storage.begin() + guard,
-                       [](uint8_t b) { return b == guard_byte; }) &&
-           std::all_of(output_storage.end() - guard, output_storage.end(),
-                       [](uint8_t b) { return b == guard_byte; });
-}
+frame_buffers::frame_buffers(transform_export e, int32_t pixel_count, uint32_t seed)
+    : in(6 * static_cast<size_t>(std::max(pixel_count, 0)), seed),
+      out(kv::testing::output_bytes(output_width_of(e), elements_per_pixel(e) == 4, pixel_count),
+          seed + 1) {}
 
 kv::transform_request reference_request(transform_export e, const frame_arguments& a,
                                         const uint8_t input_enabled[3],

@@ -14,6 +14,7 @@
 #include "kelvane_qor_color_processing.h"
 #include "kernels/transform_request.h"
 #include "tests/common/failing_allocator.h"
+#include "tests/common/frames.h"
 #include "tests/fakes/journal.h"
 
 namespace kv_test {
@@ -87,21 +88,19 @@ struct frame_arguments {
 
 int32_t run_transform(transform_export e, const frame_arguments& a);
 
-// Input pixels and an output buffer for one export, each with guard bytes around it.
+// Noise input pixels and a noise-filled output buffer for one export, each against a fence page
+// (tests/common/frames.h).
 struct frame_buffers {
-    static constexpr size_t guard = 64;
-    static constexpr uint8_t guard_byte = 0xEE;
-
     frame_buffers(transform_export e, int32_t pixel_count, uint32_t seed);
 
-    uint16_t* input() { return input_storage.data() + guard / 2; }
-    void* output() { return output_storage.data() + guard; }
-    size_t output_bytes() const { return output_storage.size() - 2 * guard; }
-    std::vector<uint8_t> output_copy() const;
-    bool guards_intact() const;
+    uint16_t* input() { return reinterpret_cast<uint16_t*>(in.data()); }
+    void* output() { return out.data(); }
+    size_t output_bytes() const { return out.size(); }
+    std::vector<uint8_t> input_copy() const { return in.copy(); }
+    std::vector<uint8_t> output_copy() const { return out.copy(); }
+    bool guards_intact() const { return in.guards_intact() && out.guards_intact(); }
 
-    std::vector<uint16_t> input_storage;
-    std::vector<uint8_t> output_storage;
+    kv::testing::guarded_buffer in, out;
 };
 
 // A record as the library fills it for `a` on `handle` with the given LUT flags, for the

@@ -86,12 +86,13 @@ class FullValidation : public initialized_test,
     // timing line, nothing else called and neither buffer touched.
     void expect_refused(const frame_arguments& a, frame_buffers& buffers, int32_t status,
                         const std::string& message) {
-        const std::vector<uint16_t> input_before = buffers.input_storage;
-        const std::vector<uint8_t> output_before = buffers.output_storage;
+        const std::vector<uint8_t> input_before = buffers.input_copy();
+        const std::vector<uint8_t> output_before = buffers.output_copy();
         kv_journal_reset();
         EXPECT_EQ(run_transform(GetParam(), a), status);
-        EXPECT_EQ(buffers.input_storage, input_before);
-        EXPECT_EQ(buffers.output_storage, output_before);
+        EXPECT_EQ(buffers.input_copy(), input_before);
+        EXPECT_EQ(buffers.output_copy(), output_before);
+        EXPECT_TRUE(buffers.guards_intact());
         const std::vector<event> all = journal();
         ASSERT_EQ(all.size(), 2u) << "nothing but the two log lines may be called";
         ASSERT_EQ(all[0].name, "qor_log");
