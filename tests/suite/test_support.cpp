@@ -131,37 +131,24 @@ frame_buffers::frame_buffers(transform_export e, int32_t pixel_count, uint32_t s
 kv::transform_request reference_request(transform_export e, const frame_arguments& a,
                                         const uint8_t input_enabled[3],
                                         const uint8_t output_enabled[3]) {
-    kv::transform_request r;
-    std::memset(&r, 0, sizeof r);
-    r.input_buffer = a.input;
-    r.input_format = static_cast<kv::pixel_format>(a.input_format);
-    r.blue_input_LUT = kv_color_get_blue_input_LUT(a.handle);
-    r.green_input_LUT = kv_color_get_green_input_LUT(a.handle);
-    r.red_input_LUT = kv_color_get_red_input_LUT(a.handle);
-    r.blue_input_LUT_enabled = input_enabled[0];
-    r.green_input_LUT_enabled = input_enabled[1];
-    r.red_input_LUT_enabled = input_enabled[2];
-    r.processor = reinterpret_cast<const kv::color_correction*>(a.handle);
-    r.blue_output_min = a.minimum[0];
-    r.blue_output_max = a.maximum[0];
-    r.green_output_min = a.minimum[1];
-    r.green_output_max = a.maximum[1];
-    r.red_output_min = a.minimum[2];
-    r.red_output_max = a.maximum[2];
-    r.blue_output_LUT = kv_color_get_blue_output_LUT(a.handle);
-    r.green_output_LUT = kv_color_get_green_output_LUT(a.handle);
-    r.red_output_LUT = kv_color_get_red_output_LUT(a.handle);
-    r.blue_output_LUT_enabled = output_enabled[0];
-    r.green_output_LUT_enabled = output_enabled[1];
-    r.red_output_LUT_enabled = output_enabled[2];
-    r.blue_shift_distance = a.shift[0];
-    r.green_shift_distance = a.shift[1];
-    r.red_shift_distance = a.shift[2];
-    r.output_buffer = a.output;
-    r.output_format = static_cast<kv::pixel_format>(a.output_format);
-    r.fourth_channel = static_cast<uint8_t>(elements_per_pixel(e) == 4 ? 1 : 0);
-    r.pixel_count = a.pixel_count;
-    return r;
+    uint32_t* (*const getters[])(kv_color_processor_handle) = {
+        kv_color_get_blue_input_LUT,  kv_color_get_green_input_LUT,  kv_color_get_red_input_LUT,
+        kv_color_get_blue_output_LUT, kv_color_get_green_output_LUT, kv_color_get_red_output_LUT};
+    kv::testing::frame_settings s;
+    s.width = output_width_of(e);
+    s.input_format = a.input_format;
+    s.output_format = a.output_format;
+    s.fourth_channel = elements_per_pixel(e) == 4;
+    for (int c = 0; c < 3; ++c) {
+        s.input_LUT[c] = input_enabled[c] ? getters[c](a.handle) : nullptr;
+        s.output_LUT[c] = output_enabled[c] ? getters[3 + c](a.handle) : nullptr;
+        s.minimum[c] = a.minimum[c];
+        s.maximum[c] = a.maximum[c];
+        s.shift_distance[c] = a.shift[c];
+    }
+    // The handle points at the processor, whose first member is the matrix.
+    return kv::testing::make_request(s, a.input, a.pixel_count, a.output,
+                                     reinterpret_cast<const kv::color_correction_head*>(a.handle));
 }
 
 std::vector<uint8_t> expected_output(transform_export e, const frame_arguments& a,

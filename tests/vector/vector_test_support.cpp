@@ -5,49 +5,16 @@
 #include <cstring>
 #include <limits>
 
-#if defined(_WIN32)
-#ifndef NOMINMAX
-#define NOMINMAX  // std::min and std::max stay usable
-#endif
-#include <windows.h>
-#else
-#include <dlfcn.h>
-#endif
-
 #include "kernels/dispatch.h"
 #include "kernels/pixel_pipeline.h"
 #include "tests/common/reference_model.h"
 #include "tests/common/tiers.h"
+#include "tests/module_support/loaded_module.h"
 
 namespace kv {
 namespace testing {
 
 namespace {
-
-#if defined(_WIN32)
-constexpr const char* module_suffix = ".dll";
-void* open_module(const std::string& path) {
-    return LoadLibraryA(path.c_str());
-}
-void* find_entry(void* handle, const char* name) {
-    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle), name));
-}
-std::string last_error() {
-    return "LoadLibraryA failed";
-}
-#else
-constexpr const char* module_suffix = ".so";
-void* open_module(const std::string& path) {
-    return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-}
-void* find_entry(void* handle, const char* name) {
-    return dlsym(handle, name);
-}
-std::string last_error() {
-    const char* e = dlerror();
-    return e != nullptr ? e : "unknown";
-}
-#endif
 
 vector_module load(tier_index tier) {
     static const char* const suffixes[3] = {"sse", "avx2", "avx512"};
@@ -59,21 +26,23 @@ vector_module load(tier_index tier) {
     m.set = sets[tier];
     m.missing = vector::missing_feature(m.set);
     const std::string base = std::string("kelvane_qor_color_processing_vector_") + m.suffix;
-    const std::string path = std::string(KV_VECTOR_MODULE_DIRECTORY) + "/" + base + module_suffix;
-    m.handle = open_module(path);
-    if (m.handle == nullptr) {
-        m.load_error = path + ": " + last_error();
+    const std::string path =
+        std::string(KV_VECTOR_MODULE_DIRECTORY) + "/" + base + kv::test::module_suffix;
+    // Loaded once per process and never released: one module serves every test.
+    const auto* file = new kv::test::loaded_module(path);
+    if (!file->loaded()) {
+        m.load_error = path + ": cannot be loaded";
         return m;
     }
     const std::string s = m.suffix;
-    m.initialize = reinterpret_cast<abi::vector_initialize_fn>(
-        find_entry(m.handle, ("kv_color_processing_vector_" + s + "_module_initialize").c_str()));
-    m.transform_8 = reinterpret_cast<abi::vector_transform_fn>(
-        find_entry(m.handle, ("kv_color_processing_transform_8_bit_output_vector_" + s).c_str()));
-    m.transform_16 = reinterpret_cast<abi::vector_transform_fn>(
-        find_entry(m.handle, ("kv_color_processing_transform_16_bit_output_vector_" + s).c_str()));
-    m.terminate = reinterpret_cast<abi::vector_terminate_fn>(
-        find_entry(m.handle, ("kv_color_processing_vector_" + s + "_module_terminate").c_str()));
+    m.initialize = file->symbol<abi::vector_initialize_fn>(
+        ("kv_color_processing_vector_" + s + "_module_initialize").c_str());
+    m.transform_8 = file->symbol<abi::vector_transform_fn>(
+        ("kv_color_processing_transform_8_bit_output_vector_" + s).c_str());
+    m.transform_16 = file->symbol<abi::vector_transform_fn>(
+        ("kv_color_processing_transform_16_bit_output_vector_" + s).c_str());
+    m.terminate = file->symbol<abi::vector_terminate_fn>(
+        ("kv_color_processing_vector_" + s + "_module_terminate").c_str());
     if (!m.initialize || !m.transform_8 || !m.transform_16 || !m.terminate) {
         m.load_error = path + ": an entry is missing";
         return m;

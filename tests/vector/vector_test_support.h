@@ -24,7 +24,6 @@ struct vector_module {
     const char* suffix;  // sse, avx2, avx512
     vector::instruction_set set;
     const char* missing;  // null when the processor and system support the set
-    void* handle = nullptr;
     abi::vector_initialize_fn initialize = nullptr;
     abi::vector_transform_fn transform_8 = nullptr;
     abi::vector_transform_fn transform_16 = nullptr;
