@@ -6,6 +6,10 @@
 #include <cstring>
 #include <new>
 
+#if defined(_WIN32)
+#include <malloc.h>  // _aligned_malloc, _aligned_free
+#endif
+
 namespace {
 
 thread_local long allocations_left = -1;
