@@ -10,7 +10,7 @@ the first failing test, prints "caught" or "missed", and puts the file back.
 A hunk whose text is not found exactly once marks the fault "stale" (the code moved on; update
 the fault) rather than "missed". A fault that does not compile is "broken", not "caught".
 
-    run.sh [--only NAME[,NAME...]] [--list] [--ref REF] [--work DIR] [--skip-baseline]
+    run.sh [--only NAME[,NAME...]] [--list] [--check] [--ref REF] [--work DIR] [--skip-baseline]
            [--test-timeout S] [--table FILE]
 """
 import argparse
@@ -145,6 +145,8 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--only", help="comma-separated fault names")
     parser.add_argument("--list", action="store_true", help="list the faults and exit")
+    parser.add_argument("--check", action="store_true",
+                        help="only check that every fault still applies to the working tree")
     parser.add_argument("--ref", default="HEAD", help="the commit to copy (default HEAD)")
     parser.add_argument("--work", default="/tmp/kv-mutation", help="scratch folder")
     parser.add_argument("--skip-baseline", action="store_true",
@@ -164,6 +166,17 @@ def main():
 
     repo = subprocess.run(["git", "-C", HERE, "rev-parse", "--show-toplevel"], check=True,
                           capture_output=True, text=True).stdout.strip()
+    if args.check:
+        stale = 0
+        for fault in faults:
+            for file, find, _ in fault["hunks"]:
+                path = os.path.join(repo, file)
+                count = open(path, encoding="utf-8").read().count(find) if os.path.exists(path) else 0
+                if count != 1:
+                    stale += 1
+                    print(f"{fault['name']}: {file}: the text to find occurs {count} times, not once")
+        print(f"{len(faults) - stale} of {len(faults)} faults apply")
+        return 1 if stale else 0
     work = os.path.abspath(args.work)
     if os.path.realpath(work).startswith(os.path.realpath(repo) + os.sep):
         sys.exit("the scratch folder must lie outside the repository")
