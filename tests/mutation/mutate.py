@@ -17,6 +17,7 @@ import argparse
 import os
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -141,6 +142,35 @@ def restore(originals):
             f.write(text)
 
 
+def sync_tree(incoming, src):
+    """Makes src hold exactly incoming's files (src/build aside), touching only what differs."""
+    wanted = set()
+    for folder, _, files in os.walk(incoming):
+        for name in files:
+            relative = os.path.relpath(os.path.join(folder, name), incoming)
+            wanted.add(relative)
+            source, target = os.path.join(incoming, relative), os.path.join(src, relative)
+            with open(source, "rb") as f:
+                data = f.read()
+            if os.path.isfile(target) and not os.path.islink(target):
+                with open(target, "rb") as f:
+                    if f.read() == data:
+                        continue
+            os.makedirs(os.path.dirname(target), exist_ok=True)
+            if os.path.lexists(target):
+                os.remove(target)
+            with open(target, "wb") as f:
+                f.write(data)
+            shutil.copymode(source, target)
+    for folder, _, files in os.walk(src):
+        if os.path.relpath(folder, src).split(os.sep)[0] == "build":
+            continue
+        for name in files:
+            relative = os.path.relpath(os.path.join(folder, name), src)
+            if relative not in wanted:
+                os.remove(os.path.join(src, relative))
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--only", help="comma-separated fault names")
@@ -188,16 +218,18 @@ def main():
     logs = os.path.join(work, "logs")
     os.makedirs(logs, exist_ok=True)
     os.makedirs(src, exist_ok=True)
-    # A fresh copy of the commit; the build folder stays, so unchanged units are not rebuilt.
-    for entry in os.listdir(src):
-        if entry != "build":
-            path = os.path.join(src, entry)
-            shutil.rmtree(path) if os.path.isdir(path) and not os.path.islink(path) \
-                else os.remove(path)
+    # The commit is unpacked aside and only the files whose content differs are written into the
+    # copy: they get a new time, so the build sees them (git archive dates every file to the
+    # commit, older than objects built from a fault), and unchanged units are not rebuilt.
+    incoming = os.path.join(work, "incoming")
+    shutil.rmtree(incoming, ignore_errors=True)
+    os.makedirs(incoming)
     archive = subprocess.Popen(["git", "-C", repo, "archive", args.ref], stdout=subprocess.PIPE)
-    subprocess.run(["tar", "-x", "-C", src], stdin=archive.stdout, check=True)
+    subprocess.run(["tar", "-x", "-C", incoming], stdin=archive.stdout, check=True)
     if archive.wait() != 0:
         sys.exit(f"git archive {args.ref} failed")
+    sync_tree(incoming, src)
+    shutil.rmtree(incoming)
     commit = subprocess.run(["git", "-C", repo, "rev-parse", "--short", args.ref], check=True,
                             capture_output=True, text=True).stdout.strip()
     print(f"scratch copy of {commit} in {src}; logs in {logs}", flush=True)
@@ -264,6 +296,8 @@ def main():
 
 
 if __name__ == "__main__":
+    # A run stopped from outside still puts the faulted file back (the finally blocks run).
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("stopped"))
     try:
         sys.exit(main())
     except FaultError as e:
