@@ -109,17 +109,19 @@ TEST_P(PublicApiFrames, MatchTheReferenceModel) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Tiers, PublicApiFrames,
+// -1 stands for the tiers below scalar a test creator may be given.
 #if KV_REAL_VECTOR_MODULES
-                         ::testing::Values(KV_TIER_SCALAR, KV_TIER_SSE, KV_TIER_AVX2,
-                                           KV_TIER_AVX512),
+const int32_t tiers_under_test[] = {KV_TIER_SCALAR, KV_TIER_SSE, KV_TIER_AVX2, KV_TIER_AVX512};
 #else
-                         ::testing::Values(-1, KV_TIER_SCALAR, KV_TIER_SSE, KV_TIER_AVX2,
-                                           KV_TIER_AVX512),
+const int32_t tiers_under_test[] = {-1, KV_TIER_SCALAR, KV_TIER_SSE, KV_TIER_AVX2, KV_TIER_AVX512};
 #endif
-                         [](const ::testing::TestParamInfo<int32_t>& info) {
-                             return "tier_" + std::to_string(info.param + 1);
-                         });
+
+std::string tier_name(const ::testing::TestParamInfo<int32_t>& info) {
+    static const char* const names[] = {"below_scalar", "scalar", "sse", "avx2", "avx512"};
+    return names[info.param + 1];
+}
+
+INSTANTIATE_TEST_SUITE_P(Tiers, PublicApiFrames, ::testing::ValuesIn(tiers_under_test), tier_name);
 
 }  // namespace
 }  // namespace kv_test
