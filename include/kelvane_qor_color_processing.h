@@ -28,7 +28,9 @@ typedef struct kv_color_processor* kv_color_processor_handle;
 typedef int32_t kv_status;
 enum {
     KV_STATUS_SUCCESS = 0,
-    KV_STATUS_MODULE_NOT_INITIALIZED = 1, /* from initialize: the LUT module is incomplete */
+    /* From a function taking a handle: no initialize is in force. From initialize: the LUT module
+     * is missing or incomplete, and yet the module counts as initialised (see there). */
+    KV_STATUS_MODULE_NOT_INITIALIZED = 1,
     KV_STATUS_NULL_HANDLE = 2,
     KV_STATUS_NULL_INPUT_BUFFER = 3,
     KV_STATUS_NULL_OUTPUT_BUFFER = 4,
@@ -52,17 +54,26 @@ enum {
 typedef int32_t kv_processor_tier;
 enum { KV_TIER_SCALAR = 0, KV_TIER_SSE = 1, KV_TIER_AVX2 = 2, KV_TIER_AVX512 = 3 };
 
-/* Starts the module: the first call creates the log, every call loads the LUT module. Returns 0,
- * or 1 when the LUT module is missing or incomplete (the call still counts and needs its
- * terminate; no processor may be created after it). Calls may nest. */
+/* Starts the module. The first call, and the first after the count fell back to 0, opens the
+ * log; every call adds one to the count and loads the LUT module again. Calls may nest.
+ * Returns 0, or 1 when the LUT module is missing or lacks one of its functions. A 1 rolls nothing
+ * back: the count is raised and the log stays open, so the call needs its terminate like any
+ * other; the functions taking a handle no longer return 1, and the LUT module's table of
+ * functions is empty or partly filled. The creators return NULL only while no initialize is in
+ * force, so after a 1 they do not: they call through that table, as do the LUT getters, destroy
+ * and the transforms, and may crash. After a 1, call only terminate, unless a later initialize
+ * returns 0. */
 KV_COLOR_API kv_status kv_color_processing_module_initialize(void);
 
-/* Balances one initialize; the last one closes the log. Always 0. Destroy processors first. */
+/* Balances one initialize; the last one closes the log. Every call also empties the LUT module's
+ * table, whatever the count: after two initializes and one terminate no processor may be created
+ * or used until the next initialize. Always 0. Destroy processors first. */
 KV_COLOR_API kv_status kv_color_processing_module_terminate(void);
 
 /* A new processor with tables of 2^input_LUT_bit_depth and 2^output_LUT_bit_depth entries (each
  * depth 0 to 16), identity matrix, all LUTs off and zero. NULL on failure (the log says why), or
- * when the module is not initialised. */
+ * while no initialize is in force (never called, or balanced by terminates). After an initialize
+ * that returned 1 it is not NULL but unsafe: see kv_color_processing_module_initialize. */
 KV_COLOR_API kv_color_processor_handle
 kv_color_create_color_processor(int32_t input_LUT_bit_depth, int32_t output_LUT_bit_depth);
 

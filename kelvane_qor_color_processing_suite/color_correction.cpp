@@ -34,6 +34,16 @@ void clear_table(const color_LUT& lut, uint64_t byte_count) {
 
 constexpr const char* TRANSFORM_LABEL = "color_correction::transform";
 
+// One refusal of a transform request: when `condition` holds, `message` is logged behind the error
+// prefix, from the line of the check itself, and the transform returns `status`.
+#define KV_REFUSE_IF(condition, status, message)                                                  \
+    do {                                                                                          \
+        if (condition) {                                                                          \
+            KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL, "%s " message, ERROR_PREFIX); \
+            return (status);                                                                      \
+        }                                                                                         \
+    } while (0)
+
 // What differs between the two forms of a transform: the back-end's function and the scalar
 // entry. Everything else is one body.
 template <output_width width>
@@ -149,70 +159,37 @@ template <output_width width>
 int32_t color_correction::transform(transform_request* request) const {
     // The checks run in this order and the first that holds decides; the statuses do not rise
     // with it. Clamp rows read the object's flags: the request's are not filled yet.
-    if (request->input_buffer == nullptr) {
-        KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL,
-               "%s The specified input buffer is NULL!", ERROR_PREFIX);
-        return STATUS_NULL_INPUT_BUFFER;
-    }
-    if (request->output_buffer == nullptr) {
-        KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL,
-               "%s The specified output buffer is NULL!", ERROR_PREFIX);
-        return STATUS_NULL_OUTPUT_BUFFER;
-    }
-    if (static_cast<const void*>(request->input_buffer) == request->output_buffer) {
-        KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL,
-               "%s Different input and output buffer must be specified.", ERROR_PREFIX);
-        return STATUS_SAME_BUFFER;
-    }
-    if (format_refused(request->input_format)) {
-        KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL,
-               "%s Invalid input buffer format specified!", ERROR_PREFIX);
-        return STATUS_INVALID_INPUT_FORMAT;
-    }
-    if (shift_out_of_range(request->blue_shift_distance)) {
-        KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL,
-               "%s Invalid blue shift distance specified!", ERROR_PREFIX);
-        return STATUS_INVALID_SHIFT;
-    }
-    if (shift_out_of_range(request->green_shift_distance)) {
-        KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL,
-               "%s Invalid green shift distance specified!", ERROR_PREFIX);
-        return STATUS_INVALID_SHIFT;
-    }
-    if (shift_out_of_range(request->red_shift_distance)) {
-        KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL,
-               "%s Invalid red shift distance specified!", ERROR_PREFIX);
-        return STATUS_INVALID_SHIFT;
-    }
-    if (clamp_refused(request->blue_output_min, request->blue_output_max, output_LUTs.blue.enabled,
-                      output_LUT_size)) {
-        KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL,
-               "%s a max value less than the min was specified for the blue channel or max clamp "
-               "value exceeds enabled output LUT size!",
-               ERROR_PREFIX);
-        return STATUS_INVALID_CLAMP;
-    }
-    if (clamp_refused(request->green_output_min, request->green_output_max,
-                      output_LUTs.green.enabled, output_LUT_size)) {
-        KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL,
-               "%s a max value less than the min was specified for the green channel or max clamp "
-               "value exceeds enabled output LUT size!",
-               ERROR_PREFIX);
-        return STATUS_INVALID_CLAMP;
-    }
-    if (clamp_refused(request->red_output_min, request->red_output_max, output_LUTs.red.enabled,
-                      output_LUT_size)) {
-        KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL,
-               "%s a max value less than the min was specified for the red channel or max clamp "
-               "value exceeds enabled output LUT size!",
-               ERROR_PREFIX);
-        return STATUS_INVALID_CLAMP;
-    }
-    if (format_refused(request->output_format)) {
-        KV_LOG(module_logger, LOG_LEVEL_ERROR, TRANSFORM_LABEL,
-               "%s Invalid output buffer format specified!", ERROR_PREFIX);
-        return STATUS_INVALID_OUTPUT_FORMAT;
-    }
+    const auto bad_clamp = [this](uint16_t minimum, uint16_t maximum, const color_LUT& lut) {
+        return clamp_refused(minimum, maximum, lut.enabled, output_LUT_size);
+    };
+    KV_REFUSE_IF(request->input_buffer == nullptr, STATUS_NULL_INPUT_BUFFER,
+                 "The specified input buffer is NULL!");
+    KV_REFUSE_IF(request->output_buffer == nullptr, STATUS_NULL_OUTPUT_BUFFER,
+                 "The specified output buffer is NULL!");
+    KV_REFUSE_IF(static_cast<const void*>(request->input_buffer) == request->output_buffer,
+                 STATUS_SAME_BUFFER, "Different input and output buffer must be specified.");
+    KV_REFUSE_IF(format_refused(request->input_format), STATUS_INVALID_INPUT_FORMAT,
+                 "Invalid input buffer format specified!");
+    KV_REFUSE_IF(shift_out_of_range(request->blue_shift_distance), STATUS_INVALID_SHIFT,
+                 "Invalid blue shift distance specified!");
+    KV_REFUSE_IF(shift_out_of_range(request->green_shift_distance), STATUS_INVALID_SHIFT,
+                 "Invalid green shift distance specified!");
+    KV_REFUSE_IF(shift_out_of_range(request->red_shift_distance), STATUS_INVALID_SHIFT,
+                 "Invalid red shift distance specified!");
+    KV_REFUSE_IF(bad_clamp(request->blue_output_min, request->blue_output_max, output_LUTs.blue),
+                 STATUS_INVALID_CLAMP,
+                 "a max value less than the min was specified for the blue channel or max clamp "
+                 "value exceeds enabled output LUT size!");
+    KV_REFUSE_IF(bad_clamp(request->green_output_min, request->green_output_max, output_LUTs.green),
+                 STATUS_INVALID_CLAMP,
+                 "a max value less than the min was specified for the green channel or max clamp "
+                 "value exceeds enabled output LUT size!");
+    KV_REFUSE_IF(bad_clamp(request->red_output_min, request->red_output_max, output_LUTs.red),
+                 STATUS_INVALID_CLAMP,
+                 "a max value less than the min was specified for the red channel or max clamp "
+                 "value exceeds enabled output LUT size!");
+    KV_REFUSE_IF(format_refused(request->output_format), STATUS_INVALID_OUTPUT_FORMAT,
+                 "Invalid output buffer format specified!");
 
     // Addresses are fetched anew on every call and for disabled LUTs too, so a back-end always
     // gets a complete record and a host's table writes are seen at the next frame.
@@ -232,6 +209,8 @@ int32_t color_correction::transform(transform_request* request) const {
     width_path<width>::scalar(request, start_index);
     return STATUS_SUCCESS;
 }
+
+#undef KV_REFUSE_IF
 
 template int32_t color_correction::transform<output_width::bits_8>(
     transform_request* request) const;

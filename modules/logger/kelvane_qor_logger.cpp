@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "modules/common/lasting_state.h"
+#include "modules/logger/log_files.h"
 #include "modules/logger/log_settings.h"
 #include "services/module_abi.h"
 
@@ -23,11 +24,14 @@ namespace {
 using kv::logger::destination_kind;
 
 struct open_log {
-    std::string label;  // module id, and "/second id" if there is one
+    std::string label;  // module id, and "/second id" if there is one, printable
     int32_t highest_level;
+    int references;  // qor_get_log calls not yet matched by qor_free_log
+    // Where lines go, guarded by the write lock: it turns to stderr once, when it fails.
     std::FILE* stream;
     bool owns_stream;
-    int references;  // qor_get_log calls not yet matched by qor_free_log
+    std::string destination;  // how messages name it, as "stdout" or "the log file \"x.log\""
+    std::string origin;       // the "file:line" of the configuration that chose it, if any
 
     ~open_log() {
         if (owns_stream) {
@@ -55,14 +59,40 @@ constexpr const char* level_labels[] = {"EMERGENCY", "ALERT",  "CRITICAL", "ERRO
                                         "WARNING",   "NOTICE", "INFO",     "DEBUG"};
 
 // Writes `text` whole and flushes it, so that a crash after a message keeps the message.
-bool write_whole(logger_state& s, std::FILE* stream, const std::string& text) {
-    std::lock_guard<std::mutex> guard(s.write_lock);
+bool put(std::FILE* stream, const std::string& text) {
     const bool written = std::fwrite(text.data(), 1, text.size(), stream) == text.size();
     return std::fflush(stream) == 0 && written;
 }
 
 void warn(logger_state& s, const std::string& text) {
-    write_whole(s, stderr, "kelvane_qor_logger: warning: " + text + "\n");
+    std::lock_guard<std::mutex> guard(s.write_lock);
+    put(stderr, "kelvane_qor_logger: warning: " + text + "\n");
+}
+
+// Writes one line of `log`. A destination that refuses it is given up for stderr, with one notice
+// that says so, and the line goes there too: a full disk loses no later line in silence. The
+// refused line still counts as failed, as the destination the host chose did not take it.
+bool write_line(logger_state& s, open_log& log, const std::string& text) {
+    std::lock_guard<std::mutex> guard(s.write_lock);
+    errno = 0;
+    if (put(log.stream, text)) {
+        return true;
+    }
+    if (log.stream == stderr) {
+        return false;  // nowhere left to turn
+    }
+    const int error = errno;
+    if (log.owns_stream) {
+        std::fclose(log.stream);  // unbuffered: nothing is left in it to go out later
+    }
+    log.stream = stderr;
+    log.owns_stream = false;
+    put(stderr, "kelvane_qor_logger: warning: " + log.origin + (log.origin.empty() ? "" : ": ") +
+                    "cannot write to " + log.destination + " (" +
+                    (error != 0 ? std::strerror(error) : "the write failed") +
+                    "); writing the lines of " + log.label + " to stderr from now on\n");
+    put(stderr, text);
+    return false;
 }
 
 // "2025-03-14T09:26:53.589793Z": the civil date from the day count is computed here rather than
@@ -101,6 +131,18 @@ void append_utc_timestamp(std::string& line) {
     line += text;
 }
 
+std::string printable_label(const std::string& module_id, const std::string& second_id) {
+    std::string label;
+    kv::logger::append_escaped(label, module_id.data(), module_id.size(),
+                               kv::logger::escaping::controls);
+    if (!second_id.empty()) {
+        label += '/';
+        kv::logger::append_escaped(label, second_id.data(), second_id.size(),
+                                   kv::logger::escaping::controls);
+    }
+    return label;
+}
+
 std::shared_ptr<open_log> open(logger_state& s, const std::string& module_id,
                                const std::string& second_id, const char* config_file_name) {
     const kv::logger::settings_outcome outcome = kv::logger::load_settings(config_file_name);
@@ -110,23 +152,28 @@ std::shared_ptr<open_log> open(logger_state& s, const std::string& module_id,
     const kv::logger::log_settings& settings = outcome.settings;
 
     auto log = std::make_shared<open_log>();
-    log->label = second_id.empty() ? module_id : module_id + "/" + second_id;
+    log->label = printable_label(module_id, second_id);
     log->highest_level = settings.highest_level;
-    log->stream = settings.destination == destination_kind::standard_output ? stdout : stderr;
-    log->owns_stream = false;
     log->references = 1;
+    const bool to_stdout = settings.destination == destination_kind::standard_output;
+    log->stream = to_stdout ? stdout : stderr;
+    log->owns_stream = false;
+    log->destination = to_stdout ? "stdout" : "stderr";
+    log->origin = settings.origin;
     if (settings.destination == destination_kind::file) {
-        // Binary mode: the same bytes, "\n" line ends, on every platform.
-        std::FILE* file = std::fopen(settings.file_path.c_str(), "ab");
+        const std::string named =
+            "the log file \"" + kv::logger::printable(settings.file_path, kv::logger::path_bytes) +
+            "\"";
+        std::string reason;
+        std::FILE* file = kv::logger::open_for_append(settings.file_path, reason);
         if (file != nullptr) {
             log->stream = file;
             log->owns_stream = true;
+            log->destination = named;
         } else {
-            const int error = errno;
             kv::logger::log_settings fallback = settings;
             fallback.destination = destination_kind::standard_error;
-            warn(s, settings.origin + ": cannot open the log file \"" + settings.file_path +
-                        "\" (" + std::strerror(error) + "); writing " +
+            warn(s, settings.origin + ": cannot open " + named + " (" + reason + "); writing " +
                         kv::logger::describe(fallback));
         }
     }
@@ -173,7 +220,7 @@ KV_MODULE_EXPORT int32_t qor_log(void* log_handle, int32_t level, const char* fi
     }
     try {
         logger_state& s = state.get();
-        std::shared_ptr<const open_log> log;
+        std::shared_ptr<open_log> log;
         {
             std::lock_guard<std::mutex> guard(s.logs_lock);
             auto found = s.by_handle.find(log_handle);
@@ -190,24 +237,26 @@ KV_MODULE_EXPORT int32_t qor_log(void* log_handle, int32_t level, const char* fi
                (message[message_length - 1] == '\n' || message[message_length - 1] == '\r')) {
             --message_length;
         }
+        const std::size_t file_length = std::strlen(file);
+        const std::size_t function_length = std::strlen(function);
         std::string text;
-        text.reserve(96 + log->label.size() + std::strlen(file) + std::strlen(function) +
-                     message_length);
+        text.reserve(96 + log->label.size() + file_length + function_length + message_length);
         append_utc_timestamp(text);
         text += ' ';
         text += level_labels[level];
         text += ' ';
         text += log->label;
         text += ' ';
-        text += file;
+        // Control bytes are escaped so that a message is one line and cannot steer a terminal.
+        kv::logger::append_escaped(text, file, file_length, kv::logger::escaping::controls);
         text += ':';
         text += std::to_string(line);
         text += ' ';
-        text += function;
+        kv::logger::append_escaped(text, function, function_length, kv::logger::escaping::controls);
         text += ": ";
-        text.append(message, message_length);
+        kv::logger::append_escaped(text, message, message_length, kv::logger::escaping::controls);
         text += '\n';
-        return write_whole(s, log->stream, text) ? QOR_LOG_SUCCESS : QOR_LOG_WRITE_FAILED;
+        return write_line(s, *log, text) ? QOR_LOG_SUCCESS : QOR_LOG_WRITE_FAILED;
     } catch (...) {
         return QOR_LOG_WRITE_FAILED;  // out of memory for the line
     }

@@ -1,19 +1,12 @@
-// Finding and reading the configuration file. Any problem in it discards the whole file: a log
-// that half follows a file its user got wrong is harder to notice than one warning and defaults.
+// The configuration file's parser and the message texts built from it. Any problem in the file
+// discards it whole: a log that half follows a file its user got wrong is harder to notice than one
+// warning and defaults. Nothing here touches a file, so any text can be fed to it.
 #include "modules/logger/log_settings.h"
-
-#include <cctype>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <vector>
 
 namespace kv {
 namespace logger {
 
 namespace {
-
-constexpr const char* default_config_name = "kelvane_qor_logger.cfg";
 
 struct level_name {
     int32_t level;
@@ -24,9 +17,12 @@ constexpr level_name level_names[] = {{0, {"emergency", "emerg"}},    {1, {"aler
                                       {4, {"warning", "warn"}},       {5, {"notice", nullptr}},
                                       {6, {"info", "informational"}}, {7, {"debug", nullptr}}};
 
+// ASCII only: the host's locale must not change what a key or a level name means.
 std::string lower(std::string text) {
     for (char& c : text) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
     }
     return text;
 }
@@ -39,15 +35,13 @@ std::string trim(const std::string& text) {
     return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
-bool is_absolute(const std::string& path) {
-    return (!path.empty() && (path[0] == '/' || path[0] == '\\')) ||
-           (path.size() > 2 && std::isalpha(static_cast<unsigned char>(path[0])) &&
-            path[1] == ':' && (path[2] == '/' || path[2] == '\\'));
-}
-
 std::string directory_of(const std::string& path) {
     const std::size_t separator = path.find_last_of("/\\");
     return separator == std::string::npos ? std::string() : path.substr(0, separator + 1);
+}
+
+std::string quoted(const std::string& text) {
+    return "\"" + printable(text, excerpt_bytes) + "\"";
 }
 
 // A number from 0 to 7 or a level name, in any case.
@@ -68,19 +62,14 @@ bool parse_level(const std::string& value, int32_t& level) {
     return false;
 }
 
-struct parse_failure {
-    int line = 0;
-    std::string problem;
-};
-
-// Reads "key = value" lines; blank lines and lines starting with '#' are skipped. Relative file
-// destinations are taken from the configuration file's own folder.
-bool parse(const std::string& text, const std::string& config_path, log_settings& settings,
-           parse_failure& failure) {
-    int level_line = 0;
-    int destination_line = 0;
+// Reads "key = value" lines into `settings`; blank lines and lines starting with '#' are skipped.
+// Returns the problem of the first bad line, with `line_number` set to it, or "" if there is none.
+std::string parse(const std::string& file_name, const std::string& text, log_settings& settings,
+                  std::size_t& line_number) {
+    std::size_t level_line = 0;
+    std::size_t destination_line = 0;
     std::size_t start = 0;
-    for (int number = 1; start < text.size(); ++number) {
+    for (std::size_t number = 1; start < text.size(); ++number) {
         std::size_t end = text.find('\n', start);
         if (end == std::string::npos) {
             end = text.size();
@@ -97,74 +86,95 @@ bool parse(const std::string& text, const std::string& config_path, log_settings
         if (line.empty() || line[0] == '#') {
             continue;
         }
-        failure.line = number;
+        line_number = number;
         const std::size_t equals = line.find('=');
         const std::string key =
             equals == std::string::npos ? "" : lower(trim(line.substr(0, equals)));
         const std::string value = equals == std::string::npos ? "" : trim(line.substr(equals + 1));
         if (key.empty()) {
-            failure.problem = "expected \"key = value\", found \"" + line + "\"";
-            return false;
+            return "expected \"key = value\", found " + quoted(line);
         }
-        int* seen_on = key == "level"         ? &level_line
-                       : key == "destination" ? &destination_line
-                                              : nullptr;
+        std::size_t* seen_on = key == "level"         ? &level_line
+                               : key == "destination" ? &destination_line
+                                                      : nullptr;
         if (seen_on == nullptr) {
-            failure.problem = "unknown key \"" + key + "\" (the keys are level and destination)";
-            return false;
+            return "unknown key " + quoted(key) + " (the keys are level and destination)";
         }
         if (*seen_on != 0) {
-            failure.problem =
-                "\"" + key + "\" is set again (first on line " + std::to_string(*seen_on) + ")";
-            return false;
+            return "\"" + key + "\" is set again (first on line " + std::to_string(*seen_on) + ")";
         }
         *seen_on = number;
         if (value.empty()) {
-            failure.problem = "\"" + key + "\" has no value";
-            return false;
+            return "\"" + key + "\" has no value";
         }
         if (key == "level") {
             if (!parse_level(value, settings.highest_level)) {
-                failure.problem =
-                    "bad level \"" + value + "\" (give 0 to 7, or a name from emergency to debug)";
-                return false;
+                return "bad level " + quoted(value) +
+                       " (give 0 to 7, or a name from emergency to debug)";
             }
-        } else if (lower(value) == "stderr") {
+            continue;
+        }
+        settings.origin = printable(file_name, path_bytes) + ":" + std::to_string(number);
+        if (lower(value) == "stderr") {
             settings.destination = destination_kind::standard_error;
         } else if (lower(value) == "stdout") {
             settings.destination = destination_kind::standard_output;
         } else {
             settings.destination = destination_kind::file;
-            settings.file_path = is_absolute(value) ? value : directory_of(config_path) + value;
-            settings.origin = config_path + ":" + std::to_string(number);
+            settings.file_path = is_absolute_path(value) ? value : directory_of(file_name) + value;
         }
     }
-    return true;
-}
-
-enum class read_result { done, missing, failed };
-
-read_result read_file(const std::string& path, std::string& text, std::string& error) {
-    std::FILE* file = std::fopen(path.c_str(), "rb");
-    if (file == nullptr) {
-        if (errno == ENOENT || errno == ENOTDIR) {
-            return read_result::missing;
-        }
-        error = std::strerror(errno);
-        return read_result::failed;
-    }
-    char buffer[4096];
-    std::size_t count = 0;
-    while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
-        text.append(buffer, count);
-    }
-    const bool failed = std::ferror(file) != 0;
-    error = failed ? std::strerror(errno) : "";
-    std::fclose(file);
-    return failed ? read_result::failed : read_result::done;
+    return {};
 }
 
 }  // namespace
+
+bool is_absolute_path(const std::string& path) {
+    return (!path.empty() && (path[0] == '/' || path[0] == '\\')) ||
+           (path.size() > 2 &&
+            ((path[0] >= 'a' && path[0] <= 'z') || (path[0] >= 'A' && path[0] <= 'Z')) &&
+            path[1] == ':' && (path[2] == '/' || path[2] == '\\'));
+}
+
+void append_escaped(std::string& out, const char* data, std::size_t size, escaping which) {
+    static constexpr char hex[] = "0123456789ABCDEF";
+    for (std::size_t i = 0; i < size; ++i) {
+        const auto byte = static_cast<unsigned char>(data[i]);
+        const bool control = (byte < 0x20 && byte != '\t') || byte == 0x7F;
+        const bool escaped = which == escaping::controls ? control : byte < 0x20 || byte >= 0x7F;
+        if (escaped) {
+            const char code[] = {'\\', 'x', hex[byte >> 4], hex[byte & 15]};
+            out.append(code, sizeof code);
+        } else {
+            out += static_cast<char>(byte);
+        }
+    }
+}
+
+std::string printable(const std::string& text, std::size_t limit) {
+    std::string out;
+    append_escaped(out, text.data(), text.size() < limit ? text.size() : limit,
+                   escaping::all_but_printable_ascii);
+    if (text.size() > limit) {
+        out += "...";
+    }
+    return out;
+}
+
+settings_outcome parse_settings(const std::string& file_name, const std::string& text) {
+    settings_outcome outcome;
+    std::size_t line_number = 0;
+    const std::string problem = parse(file_name, text, outcome.settings, line_number);
+    return problem.empty() ? outcome : refused_file(file_name, line_number, problem);
+}
+
+settings_outcome refused_file(const std::string& file_name, std::size_t line,
+                              const std::string& problem) {
+    const std::string place =
+        printable(file_name, path_bytes) + (line != 0 ? ":" + std::to_string(line) : "");
+    return {log_settings{},
+            place + ": " + problem + "; using the defaults (" + describe(log_settings{}) + ")"};
+}
 
 std::string describe(const log_settings& settings) {
     std::string text = "levels 0 to " + std::to_string(settings.highest_level) + " to ";
@@ -176,41 +186,7 @@ std::string describe(const log_settings& settings) {
         case destination_kind::file:
             break;
     }
-    return text + "\"" + settings.file_path + "\"";
-}
-
-settings_outcome load_settings(const char* config_file_name) {
-    const std::string name = config_file_name != nullptr && *config_file_name != '\0'
-                                 ? config_file_name
-                                 : default_config_name;
-    std::vector<std::string> candidates = {name};
-    const std::string beside_module = module_directory();
-    if (!is_absolute(name) && !beside_module.empty()) {
-        candidates.push_back(beside_module + name);
-    }
-
-    const log_settings defaults;
-    const std::string fallback = "; using the defaults (" + describe(defaults) + ")";
-    for (const std::string& path : candidates) {
-        std::string text;
-        std::string error;
-        switch (read_file(path, text, error)) {
-            case read_result::missing:
-                continue;
-            case read_result::failed:
-                return {defaults, path + ": cannot read it (" + error + ")" + fallback};
-            case read_result::done:
-                break;
-        }
-        log_settings settings;
-        parse_failure failure;
-        if (!parse(text, path, settings, failure)) {
-            return {defaults,
-                    path + ":" + std::to_string(failure.line) + ": " + failure.problem + fallback};
-        }
-        return {settings, {}};
-    }
-    return {defaults, {}};
+    return text + "\"" + printable(settings.file_path, path_bytes) + "\"";
 }
 
 }  // namespace logger

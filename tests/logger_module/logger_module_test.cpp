@@ -4,11 +4,14 @@
 
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <random>
@@ -19,8 +22,13 @@
 #include <vector>
 
 #include "modules/logger/kelvane_qor_logger.h"
+#include "modules/logger/log_settings.h"
 #include "services/module_abi.h"
 #include "tests/module_support/loaded_module.h"
+
+#if !defined(_WIN32)
+#include <sys/stat.h>  // mkfifo
+#endif
 
 namespace fs = std::filesystem;
 
@@ -138,14 +146,21 @@ struct logger_functions {
     kv::abi::qor_free_log_fn free = &qor_free_log;
 };
 
-// Opens a log, writes "message N" at every level N from 0 to 7, and closes it.
-void log_every_level(const logger_functions& f, const char* config = config_name) {
+// Opens a log, writes "message N" at every level N from 0 to 7, and closes it. Each call must
+// succeed, unless `results` is given to collect what they returned.
+void log_every_level(const logger_functions& f, const char* config = config_name,
+                     std::vector<int32_t>* results = nullptr) {
     void* handle = f.get("TEST_MODULE", "", config);
     ASSERT_NE(handle, nullptr);
     for (int32_t level = 0; level <= 7; ++level) {
         const std::string message = "message " + std::to_string(level);
-        EXPECT_EQ(f.log(handle, level, "test.cpp", 10 + level, "log_every_level", message.c_str()),
-                  QOR_LOG_SUCCESS);
+        const int32_t result =
+            f.log(handle, level, "test.cpp", 10 + level, "log_every_level", message.c_str());
+        if (results != nullptr) {
+            results->push_back(result);
+        } else {
+            EXPECT_EQ(result, QOR_LOG_SUCCESS);
+        }
     }
     EXPECT_EQ(f.free("TEST_MODULE", ""), QOR_LOG_SUCCESS);
 }
@@ -274,33 +289,122 @@ INSTANTIATE_TEST_SUITE_P(
         config_case{"NoValue", "level = 5\ndestination =\n", 3, "stderr",
                     ":2: \"destination\" has no value"},
         config_case{"NoKey", "= stdout\n", 3, "stderr",
-                    ":1: expected \"key = value\", found \"= stdout\""}));
+                    ":1: expected \"key = value\", found \"= stdout\""},
+        config_case{"ControlBytesAreEscaped", "level = \x1B]0;title\x07\n", 3, "stderr",
+                    ":1: bad level \"\\x1B]0;title\\x07\" (give 0 to 7, or a name from "
+                    "emergency to debug)"},
+        config_case{"NonAsciiIsEscaped", "d\xC3\xA9tail = 1", 3, "stderr",
+                    ":1: unknown key \"d\\xC3\\xA9tail\" (the keys are level and destination)"},
+        config_case{"LongLineIsCut",
+                    "level 7 <--------------------- sixty ----------------------> cut here", 3,
+                    "stderr",
+                    ":1: expected \"key = value\", found \"level 7 <--------------------- sixty "
+                    "---------------------->...\""}));
 
-TEST_F(LoggerTest, UnopenableFileFallsBackToStderrKeepingTheLevel) {
-    write_text(config_name, "level = 5\ndestination = no_such_folder/out.log\n");
-    const output o = capture([] { log_every_level(logger_functions{}); });
-    std::vector<std::string> other_err;
-    EXPECT_EQ(levels_in(o.err, &other_err), levels_up_to(5));
-    ASSERT_EQ(other_err.size(), 1u) << o.err;
-    const std::string expected_start =
-        warning_start + config_name + ":2: cannot open the log file \"no_such_folder/out.log\" (";
-    EXPECT_EQ(other_err[0].compare(0, expected_start.size(), expected_start), 0) << other_err[0];
-    const std::string expected_end = "); writing levels 0 to 5 to stderr";
-    EXPECT_TRUE(other_err[0].size() > expected_end.size() &&
-                other_err[0].compare(other_err[0].size() - expected_end.size(), expected_end.size(),
-                                     expected_end) == 0)
-        << other_err[0];
+// Configuration files that are there but must not be used: each gives the defaults and one
+// warning at once, whatever it is (a FIFO must not hold up the start, a device must not be read).
+TEST_F(LoggerTest, ConfigurationOtherThanASmallRegularFileIsRefusedAtOnce) {
+    struct planted {
+        const char* name;
+        const char* config;           // the name the log is opened with
+        std::function<void()> plant;  // makes it, or a link to what is tried
+        const char* warning;          // after the file name; NULL: the file is used
+    };
+    const std::string bound_text = "level = 7\n" + std::string(65536 - 11, '#') + "\n";
+    const planted cases[] = {
+        {"Directory", config_name, [] { fs::create_directory(config_name); },
+         ": ignored, it is a directory and not a regular file"},
+        {"ExactlyAtTheBound", config_name, [&] { write_text(config_name, bound_text); }, nullptr},
+        {"OneBytePastTheBound", config_name, [&] { write_text(config_name, bound_text + "#"); },
+         ": ignored, it is larger than 64 KiB"},
+#if defined(_WIN32)
+        {"Device", "NUL", [] {}, ": ignored, it is a device and not a regular file"},
+#else
+        {"Fifo", config_name, [] { ASSERT_EQ(mkfifo(config_name, 0600), 0); },
+         ": ignored, it is a FIFO and not a regular file"},
+        {"LinkToAnEndlessDevice", config_name, [] { fs::create_symlink("/dev/zero", config_name); },
+         ": ignored, it is a device and not a regular file"},
+        {"LinkToARegularFile", config_name,
+         [&] {
+             write_text("elsewhere.cfg", "level = 7");
+             fs::create_symlink("elsewhere.cfg", config_name);
+         },
+         nullptr},
+#endif
+    };
+    for (const planted& c : cases) {
+        SCOPED_TRACE(c.name);
+        fs::remove_all(config_name);
+        c.plant();
+        const output o = capture([&] { log_every_level(logger_functions{}, c.config); });
+        std::vector<std::string> other_err;
+        EXPECT_EQ(levels_in(o.err, &other_err), levels_up_to(c.warning ? 3 : 7));
+        if (c.warning == nullptr) {
+            EXPECT_TRUE(other_err.empty()) << o.err;
+        } else {
+            ASSERT_EQ(other_err.size(), 1u) << o.err;
+            EXPECT_EQ(other_err[0], warning_start + c.config + c.warning + defaults_note);
+        }
+    }
 }
 
-TEST_F(LoggerTest, UnreadableConfigurationGivesDefaults) {
-    fs::create_directory(config_name);  // a folder where the file should be
-    write_text(directory_ / "elsewhere.cfg", "level = 7");
-    const output o = capture([] { log_every_level(logger_functions{}); });
-    std::vector<std::string> other_err;
-    EXPECT_EQ(levels_in(o.err, &other_err), levels_up_to(3));
-    ASSERT_EQ(other_err.size(), 1u) << o.err;
-    EXPECT_EQ(other_err[0].rfind(warning_start + config_name + ": cannot read it (", 0), 0u)
-        << other_err[0];
+// Parsing alone, as a fuzzer drives it: no text is echoed beyond its excerpt, however long.
+TEST(LoggerSettings, AHugeValueIsQuotedAsAShortExcerpt) {
+    const kv::logger::settings_outcome outcome =
+        kv::logger::parse_settings("dir/x.cfg", "level = " + std::string(20 << 20, 'x'));
+    EXPECT_EQ(outcome.warning, "dir/x.cfg:1: bad level \"" + std::string(60, 'x') +
+                                   "...\" (give 0 to 7, or a name from emergency to debug)" +
+                                   defaults_note);
+    const kv::logger::settings_outcome good =
+        kv::logger::parse_settings("dir/x.cfg", "destination = out.log");
+    EXPECT_EQ(good.warning, "");
+    EXPECT_EQ(good.settings.file_path, "dir/out.log");
+}
+
+// A destination that cannot be opened, or that stops taking lines, hands over to stderr with one
+// warning; the line it refused is reported failed but still reaches stderr, and none is lost.
+TEST_F(LoggerTest, UnwritableDestinationFallsBackToStderrLosingNoLine) {
+    struct unwritable {
+        const char* name;
+        const char* destination;
+        std::function<void()> plant;
+        const char* reason;  // NULL: refused when opened; else when written, for this reason
+    };
+    const unwritable cases[] = {
+        {"MissingFolder", "no_such_folder/out.log", [] {}, nullptr},
+        {"Directory", "folder", [] { fs::create_directory("folder"); }, nullptr},
+#if !defined(_WIN32)
+        {"FifoWithoutReader", "pipe", [] { ASSERT_EQ(mkfifo("pipe", 0600), 0); }, nullptr},
+        {"FullDisk", "/dev/full", [] {}, std::strerror(ENOSPC)},
+#endif
+    };
+    for (const unwritable& c : cases) {
+        SCOPED_TRACE(c.name);
+        c.plant();
+        write_text(config_name, std::string("level = 5\ndestination = ") + c.destination);
+        std::vector<int32_t> results;
+        const output o =
+            capture([&] { log_every_level(logger_functions{}, config_name, &results); });
+        std::vector<std::string> other_err;
+        EXPECT_EQ(levels_in(o.err, &other_err), levels_up_to(5));
+        std::vector<int32_t> expected(8, QOR_LOG_SUCCESS);
+        if (c.reason != nullptr) {
+            expected[0] = QOR_LOG_WRITE_FAILED;  // the line the destination refused
+        }
+        EXPECT_EQ(results, expected);
+        ASSERT_EQ(other_err.size(), 1u) << o.err;
+        const std::string start = warning_start + config_name + ":2: ";
+        const std::string expected_text =
+            c.reason == nullptr
+                ? start + "cannot open the log file \"" + c.destination + "\" ("
+                : start + "cannot write to the log file \"" + c.destination + "\" (" + c.reason +
+                      "); writing the lines of TEST_MODULE to stderr from now on";
+        const std::string end = c.reason == nullptr ? "); writing levels 0 to 5 to stderr" : "";
+        EXPECT_EQ(other_err[0].rfind(expected_text, 0), 0u) << other_err[0];
+        EXPECT_TRUE(other_err[0].size() >= end.size() &&
+                    other_err[0].compare(other_err[0].size() - end.size(), end.size(), end) == 0)
+            << other_err[0];
+    }
 }
 
 TEST_F(LoggerTest, FileDestinationAppendsToWhatIsThere) {
@@ -440,6 +544,11 @@ TEST_F(LoggerTest, LineCarriesTimestampLevelIdsPlaceFunctionAndMessage) {
         {plain, 1, "d", 1, "i", "x", "ALERT KELVANE_QOR_COLOR_PROCESSING d:1 i: x"},
         {plain, 3, "d", 1, "i", "x", "ERROR KELVANE_QOR_COLOR_PROCESSING d:1 i: x"},
         {plain, 6, "d", 1, "i", "x", "INFO KELVANE_QOR_COLOR_PROCESSING d:1 i: x"},
+        {plain, 3, "e\x01", 4, "f\x7F",
+         "two\nlines\x1B[31m r\xC3\xA9"
+         "d\r\n",
+         "ERROR KELVANE_QOR_COLOR_PROCESSING e\\x01:4 f\\x7F: two\\x0Alines\\x1B[31m r\xC3\xA9"
+         "d"},
     };
     for (const message_case& c : cases) {
         EXPECT_EQ(qor_log(c.handle, c.level, c.file, c.line, c.function, c.message), 0);
@@ -487,17 +596,6 @@ TEST_F(LoggerTest, BadArgumentsWriteNothing) {
     EXPECT_EQ(qor_free_log("M", ""), QOR_LOG_SUCCESS);
     EXPECT_EQ(read_text("out.log"), "");
 }
-
-#if defined(__linux__)
-TEST_F(LoggerTest, RefusedWriteIsReported) {
-    write_text(config_name, "destination = /dev/full");
-    void* log = qor_get_log("M", "", config_name);
-    ASSERT_NE(log, nullptr);
-    EXPECT_EQ(qor_log(log, 3, "f", 1, "g", "m"), QOR_LOG_WRITE_FAILED);
-    EXPECT_EQ(qor_log(log, 7, "f", 1, "g", "m"), QOR_LOG_SUCCESS);  // filtered: nothing to refuse
-    EXPECT_EQ(qor_free_log("M", ""), QOR_LOG_SUCCESS);
-}
-#endif
 
 TEST_F(LoggerTest, SameIdsShareOneReferenceCountedLog) {
     write_text(config_name, "level = 7\ndestination = out.log");

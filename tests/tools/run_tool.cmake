@@ -1,5 +1,6 @@
 # Runs the command after "--" and fails unless it exits with EXPECT_CODE and its combined output
-# matches the regular expression EXPECT.
+# matches the regular expression EXPECT. With STDOUT_FILE set, standard output goes to that file
+# (such as /dev/full) and only standard error is matched.
 set(command)
 set(collect OFF)
 math(EXPR last "${CMAKE_ARGC} - 1")
@@ -10,7 +11,13 @@ foreach(i RANGE ${last})
     set(collect ON)
   endif()
 endforeach()
-execute_process(COMMAND ${command} RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(DEFINED STDOUT_FILE)
+  set(out "")
+  execute_process(COMMAND ${command} RESULT_VARIABLE code OUTPUT_FILE "${STDOUT_FILE}"
+                  ERROR_VARIABLE err)
+else()
+  execute_process(COMMAND ${command} RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+endif()
 set(all "${out}${err}")
 string(REPLACE "\n" " " flat "${all}")
 if(NOT code STREQUAL "${EXPECT_CODE}")

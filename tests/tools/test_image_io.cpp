@@ -1,6 +1,7 @@
 // Image files: round trips through every writer at 8 and 16 bits, Netpbm maximum values other
 // than 255 and 65535, gray and alpha, TIFF, and the messages for broken files.
 #include <cmath>
+#include <iterator>
 #include <random>
 
 #include "image_io.h"
@@ -69,7 +70,10 @@ TEST(ImageFiles, RoundTripsWidenEightBitSamples) {
             differences += read.samples[i] != expected;
         }
         EXPECT_EQ(differences, 0u);
-        EXPECT_FALSE(std::filesystem::exists(path + ".kv-partial"));
+    }
+    // Every file was renamed into place: no temporary is left beside them.
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        EXPECT_EQ(entry.path().stem().string(), "picture") << entry.path();
     }
 }
 
@@ -136,29 +140,102 @@ TEST(ImageFiles, SixteenBitRgbTiffIsRead) {
 struct broken_case {
     const char* name;
     std::string bytes;
-    const char* message;
+    std::string message;
 };
 
+// A little-endian RGB TIFF of 2x2 8-bit pixels in one uncompressed strip at `offset`.
+std::string strip_tiff(uint32_t offset, const std::string& data) {
+    const uint32_t entries[][3] = {{256, 4, 2}, {257, 4, 2}, {258, 3, 8},
+                                   {259, 3, 1}, {262, 3, 2}, {273, 4, offset},
+                                   {277, 3, 3}, {278, 4, 2}, {279, 4, 12}};
+    std::string out("II*\0\x08\0\0\0\x09\0", 10);
+    auto put = [&out](uint32_t value, int bytes) {
+        for (int i = 0; i < bytes; ++i) out += char(value >> (8 * i));
+    };
+    for (const auto& e : entries) {
+        put(e[0], 2);
+        put(e[1], 2);
+        put(1, 4);
+        put(e[2], 4);
+    }
+    put(0, 4);
+    return out + data;
+}
+
+// A PNG header claiming `width`x`height` RGB pixels, with almost no image data after it.
+std::string png_claiming(uint32_t width, uint32_t height) {
+    const image tiny = random_image(1, 1, 3, 8, 3);
+    const std::string path = (scratch_dir() / "tiny.png").string();
+    kv_tool::write_image(path, file_type::png, tiny);
+    std::ifstream in(path, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    auto put = [&bytes](size_t at, uint32_t value) {
+        for (int i = 0; i < 4; ++i) bytes[at + i] = char(value >> (24 - 8 * i));
+    };
+    put(16, width);
+    put(20, height);
+    uint32_t crc = 0xFFFFFFFFu;  // over the chunk type and data, bytes 12 to 28
+    for (size_t i = 12; i < 29; ++i) {
+        crc ^= static_cast<unsigned char>(bytes[i]);
+        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+    }
+    put(29, ~crc);
+    return bytes;
+}
+
+// A PNG of random pixels.
+std::string random_png() {
+    const std::string path = (scratch_dir() / "whole.png").string();
+    kv_tool::write_image(path, file_type::png, random_image(64, 64, 3, 8, 4));
+    std::ifstream in(path, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return bytes;
+}
+
 TEST(ImageFiles, BrokenFilesNameTheFileAndTheFault) {
-    const broken_case cases[] = {
+    std::vector<broken_case> cases = {
         {"empty.ppm", ""s, "empty file"},
         {"text.txt", "hello"s, "not a PNG, PPM, PGM, PAM or TIFF image"},
         {"ascii.ppm", "P3\n1 1\n255\n0 0 0\n"s, "plain-text and bitmap Netpbm files"},
-        {"short.ppm", "P6\n2 2\n255\n\x01\x02\x03"s, "truncated: 12 bytes of samples expected, 3"},
+        {"short.ppm", "P6\n2 2\n255\n\x01\x02\x03"s,
+         "truncated: its 2x2 pixels need 12 bytes of samples after the header, the file has 3"},
         {"nodims.ppm", "P6\n\n"s, "header: expected the width"},
         {"maxval0.pgm", "P5\n1 1\n0\n\x00"s, "maximum value 0 is not 1 to 65535"},
         {"maxval.pgm", "P5\n1 1\n70000\n\x00\x00"s, "maximum value 70000 is not 1 to 65535"},
         {"over.pgm", "P5\n2 1\n100\n\x05\x65"s,
-         "sample 101 at element 1 exceeds the maximum value"},
+         "sample 101 at element 1 exceeds the maximum value 100 (row 0, column 1) (at byte offset "
+         "12)"},
         {"zero.pgm", "P5\n0 1\n255\n"s, "image has no pixels"},
         {"huge.pgm", "P5\n65536 65536\n255\n"s, "more than one frame can hold"},
         {"depth.pam", "P7\nWIDTH 1\nHEIGHT 1\nDEPTH 5\nMAXVAL 255\nENDHDR\n\x01\x02\x03\x04\x05"s,
          "PAM DEPTH 5 is not gray"},
         {"endless.pam", "P7\nWIDTH 1\nHEIGHT 1\n"s, "PAM header has no ENDHDR"},
-        {"keyword.pam", "P7\nWIDE 1\nENDHDR\n"s, "PAM header: unknown keyword 'WIDE'"},
+        {"keyword.pam", "P7\nWIDE 1\nENDHDR\n"s,
+         "PAM header: unknown keyword 'WIDE' (at byte offset 3)"},
+        {"title.pam", "P7\nWIDTH 1\n\x1b]0;owned\x07 1\nENDHDR\n"s,
+         "unknown keyword '\\x1B]0;owned\\x07' (at byte offset 11)"},
         {"bad.png", "\x89PNG\r\n\x1a\nnot really"s, "PNG"},
         {"bad.tif", "II*\0garbage"s, "TIFF"},
     };
+    if (kv_tool::png_supported()) {
+        cases.push_back({"claims.png", png_claiming(40000, 40000),
+                         "PNG: its header claims 40000x40000 pixels, which need at least 4651201 "
+                         "bytes of compressed data, but the file has"});
+        const std::string png = random_png();
+        cases.push_back({"cut.png", png.substr(0, 3000),
+                         "PNG: the file ends before its image data is complete (at byte offset "
+                         "3000)"});
+        cases.push_back({"header.png", png.substr(0, 20), "PNG: the file ends before its image"});
+        cases.push_back({"noend.png", png.substr(0, png.size() - 12),
+                         "PNG: the file ends after the image data, before its end chunk (IEND)"});
+    }
+    if (kv_tool::tiff_supported()) {
+        cases.push_back({"far.tif", strip_tiff(0xFFFFFF00, ""),
+                         "TIFF: strip 0 (rows 0 to 1) lies past the end of the file: it claims "
+                         "bytes 4294967040 to 4294967052 of a 122-byte file"});
+        cases.push_back({"short.tif", strip_tiff(122, "\x01\x02\x03"),
+                         "claims bytes 122 to 134 of a 125-byte file"});
+    }
     const auto dir = scratch_dir();
     for (const broken_case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -167,6 +244,7 @@ TEST(ImageFiles, BrokenFilesNameTheFileAndTheFault) {
         EXPECT_EQ(e.code(), kv_tool::EXIT_FILE);
         EXPECT_EQ(std::string(e.what()).rfind(path + ": ", 0), 0u) << e.what();
         EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
+        for (char ch : std::string(e.what())) ASSERT_GE(static_cast<unsigned char>(ch), 0x20);
     }
     const kv_tool::tool_error missing =
         error_of([&] { kv_tool::read_image((dir / "missing.png").string()); });

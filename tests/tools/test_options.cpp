@@ -1,6 +1,7 @@
 // The command line: what each option turns into, the message of every kind of mistake, and the
 // defaults that depend on several options.
 #include <functional>
+#include <sstream>
 
 #include "tool_test_support.h"
 
@@ -183,6 +184,30 @@ TEST(Options, PlanFillsClampAndShiftDefaults) {
         EXPECT_EQ(plan.input_LUT_bits, 0);
     }
     EXPECT_EQ(kv_tool::plan_pipeline(parse({"--input-lut", "g=srgb"})).input_LUT_bits, 16);
+}
+
+TEST(Options, HelpListsWhatTheParserTakes) {
+    // Each option line of --help names options the parser knows ("-o, --output FILE").
+    std::istringstream help(kv_tool::usage_text());
+    std::string line;
+    size_t listed = 0;
+    while (std::getline(help, line)) {
+        if (line.rfind("  -", 0) != 0) continue;
+        std::istringstream names(line);
+        std::string name;
+        while (names >> name && name[0] == '-') {
+            if (name.back() == ',') name.pop_back();
+            SCOPED_TRACE(name);
+            try {
+                parse({name});
+            } catch (const kv_tool::tool_error& e) {
+                EXPECT_NE(std::string(e.what()),
+                          "unknown option '" + name + "' (see kelvane-color --help)");
+            }
+            ++listed;
+        }
+    }
+    EXPECT_EQ(listed, 24u);
 }
 
 }  // namespace

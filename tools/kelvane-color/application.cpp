@@ -10,6 +10,7 @@
 
 #include "bench.h"
 #include "chart.h"
+#include "file_access.h"
 #include "processing.h"
 #include "system_probe.h"
 #include "tool_error.h"
@@ -44,7 +45,8 @@ int run_info(const settings& s) {
     const system_report system = probe_system();
     std::printf("kelvane-color %s\n", KV_TOOL_VERSION);
     const std::string library = library_path();
-    std::printf("library:   %s\n", library.empty() ? "(location unknown)" : library.c_str());
+    std::printf("library:   %s\n",
+                library.empty() ? "(location unknown)" : printable(library).c_str());
     const cpu_report& cpu = system.cpu;
     std::printf("processor: avx512 %s, avx2 %s, sse %s; tier %s (%d)\n", cpu.avx512 ? "yes" : "no",
                 cpu.avx2 ? "yes" : "no", cpu.sse ? "yes" : "no", tier_name(cpu.tier).c_str(),
@@ -56,7 +58,7 @@ int run_info(const settings& s) {
         std::string where = m->path.empty() ? m->detail : m->path;
         if (!m->path.empty() && !m->detail.empty()) where = m->detail + ", " + m->path;
         std::printf("  %-46s %-10s %s\n", m->file_name.c_str(), module_state_name(m->state),
-                    where.c_str());
+                    printable(where).c_str());
     }
     const int32_t tier = s.tier.value_or(cpu.tier);
     std::printf("frames at tier %s: %s\n", tier_text(s, system).c_str(),
@@ -74,6 +76,17 @@ int run_info(const settings& s) {
     return EXIT_OK;
 }
 
+// The input image, or the chart for "".
+image read_source(const std::string& input, const settings& s) {
+    if (!input.empty()) return read_image(input);
+    try {
+        return make_chart(s.chart_width, s.chart_height);
+    } catch (const std::bad_alloc&) {
+        throw file_error("chart", "not enough memory for its " + std::to_string(s.chart_width) +
+                                      "x" + std::to_string(s.chart_height) + " pixels");
+    }
+}
+
 struct job {
     std::string input;  // "" for the chart
     std::string name;   // for messages
@@ -86,7 +99,7 @@ class progress_line {
     void show(size_t index, const std::string& name) {
         if (!shown_) return;
         std::fprintf(stderr, terminal_ ? "\r[%zu/%zu] %s\x1b[K" : "[%zu/%zu] %s\n", index + 1,
-                     total_, name.c_str());
+                     total_, printable(name).c_str());
         std::fflush(stderr);
     }
     // Before any other message, so it does not run into the progress line.
@@ -140,8 +153,7 @@ int run_process(const settings& s) {
         const job& j = jobs[i];
         progress.show(i, j.name);
         try {
-            const image picture =
-                j.input.empty() ? make_chart(s.chart_width, s.chart_height) : read_image(j.input);
+            const image picture = read_source(j.input, s);
             const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
             const size_t out_size = output_bytes(s, picture.pixel_count());
             std::vector<uint16_t> output((out_size + 1) / 2);
@@ -178,8 +190,8 @@ int run_process(const settings& s) {
             total_seconds += seconds;
             if (!batch && !s.quiet) {
                 std::printf(
-                    "kelvane-color: %s %dx%d%s%s%s\n", j.name.c_str(), picture.width,
-                    picture.height, target.empty() ? "" : " -> ", target.c_str(),
+                    "kelvane-color: %s %dx%d%s%s%s\n", printable(j.name).c_str(), picture.width,
+                    picture.height, target.empty() ? "" : " -> ", printable(target).c_str(),
                     target.empty()
                         ? ""
                         : (" (" + format_text(s, type == file_type::raw, type) + ")").c_str());
@@ -187,6 +199,16 @@ int run_process(const settings& s) {
                             tier_text(s, system).c_str(), backend_text(backend).c_str(),
                             pixels / 1e6, seconds * 1e3, seconds > 0 ? pixels / seconds / 1e6 : 0);
             }
+        } catch (const std::bad_alloc&) {
+            // The image was read (its reader reports its own shortage), so the buffers of the
+            // transform or of the output image are what did not fit.
+            const tool_error e = file_error(j.name,
+                                            "not enough memory for the buffers that "
+                                            "process it");
+            if (!batch) throw e;
+            progress.interrupt();
+            std::fprintf(stderr, "kelvane-color: %s\n", e.what());
+            result = EXIT_FILE;
         } catch (const tool_error& e) {
             // One unreadable or unwritable file does not stop a batch; anything else does.
             if (!batch || e.code() != EXIT_FILE) throw;
@@ -208,8 +230,7 @@ int run_bench_mode(const settings& s) {
     library_session session;
     const system_report system = probe_system();
     const std::string source = s.inputs.empty() ? "chart" : s.inputs[0];
-    const image picture =
-        s.inputs.empty() ? make_chart(s.chart_width, s.chart_height) : read_image(s.inputs[0]);
+    const image picture = read_source(s.inputs.empty() ? std::string() : s.inputs[0], s);
     const bench_result result = run_bench(s, system, picture, source);
     if (s.json != "-" && !s.quiet) std::fputs(bench_table(result, s).c_str(), stdout);
     if (!s.json.empty()) {
@@ -232,34 +253,47 @@ int run_bench_mode(const settings& s) {
     return EXIT_OK;
 }
 
+int run_selected(const settings& s) {
+    switch (s.mode) {
+        case run_mode::help:
+            std::fputs(usage_text(), stdout);
+            return EXIT_OK;
+        case run_mode::version:
+            std::printf("kelvane-color %s\n", KV_TOOL_VERSION);
+            return EXIT_OK;
+        case run_mode::info:
+            return run_info(s);
+        case run_mode::bench:
+            return run_bench_mode(s);
+        case run_mode::process:
+            return run_process(s);
+    }
+    return EXIT_OK;
+}
+
 }  // namespace
 
 int run_kelvane_color(const std::vector<std::string>& arguments) {
+    int code = EXIT_OK;
     try {
-        const settings s = parse_command_line(arguments);
-        switch (s.mode) {
-            case run_mode::help:
-                std::fputs(usage_text(), stdout);
-                return EXIT_OK;
-            case run_mode::version:
-                std::printf("kelvane-color %s\n", KV_TOOL_VERSION);
-                return 0;
-            case run_mode::info:
-                return run_info(s);
-            case run_mode::bench:
-                return run_bench_mode(s);
-            case run_mode::process:
-                return run_process(s);
-        }
+        code = run_selected(parse_command_line(arguments));
     } catch (const tool_error& e) {
         std::fflush(stdout);
         std::fprintf(stderr, "kelvane-color: %s\n", e.what());
-        return e.code();
+        code = e.code();
     } catch (const std::bad_alloc&) {
-        std::fprintf(stderr, "kelvane-color: out of memory\n");
-        return EXIT_FILE;
+        std::fflush(stdout);
+        std::fprintf(stderr, "kelvane-color: not enough memory\n");
+        code = EXIT_FILE;
     }
-    return EXIT_OK;
+    // A full disk or a closed pipe on standard output is a failure like any other write's.
+    try {
+        finish_standard_output();
+    } catch (const tool_error& e) {
+        std::fprintf(stderr, "kelvane-color: %s\n", e.what());
+        if (code == EXIT_OK) code = e.code();
+    }
+    return code;
 }
 
 }  // namespace kv_tool

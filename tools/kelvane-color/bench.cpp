@@ -8,6 +8,7 @@
 #include <functional>
 
 #include "processing.h"
+#include "tool_error.h"
 
 namespace kv_tool {
 namespace {
@@ -45,7 +46,7 @@ std::string json_text(const std::string& text) {
         if (c == '"' || c == '\\') {
             out += '\\';
             out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
+        } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
             char escaped[8];
             std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
             out += escaped;
@@ -114,11 +115,11 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
 }
 
 std::string bench_table(const bench_result& r, const settings& s) {
-    std::string out = "kelvane-color bench: " + r.source + " " + std::to_string(r.width) + "x" +
-                      std::to_string(r.height) + ", 48 to " + std::to_string(s.bits * s.channels) +
-                      " bits, " + layout_name(s.input_layout) + " to " +
-                      layout_name(s.output_layout) + "; detected tier " +
-                      tier_name(r.detected_tier) + "\n";
+    std::string out = "kelvane-color bench: " + printable(r.source) + " " +
+                      std::to_string(r.width) + "x" + std::to_string(r.height) + ", 48 to " +
+                      std::to_string(s.bits * s.channels) + " bits, " +
+                      layout_name(s.input_layout) + " to " + layout_name(s.output_layout) +
+                      "; detected tier " + tier_name(r.detected_tier) + "\n";
     char line[256];
     std::snprintf(line, sizeof line, "  %-8s %12s %12s %7s  %s\n", "tier", "Mpix/s", "best",
                   "frames", "result");

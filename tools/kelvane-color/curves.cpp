@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
-#include <fstream>
 #include <sstream>
 
+#include "file_access.h"
 #include "numbers.h"
 #include "tool_error.h"
 
@@ -33,7 +33,7 @@ std::array<double, N> cube_numbers(const std::string& name, size_t line, std::is
     for (size_t i = 0; i < N; ++i) {
         if (!parse_double(words[i], &values[i])) {
             throw cube_error(name, line,
-                             std::string(what) + ": '" + words[i] + "' is not a number");
+                             std::string(what) + ": " + excerpt(words[i]) + " is not a number");
         }
     }
     return values;
@@ -104,7 +104,7 @@ cube_LUT parse_cube(const std::string& name, const std::string& text) {
             cube.domain_min.fill(range[0]);
             cube.domain_max.fill(range[1]);
         } else if (std::isalpha(static_cast<unsigned char>(keyword[0]))) {
-            throw cube_error(name, line_number, "unknown keyword '" + keyword + "'");
+            throw cube_error(name, line_number, "unknown keyword " + excerpt(keyword));
         } else {
             if (declared == 0) throw cube_error(name, line_number, "data before LUT_1D_SIZE");
             if (cube.entries.size() == declared) {
@@ -131,12 +131,8 @@ cube_LUT parse_cube(const std::string& name, const std::string& text) {
 }
 
 cube_LUT load_cube(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw file_error(path, "cannot open");
-    std::ostringstream text;
-    text << file.rdbuf();
-    if (file.bad()) throw file_error(path, "read error");
-    return parse_cube(path, text.str());
+    // 65536 entries of three long numbers fit many times over; a larger file is no LUT.
+    return parse_cube(path, read_small_file(path, max_cube_file, ".cube files"));
 }
 
 curve parse_curve(const std::string& curve_text, const std::string& option) {

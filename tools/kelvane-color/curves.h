@@ -20,6 +20,8 @@ struct cube_LUT {
 
 // Parses the text of a .cube file; errors read "<name>:<line>: what".
 cube_LUT parse_cube(const std::string& name, const std::string& text);
+// Reads a .cube file: a regular file of at most max_cube_file bytes.
+constexpr uint64_t max_cube_file = uint64_t(64) << 20;
 cube_LUT load_cube(const std::string& path);
 
 enum class curve_kind { off, identity, gamma, inverse_gamma, srgb, inverse_srgb, scale, cube };

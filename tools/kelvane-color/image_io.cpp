@@ -1,6 +1,7 @@
 // Image files: Netpbm (P5 P6 P7) by hand, PNG through libpng, TIFF through libtiff.
 #include "image_io.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <csetjmp>
@@ -10,8 +11,10 @@
 #include <filesystem>
 #include <limits>
 #include <memory>
+#include <new>
 #include <system_error>
 
+#include "file_access.h"
 #include "tool_error.h"
 
 #if defined(KV_TOOL_HAVE_PNG)
@@ -26,31 +29,9 @@ namespace {
 
 // The pixel count of one frame travels as a 32-bit signed number.
 constexpr uint64_t max_pixels = uint64_t(std::numeric_limits<int32_t>::max());
-
-struct file_closer {
-    void operator()(std::FILE* f) const {
-        if (f != nullptr) std::fclose(f);
-    }
-};
-using file_ptr = std::unique_ptr<std::FILE, file_closer>;
-
-file_ptr open_file(const std::string& path, const char* mode) {
-    file_ptr f(std::fopen(path.c_str(), mode));
-    if (!f) throw file_error(path, std::string("cannot open: ") + std::strerror(errno));
-    return f;
-}
-
-std::vector<unsigned char> read_all(const std::string& path) {
-    file_ptr f = open_file(path, "rb");
-    std::vector<unsigned char> bytes;
-    unsigned char chunk[1 << 16];
-    size_t got;
-    while ((got = std::fread(chunk, 1, sizeof chunk, f.get())) > 0) {
-        bytes.insert(bytes.end(), chunk, chunk + got);
-    }
-    if (std::ferror(f.get())) throw file_error(path, "read error");
-    return bytes;
-}
+// The largest frame as 16-bit RGBA samples plus room for a header: no image file the tool can use
+// is larger, so a larger one (a sparse file, a device) is refused before anything is read.
+constexpr uint64_t max_image_file = max_pixels * 8 + (uint64_t(1) << 20);
 
 void check_size(const std::string& path, uint64_t width, uint64_t height) {
     if (width == 0 || height == 0) throw file_error(path, "image has no pixels");
@@ -60,68 +41,84 @@ void check_size(const std::string& path, uint64_t width, uint64_t height) {
     }
 }
 
+std::string megabytes(uint64_t bytes) {
+    return std::to_string((bytes + 999999) / 1000000) + " MB";
+}
+
+tool_error no_memory(const std::string& path, uint64_t width, uint64_t height, int channels) {
+    return file_error(path, "not enough memory for the samples of its " + std::to_string(width) +
+                                "x" + std::to_string(height) + " pixels (" +
+                                megabytes(width * height * channels * 2) + ")");
+}
+
 // Samples of maximum value `maxval` to 16 bits, rounding to nearest.
 uint16_t widen(uint32_t value, uint32_t maxval) {
     return static_cast<uint16_t>((uint64_t(value) * 65535u + maxval / 2) / maxval);
 }
 
-// Spreads gray (and gray + alpha) samples to RGB (and RGBA).
-image from_samples(int32_t width, int32_t height, int depth, const std::vector<uint16_t>& in) {
+// Appends one row of `depth` samples a pixel (gray, gray + alpha, RGB, RGBA) to an image of 3 or
+// 4 channels, spreading gray to RGB.
+void append_row(image* out, const uint16_t* row, uint32_t width, int depth) {
+    if (depth == out->channels) {
+        out->samples.insert(out->samples.end(), row, row + size_t(width) * depth);
+        return;
+    }
+    for (uint32_t x = 0; x < width; ++x) {
+        const uint16_t* px = row + size_t(x) * depth;
+        out->samples.insert(out->samples.end(), 3, px[0]);
+        if (depth == 2) out->samples.push_back(px[1]);
+    }
+}
+
+image empty_image(uint32_t width, uint32_t height, int depth) {
     image out;
-    out.width = width;
-    out.height = height;
+    out.width = int32_t(width);
+    out.height = int32_t(height);
     out.bits = 16;
     out.channels = depth == 2 || depth == 4 ? 4 : 3;
-    if (depth == 3 || depth == 4) {
-        out.samples = in;
-        return out;
-    }
-    const uint64_t n = out.pixel_count();
-    out.samples.resize(n * out.channels);
-    for (uint64_t i = 0; i < n; ++i) {
-        const uint16_t gray = in[i * depth];
-        uint16_t* px = &out.samples[i * out.channels];
-        px[0] = px[1] = px[2] = gray;
-        if (depth == 2) px[3] = in[i * 2 + 1];
-    }
     return out;
 }
 
 // --- Netpbm -------------------------------------------------------------------------------------
 
+// The header read byte by byte from the file, which bounds it; positions count from the start.
 class netpbm_header {
   public:
-    netpbm_header(const std::string& path, const std::vector<unsigned char>& bytes)
-        : path_(path), bytes_(bytes) {}
+    netpbm_header(const std::string& path, std::FILE* file) : path_(path), file_(file) {}
 
     // A decimal number after blanks and comments.
     uint32_t number(const char* what) {
         skip_blanks();
+        const uint64_t start = pos_;
         uint64_t value = 0;
         size_t digits = 0;
-        while (pos_ < bytes_.size() && bytes_[pos_] >= '0' && bytes_[pos_] <= '9') {
-            value = value * 10 + (bytes_[pos_++] - '0');
-            if (value > 0xFFFFFFFFu) throw file_error(path_, std::string(what) + " is too large");
+        for (int c = peek(); c >= '0' && c <= '9'; c = peek()) {
+            value = value * 10 + uint64_t(get() - '0');
+            if (value > 0xFFFFFFFFu)
+                throw fault(std::string("the ") + what + " is too large", start);
             ++digits;
         }
-        if (digits == 0) throw file_error(path_, std::string("header: expected the ") + what);
+        if (digits == 0) throw fault(std::string("header: expected the ") + what, start);
         return static_cast<uint32_t>(value);
     }
 
-    // The rest of a PAM header line after its keyword.
+    // The next word of a PAM header line; only its first bytes are kept, for the message.
     std::string word() {
-        while (pos_ < bytes_.size() && (bytes_[pos_] == ' ' || bytes_[pos_] == '\t')) ++pos_;
+        while (peek() == ' ' || peek() == '\t') get();
         std::string text;
-        while (pos_ < bytes_.size() && !std::isspace(bytes_[pos_])) text += char(bytes_[pos_++]);
+        for (int c = peek(); c != EOF && !std::isspace(c); c = peek()) {
+            get();
+            if (text.size() < 64) text += char(c);
+        }
         return text;
     }
 
     void skip_blanks() {
-        while (pos_ < bytes_.size()) {
-            if (bytes_[pos_] == '#') {
-                while (pos_ < bytes_.size() && bytes_[pos_] != '\n') ++pos_;
-            } else if (std::isspace(bytes_[pos_])) {
-                ++pos_;
+        for (int c = peek(); c != EOF; c = peek()) {
+            if (c == '#') {
+                skip_line();
+            } else if (std::isspace(c)) {
+                get();
             } else {
                 break;
             }
@@ -130,34 +127,48 @@ class netpbm_header {
 
     // The one whitespace byte that ends a P5/P6 header.
     void end_of_header() {
-        if (pos_ >= bytes_.size() || !std::isspace(bytes_[pos_])) {
-            throw file_error(path_, "header: no whitespace after the maximum value");
-        }
-        ++pos_;
+        if (!std::isspace(peek()))
+            throw fault("header: no whitespace after the maximum value", pos_);
+        get();
     }
 
     void skip_line() {
-        while (pos_ < bytes_.size() && bytes_[pos_] != '\n') ++pos_;
-        if (pos_ < bytes_.size()) ++pos_;
+        for (int c = get(); c != EOF && c != '\n'; c = get()) {
+        }
     }
 
-    size_t position() const { return pos_; }
-    void advance(size_t n) { pos_ += n; }
+    uint64_t position() const { return pos_; }
+
+    tool_error fault(const std::string& message, uint64_t offset) const {
+        return file_error(path_, message + " (at byte offset " + std::to_string(offset) + ")");
+    }
 
   private:
+    int peek() {
+        const int c = std::getc(file_);
+        if (c != EOF) std::ungetc(c, file_);
+        return c;
+    }
+    int get() {
+        const int c = std::getc(file_);
+        if (c != EOF) ++pos_;
+        return c;
+    }
+
     const std::string& path_;
-    const std::vector<unsigned char>& bytes_;
-    size_t pos_ = 2;  // after the magic number
+    std::FILE* file_;
+    uint64_t pos_ = 2;  // after the magic number
 };
 
-image read_netpbm(const std::string& path, const std::vector<unsigned char>& bytes) {
-    netpbm_header header(path, bytes);
-    const char kind = char(bytes[1]);
+image read_netpbm(const std::string& path, std::FILE* file, uint64_t file_size, char kind) {
+    if (!seek_to(file, 2))
+        throw file_error(path, "cannot read: " + std::string(std::strerror(errno)));
+    netpbm_header header(path, file);
     uint32_t width = 0, height = 0, maxval = 0, depth = 0;
     if (kind == '7') {
-        std::string tuple_type;
         for (;;) {
             header.skip_blanks();
+            const uint64_t at = header.position();
             const std::string key = header.word();
             if (key == "ENDHDR") {
                 header.skip_line();
@@ -171,12 +182,11 @@ image read_netpbm(const std::string& path, const std::vector<unsigned char>& byt
             } else if (key == "MAXVAL") {
                 maxval = header.number("MAXVAL");
             } else if (key == "TUPLTYPE") {
-                tuple_type = header.word();
                 header.skip_line();
             } else if (key.empty()) {
-                throw file_error(path, "PAM header has no ENDHDR");
+                throw file_error(path, "PAM header has no ENDHDR: the file ends within it");
             } else {
-                throw file_error(path, "PAM header: unknown keyword '" + key + "'");
+                throw header.fault("PAM header: unknown keyword " + excerpt(key), at);
             }
         }
         if (depth < 1 || depth > 4) {
@@ -194,28 +204,52 @@ image read_netpbm(const std::string& path, const std::vector<unsigned char>& byt
         throw file_error(path, "maximum value " + std::to_string(maxval) + " is not 1 to 65535");
     }
     check_size(path, width, height);
+    // The file's size says whether every sample is there, before anything is allocated.
     const size_t element_size = maxval > 255 ? 2 : 1;
-    const uint64_t count = uint64_t(width) * height * depth;
-    const size_t available = bytes.size() - header.position();
-    if (count * element_size > available) {
-        throw file_error(path, "truncated: " + std::to_string(count * element_size) +
-                                   " bytes of samples expected, " + std::to_string(available) +
-                                   " present");
+    const uint64_t row_bytes = uint64_t(width) * depth * element_size;
+    const uint64_t needed = row_bytes * height;
+    const uint64_t available = file_size - std::min(file_size, header.position());
+    if (needed > available) {
+        throw file_error(path, "truncated: its " + std::to_string(width) + "x" +
+                                   std::to_string(height) + " pixels need " +
+                                   std::to_string(needed) + " bytes of samples after the header, " +
+                                   "the file has " + std::to_string(available));
     }
-    std::vector<uint16_t> samples(count);
-    const unsigned char* data = bytes.data() + header.position();
-    for (uint64_t i = 0; i < count; ++i) {
-        // Netpbm's 16-bit samples are big-endian.
-        const uint32_t v =
-            element_size == 2 ? (uint32_t(data[2 * i]) << 8) | data[2 * i + 1] : data[i];
-        if (v > maxval) {
-            throw file_error(path, "sample " + std::to_string(v) + " at element " +
-                                       std::to_string(i) + " exceeds the maximum value " +
-                                       std::to_string(maxval));
+    image out = empty_image(width, height, int(depth));
+    std::vector<unsigned char> bytes;
+    std::vector<uint16_t> row;
+    try {
+        out.samples.reserve(size_t(out.pixel_count()) * out.channels);
+        bytes.resize(size_t(row_bytes));
+        row.resize(size_t(width) * depth);
+    } catch (const std::bad_alloc&) {
+        throw no_memory(path, width, height, out.channels);
+    }
+    const uint64_t start = header.position();
+    for (uint32_t y = 0; y < height; ++y) {
+        const uint64_t row_start = start + uint64_t(y) * row_bytes;
+        if (std::fread(bytes.data(), 1, bytes.size(), file) != bytes.size()) {
+            throw header.fault(
+                "the file ends in row " + std::to_string(y) + " (it shrank while " + "being read)",
+                row_start);
         }
-        samples[i] = widen(v, maxval);
+        for (size_t i = 0; i < row.size(); ++i) {
+            // Netpbm's 16-bit samples are big-endian.
+            const uint32_t v =
+                element_size == 2 ? (uint32_t(bytes[2 * i]) << 8) | bytes[2 * i + 1] : bytes[i];
+            if (v > maxval) {
+                throw header.fault("sample " + std::to_string(v) + " at element " +
+                                       std::to_string(uint64_t(y) * row.size() + i) +
+                                       " exceeds the maximum value " + std::to_string(maxval) +
+                                       " (row " + std::to_string(y) + ", column " +
+                                       std::to_string(i / depth) + ")",
+                                   row_start + i * element_size);
+            }
+            row[i] = widen(v, maxval);
+        }
+        append_row(&out, row.data(), width, int(depth));
     }
-    return from_samples(int32_t(width), int32_t(height), int(depth), samples);
+    return out;
 }
 
 std::string netpbm_bytes(const image& picture, file_type type) {
@@ -243,35 +277,76 @@ std::string netpbm_bytes(const image& picture, file_type type) {
 // --- PNG ----------------------------------------------------------------------------------------
 
 #if defined(KV_TOOL_HAVE_PNG)
-struct png_failure {
+// What a PNG read or write knows when libpng gives up: its own message, and for reading where in
+// the file it was and whether the file simply ended.
+struct png_context {
     std::jmp_buf jump;
     char message[256];
+    std::FILE* file = nullptr;
+    uint64_t offset = 0;
+    bool ended = false;
+    int write_error = 0;
+    uint32_t rows_done = 0;
+    bool out_of_memory = false;
+    bool plain_message = false;  // `message` is the tool's own wording
 };
 
 void png_error_handler(png_structp png, png_const_charp message) {
-    auto* failure = static_cast<png_failure*>(png_get_error_ptr(png));
-    std::snprintf(failure->message, sizeof failure->message, "%s", message);
-    std::longjmp(failure->jump, 1);
+    auto* context = static_cast<png_context*>(png_get_error_ptr(png));
+    std::snprintf(context->message, sizeof context->message, "%s", message);
+    std::longjmp(context->jump, 1);
 }
 void png_warning_handler(png_structp, png_const_charp) {}
 
+void png_read_bytes(png_structp png, png_bytep data, png_size_t length) {
+    auto* context = static_cast<png_context*>(png_get_io_ptr(png));
+    const size_t got = std::fread(data, 1, length, context->file);
+    context->offset += got;
+    if (got != length) {
+        context->ended = true;
+        png_error(png, "short read");
+    }
+}
+
+void png_write_bytes(png_structp png, png_bytep data, png_size_t length) {
+    auto* context = static_cast<png_context*>(png_get_io_ptr(png));
+    if (std::fwrite(data, 1, length, context->file) != length) {
+        context->write_error = errno;
+        png_error(png, "write failed");
+    }
+}
+void png_flush_bytes(png_structp) {}
+
+// Grows the image by one row; false when memory runs out, so that the caller can leave libpng
+// in order instead of unwinding through it.
+bool png_append(image* out, const std::vector<uint16_t>& row, uint32_t width, int channels) {
+    try {
+        append_row(out, row.data(), width, channels);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 // Runs in a frame of its own with only plain locals, so the longjmp of an error skips no
-// destructor; `rows` and `samples` are owned by the caller.
-bool png_read_into(std::FILE* file, png_failure* failure, image* out,
+// destructor; `out` and `row` are owned by the caller. Rows of a plain image are appended as
+// they are decoded, so a header that claims more than the data holds costs no memory; an
+// interlaced image needs all its rows at once, after the size check against the file.
+bool png_read_into(png_context* context, uint64_t file_size, image* out, std::vector<uint16_t>* row,
                    std::vector<png_bytep>* rows) {
-    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, failure, png_error_handler,
+    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, context, png_error_handler,
                                              png_warning_handler);
     png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
     if (info == nullptr) {
-        std::snprintf(failure->message, sizeof failure->message, "out of memory");
+        context->out_of_memory = true;
         png_destroy_read_struct(&png, nullptr, nullptr);
         return false;
     }
-    if (setjmp(failure->jump) != 0) {
+    if (setjmp(context->jump) != 0) {
         png_destroy_read_struct(&png, &info, nullptr);
         return false;
     }
-    png_init_io(png, file);
+    png_set_read_fn(png, context, png_read_bytes);
     png_set_user_limits(png, 0x7FFFFFFF, 0x7FFFFFFF);
     png_read_info(png, info);
     const png_uint_32 width = png_get_image_width(png, info);
@@ -279,61 +354,140 @@ bool png_read_into(std::FILE* file, png_failure* failure, image* out,
     if (uint64_t(width) * height > max_pixels) {
         png_error(png, "more pixels than one frame can hold (2^31 - 1)");
     }
-    png_set_expand(png);  // palette to RGB, low-bit gray to 8 bits, tRNS to alpha
-    png_set_gray_to_rgb(png);
-    if (png_get_bit_depth(png, info) == 16) {
-        png_set_swap(png);  // host order on a little-endian processor
+    // Deflate packs at most about 1032 bytes into one, so the file must hold at least this much
+    // to decode to the rows (each with its filter byte) the header claims.
+    const uint64_t row_bits =
+        uint64_t(width) * png_get_channels(png, info) * png_get_bit_depth(png, info);
+    const uint64_t decoded = ((row_bits + 7) / 8 + 1) * height;
+    if (decoded / 1032 > file_size) {
+        std::snprintf(context->message, sizeof context->message,
+                      "its header claims %ux%u pixels, which need at least %llu bytes of "
+                      "compressed data, but the file has %llu bytes",
+                      unsigned(width), unsigned(height),
+                      static_cast<unsigned long long>(decoded / 1032),
+                      static_cast<unsigned long long>(file_size));
+        context->plain_message = true;
+        png_destroy_read_struct(&png, &info, nullptr);
+        return false;
     }
+    png_set_expand(png);     // palette to RGB, low-bit gray to 8 bits, tRNS to alpha
+    png_set_expand_16(png);  // 8 bits to 16 by repeating the byte: v * 257
+    png_set_gray_to_rgb(png);
+    png_set_swap(png);  // host order on a little-endian processor
+    const int passes = png_set_interlace_handling(png);
     png_read_update_info(png, info);
     const int channels = png_get_channels(png, info);
-    const int bits = png_get_bit_depth(png, info);
-    out->width = int32_t(width);
-    out->height = int32_t(height);
-    out->channels = channels;
-    out->bits = bits;
-    out->samples.assign(uint64_t(width) * height * channels, 0);
-    rows->resize(height);
-    const size_t row_bytes = png_get_rowbytes(png, info);
-    auto* base = reinterpret_cast<png_bytep>(out->samples.data());
-    for (png_uint_32 y = 0; y < height; ++y) (*rows)[y] = base + y * row_bytes;
-    png_read_image(png, rows->data());
+    *out = empty_image(width, height, channels);
+    if (passes > 1) {
+        try {
+            out->samples.resize(size_t(width) * height * channels);
+            rows->resize(height);
+        } catch (const std::bad_alloc&) {
+            context->out_of_memory = true;
+            png_destroy_read_struct(&png, &info, nullptr);
+            return false;
+        }
+        auto* base = reinterpret_cast<png_bytep>(out->samples.data());
+        for (png_uint_32 y = 0; y < height; ++y) {
+            (*rows)[y] = base + size_t(y) * width * channels * 2;
+        }
+        png_read_image(png, rows->data());
+        context->rows_done = height;
+    } else {
+        try {
+            row->resize(size_t(width) * channels);
+        } catch (const std::bad_alloc&) {
+            context->out_of_memory = true;
+        }
+        for (png_uint_32 y = 0; y < height && !context->out_of_memory; ++y) {
+            png_read_row(png, reinterpret_cast<png_bytep>(row->data()), nullptr);
+            context->out_of_memory = !png_append(out, *row, width, channels);
+            context->rows_done = y + 1;
+        }
+        if (context->out_of_memory) {
+            png_destroy_read_struct(&png, &info, nullptr);
+            return false;
+        }
+    }
     png_read_end(png, nullptr);
     png_destroy_read_struct(&png, &info, nullptr);
     return true;
 }
 
-image read_png(const std::string& path) {
-    file_ptr f = open_file(path, "rb");
-    png_failure failure{};
-    image raw;
-    std::vector<png_bytep> rows;
-    if (!png_read_into(f.get(), &failure, &raw, &rows)) {
-        throw file_error(path, std::string("PNG: ") + failure.message);
+// libpng's own words for the faults a damaged file shows most, put plainly.
+std::string png_fault(const png_context& context, uint32_t height) {
+    const std::string where = " (at byte offset " + std::to_string(context.offset) + ")";
+    if (context.ended && context.rows_done == height && height > 0) {
+        return "the file ends after the image data, before its end chunk (IEND): it was cut "
+               "short" +
+               where;
     }
-    // 8-bit rows were read as bytes into the 16-bit vector: spread them out from the back.
-    if (raw.bits == 8) {
-        const auto* bytes = reinterpret_cast<const unsigned char*>(raw.samples.data());
-        for (size_t i = raw.samples.size(); i-- > 0;) raw.samples[i] = uint16_t(bytes[i] * 257);
+    if (context.ended) {
+        return context.rows_done < height && context.rows_done > 0
+                   ? "the file ends before its image data is complete: row " +
+                         std::to_string(context.rows_done) + " of " + std::to_string(height) +
+                         " is missing" + where
+                   : "the file ends before its image data is complete" + where;
     }
-    raw.bits = 16;
-    return raw;
+    const std::string text = context.message;
+    if (context.plain_message) return text;
+    struct wording {
+        const char* libpng;
+        const char* plain;
+    };
+    static const wording table[] = {
+        {"CRC error", "a chunk's checksum does not match its data: the file is damaged"},
+        {"Not enough image data", "the compressed image data ends before the last row"},
+        {"Too much image data", "there is more compressed image data than the rows hold"},
+        {"Extra compressed data", "there is more compressed image data than the rows hold"},
+        {"IHDR", "the image header (IHDR) is invalid"},
+        {"Missing IHDR", "the image header (IHDR) is missing"},
+        {"Not a PNG", "the file is not a PNG image"},
+    };
+    for (const wording& w : table) {
+        if (text.find(w.libpng) != std::string::npos) {
+            return std::string(w.plain) + where + " [libpng: " + text + "]";
+        }
+    }
+    if (text.find("invalid") != std::string::npos || text.find("incorrect") != std::string::npos) {
+        return "the compressed image data is damaged" + where + " [libpng: " + text + "]";
+    }
+    return text + where;
 }
 
-bool png_write_from(std::FILE* file, png_failure* failure, const image& picture,
+image read_png(const std::string& path, std::FILE* file, uint64_t file_size) {
+    if (!seek_to(file, 0))
+        throw file_error(path, "cannot read: " + std::string(std::strerror(errno)));
+    png_context context{};
+    context.file = file;
+    image picture;
+    std::vector<uint16_t> row;
+    std::vector<png_bytep> rows;
+    if (!png_read_into(&context, file_size, &picture, &row, &rows)) {
+        if (context.out_of_memory) {
+            throw no_memory(path, uint32_t(picture.width), uint32_t(picture.height),
+                            picture.channels);
+        }
+        throw file_error(path, "PNG: " + png_fault(context, uint32_t(picture.height)));
+    }
+    return picture;
+}
+
+bool png_write_from(png_context* context, const image& picture,
                     const std::vector<png_bytep>& rows) {
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, failure, png_error_handler,
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, context, png_error_handler,
                                               png_warning_handler);
     png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
     if (info == nullptr) {
-        std::snprintf(failure->message, sizeof failure->message, "out of memory");
+        std::snprintf(context->message, sizeof context->message, "not enough memory for libpng");
         png_destroy_write_struct(&png, nullptr);
         return false;
     }
-    if (setjmp(failure->jump) != 0) {
+    if (setjmp(context->jump) != 0) {
         png_destroy_write_struct(&png, &info);
         return false;
     }
-    png_init_io(png, file);
+    png_set_write_fn(png, context, png_write_bytes, png_flush_bytes);
     png_set_IHDR(png, info, png_uint_32(picture.width), png_uint_32(picture.height), picture.bits,
                  picture.channels == 4 ? PNG_COLOR_TYPE_RGBA : PNG_COLOR_TYPE_RGB,
                  PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
@@ -346,7 +500,7 @@ bool png_write_from(std::FILE* file, png_failure* failure, const image& picture,
     return true;
 }
 
-std::string png_bytes_to_file(const std::string& path, const image& picture) {
+std::string png_to_stream(std::FILE* file, const image& picture) {
     std::vector<unsigned char> packed;
     const size_t element_size = picture.bits == 16 ? 2 : 1;
     packed.resize(picture.samples.size() * element_size);
@@ -360,13 +514,12 @@ std::string png_bytes_to_file(const std::string& path, const image& picture) {
     const size_t row_bytes = size_t(picture.width) * picture.channels * element_size;
     std::vector<png_bytep> rows(picture.height);
     for (int32_t y = 0; y < picture.height; ++y) rows[y] = packed.data() + y * row_bytes;
-    file_ptr f = open_file(path, "wb");
-    png_failure failure{};
-    if (!png_write_from(f.get(), &failure, picture, rows)) {
-        return std::string("PNG: ") + failure.message;
-    }
-    if (std::fclose(f.release()) != 0) return std::string("write error: ") + std::strerror(errno);
-    return std::string();
+    png_context context{};
+    context.file = file;
+    if (png_write_from(&context, picture, rows)) return std::string();
+    if (context.write_error != 0)
+        return "cannot write: " + std::string(std::strerror(context.write_error));
+    return std::string("PNG: ") + context.message;
 }
 #endif
 
@@ -381,12 +534,130 @@ void tiff_error_handler(const char* module, const char* format, va_list args) {
     tiff_message = module != nullptr ? std::string(module) + ": " + text : std::string(text);
 }
 
-image read_tiff(const std::string& path) {
+// libtiff reads through these, so the file is the regular one already opened and checked, and a
+// read past its end is noticed here rather than reported as a byte count gone negative.
+struct tiff_source {
+    std::FILE* file;
+    uint64_t size;
+    uint64_t position = 0;
+    bool ended = false;
+    uint64_t ended_at = 0;
+};
+
+tmsize_t tiff_read(thandle_t handle, void* data, tmsize_t length) {
+    auto* source = static_cast<tiff_source*>(handle);
+    if (length <= 0) return 0;
+    const size_t got = std::fread(data, 1, size_t(length), source->file);
+    if (got != size_t(length) && !source->ended) {
+        source->ended = true;
+        source->ended_at = source->position;
+    }
+    source->position += got;
+    return tmsize_t(got);
+}
+tmsize_t tiff_write(thandle_t, void*, tmsize_t) {
+    return 0;
+}
+toff_t tiff_seek(thandle_t handle, toff_t offset, int whence) {
+    auto* source = static_cast<tiff_source*>(handle);
+    uint64_t target = offset;
+    if (whence == SEEK_CUR) target = source->position + offset;
+    if (whence == SEEK_END) target = source->size + offset;
+    if (!seek_to(source->file, target)) return toff_t(-1);
+    source->position = target;
+    return target;
+}
+int tiff_close(thandle_t) {
+    return 0;
+}
+toff_t tiff_size(thandle_t handle) {
+    return static_cast<tiff_source*>(handle)->size;
+}
+
+std::string tiff_fault(const tiff_source& source, const std::string& what) {
+    if (source.ended) {
+        return what + ": the file ends before it (a read at byte offset " +
+               std::to_string(source.ended_at) + " reaches past its " +
+               std::to_string(source.size) + " bytes)";
+    }
+    return what + " [libtiff: " + tiff_message + "]";
+}
+
+// The most bytes one byte of a strip can decode to: PackBits repeats a byte at most 128 times
+// for two, Deflate about 1032 to one, LZW strings reach 4096 bytes for a 12-bit code; any other
+// codec gets a generous bound.
+uint64_t tiff_expansion(uint16_t compression) {
+    switch (compression) {
+        case COMPRESSION_NONE:
+            return 1;
+        case COMPRESSION_PACKBITS:
+            return 64;
+        case COMPRESSION_ADOBE_DEFLATE:
+        case COMPRESSION_DEFLATE:
+            return 1032;
+        case COMPRESSION_LZW:
+            return 4096;
+        default:
+            return 65536;
+    }
+}
+
+// Before anything is allocated for the rows: every strip lies inside the file and holds enough
+// bytes to decode to the rows it claims.
+void check_strips(const std::string& path, TIFF* tiff, uint64_t file_size) {
+    uint16_t compression = COMPRESSION_NONE;
+    TIFFGetFieldDefaulted(tiff, TIFFTAG_COMPRESSION, &compression);
+    const uint64_t* offsets = nullptr;
+    const uint64_t* counts = nullptr;
+    uint32_t rows_per_strip = 0, height = 0;
+    TIFFGetField(tiff, TIFFTAG_IMAGELENGTH, &height);
+    TIFFGetFieldDefaulted(tiff, TIFFTAG_ROWSPERSTRIP, &rows_per_strip);
+    if (!TIFFGetField(tiff, TIFFTAG_STRIPOFFSETS, &offsets) ||
+        !TIFFGetField(tiff, TIFFTAG_STRIPBYTECOUNTS, &counts) || offsets == nullptr ||
+        counts == nullptr) {
+        throw file_error(path, "TIFF: the file does not say where its image data lies");
+    }
+    rows_per_strip = std::max<uint32_t>(1, std::min(rows_per_strip, height));
+    const uint64_t row_bytes = uint64_t(TIFFScanlineSize64(tiff));
+    const uint32_t strips = TIFFNumberOfStrips(tiff);
+    for (uint32_t i = 0; i < strips; ++i) {
+        const uint64_t first_row = uint64_t(i) * rows_per_strip;
+        if (first_row >= height) break;
+        const uint64_t rows = std::min<uint64_t>(rows_per_strip, height - first_row);
+        const std::string strip = "strip " + std::to_string(i) + " (rows " +
+                                  std::to_string(first_row) + " to " +
+                                  std::to_string(first_row + rows - 1) + ")";
+        if (offsets[i] > file_size || counts[i] > file_size - offsets[i]) {
+            throw file_error(path, "TIFF: " + strip + " lies past the end of the file: it " +
+                                       "claims bytes " + std::to_string(offsets[i]) + " to " +
+                                       std::to_string(offsets[i] + counts[i]) + " of a " +
+                                       std::to_string(file_size) + "-byte file");
+        }
+        if (rows * row_bytes / tiff_expansion(compression) > counts[i]) {
+            throw file_error(path, "TIFF: " + strip + " holds " + std::to_string(counts[i]) +
+                                       " bytes, too few for its rows of " +
+                                       std::to_string(row_bytes) + " bytes each");
+        }
+    }
+}
+
+image read_tiff(const std::string& path, std::FILE* file, uint64_t file_size) {
     TIFFSetErrorHandler(tiff_error_handler);
     TIFFSetWarningHandler(nullptr);
     tiff_message.clear();
-    std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(TIFFOpen(path.c_str(), "r"), TIFFClose);
-    if (!tiff) throw file_error(path, "TIFF: " + tiff_message);
+    if (!seek_to(file, 0))
+        throw file_error(path, "cannot read: " + std::string(std::strerror(errno)));
+    tiff_source source{file, file_size};
+    // "m": no memory mapping, every byte comes through tiff_read.
+    std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(
+        TIFFClientOpen(path.c_str(), "rm", &source, tiff_read, tiff_write, tiff_seek, tiff_close,
+                       tiff_size, nullptr, nullptr),
+        TIFFClose);
+    if (!tiff) {
+        throw file_error(path, "TIFF: " + tiff_fault(source,
+                                                     "its header or tag directory is "
+                                                     "damaged"));
+    }
     uint32_t width = 0, height = 0;
     uint16_t bits = 1, samples_per_pixel = 1, planar = PLANARCONFIG_CONTIG, format = 1;
     uint16_t photometric = PHOTOMETRIC_MINISBLACK;
@@ -410,24 +681,39 @@ image read_tiff(const std::string& path) {
                              std::to_string(bits) + " bits, photometric " +
                              std::to_string(photometric) + ")");
     }
+    if (TIFFIsTiled(tiff.get())) {
+        throw file_error(path, "TIFF: tiled images are not read, only images stored in strips");
+    }
+    check_strips(path, tiff.get(), file_size);
+    // Rows are appended as they are decoded: a header that claims more rows than the file
+    // holds fails at the first missing one, before the whole image is allocated.
+    image out = empty_image(width, height, samples_per_pixel);
     const uint64_t row_samples = uint64_t(width) * samples_per_pixel;
-    std::vector<uint16_t> samples(row_samples * height);
-    std::vector<unsigned char> row(TIFFScanlineSize(tiff.get()));
+    std::vector<unsigned char> bytes;
+    std::vector<uint16_t> row;
     for (uint32_t y = 0; y < height; ++y) {
-        if (TIFFReadScanline(tiff.get(), row.data(), y, 0) < 0) {
-            throw file_error(path, "TIFF: row " + std::to_string(y) + ": " + tiff_message);
-        }
-        for (uint64_t i = 0; i < row_samples; ++i) {
-            uint16_t v;
-            if (bits == 16) {
-                std::memcpy(&v, row.data() + 2 * i, 2);  // libtiff gives host order
-            } else {
-                v = uint16_t(row[i] * 257);
+        try {
+            if (y == 0) {
+                bytes.resize(size_t(TIFFScanlineSize64(tiff.get())));
+                row.resize(size_t(row_samples));
             }
-            samples[y * row_samples + i] = v;
+            if (TIFFReadScanline(tiff.get(), bytes.data(), y, 0) < 0) {
+                throw file_error(path, "TIFF: " + tiff_fault(source, "row " + std::to_string(y) +
+                                                                         " cannot be read"));
+            }
+            for (uint64_t i = 0; i < row_samples; ++i) {
+                if (bits == 16) {
+                    std::memcpy(&row[i], bytes.data() + 2 * i, 2);  // libtiff gives host order
+                } else {
+                    row[i] = uint16_t(bytes[i] * 257);
+                }
+            }
+            append_row(&out, row.data(), width, samples_per_pixel);
+        } catch (const std::bad_alloc&) {
+            throw no_memory(path, width, height, out.channels);
         }
     }
-    return from_samples(int32_t(width), int32_t(height), samples_per_pixel, samples);
+    return out;
 }
 #endif
 
@@ -437,29 +723,9 @@ std::string lower_extension(const std::string& path) {
     return ext;
 }
 
-// Writes through a file beside the target and renames it into place.
-template <typename Writer>
-void replace_file(const std::string& path, Writer&& write) {
-    const std::string temporary = path + ".kv-partial";
-    std::string failure = write(temporary);
-    if (failure.empty()) {
-        std::error_code error;
-        std::filesystem::rename(temporary, path, error);
-        if (!error) return;
-        failure = "cannot rename into place: " + error.message();
-    }
-    std::remove(temporary.c_str());
-    throw file_error(path, failure);
-}
-
-std::string write_bytes(const std::string& path, const void* data, size_t size) {
-    std::FILE* f = std::fopen(path.c_str(), "wb");
-    if (f == nullptr) return std::string("cannot create: ") + std::strerror(errno);
-    const bool written = std::fwrite(data, 1, size, f) == size;
-    const int saved = errno;
-    const bool closed = std::fclose(f) == 0;
-    if (!written || !closed) {
-        return std::string("write error: ") + std::strerror(written ? errno : saved);
+std::string write_bytes(std::FILE* out, const void* data, size_t size) {
+    if (std::fwrite(data, 1, size, out) != size) {
+        return std::string("cannot write: ") + std::strerror(errno);
     }
     return std::string();
 }
@@ -526,33 +792,37 @@ const char* file_type_extension(file_type type) {
 }
 
 image read_image(const std::string& path) {
-    const std::vector<unsigned char> bytes = read_all(path);
-    if (bytes.size() >= 2 && bytes[0] == 'P' &&
-        (bytes[1] == '5' || bytes[1] == '6' || bytes[1] == '7')) {
-        return read_netpbm(path, bytes);
+    input_file in = open_input(path, max_image_file, "image files");
+    unsigned char magic[8] = {};
+    const size_t got = std::fread(magic, 1, sizeof magic, in.file.get());
+    if (std::ferror(in.file.get())) {
+        throw file_error(path, "cannot read: " + std::string(std::strerror(errno)));
+    }
+    if (got >= 2 && magic[0] == 'P' && (magic[1] == '5' || magic[1] == '6' || magic[1] == '7')) {
+        return read_netpbm(path, in.file.get(), in.size, char(magic[1]));
     }
     static const unsigned char png_magic[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
-    if (bytes.size() >= 8 && std::memcmp(bytes.data(), png_magic, 8) == 0) {
+    if (got >= 8 && std::memcmp(magic, png_magic, 8) == 0) {
 #if defined(KV_TOOL_HAVE_PNG)
-        return read_png(path);
+        return read_png(path, in.file.get(), in.size);
 #else
         throw file_error(path, "PNG support is not built into this kelvane-color");
 #endif
     }
-    if (bytes.size() >= 4 && ((bytes[0] == 'I' && bytes[1] == 'I' && bytes[2] == 42) ||
-                              (bytes[0] == 'M' && bytes[1] == 'M' && bytes[3] == 42))) {
+    if (got >= 4 && ((magic[0] == 'I' && magic[1] == 'I' && magic[2] == 42) ||
+                     (magic[0] == 'M' && magic[1] == 'M' && magic[3] == 42))) {
 #if defined(KV_TOOL_HAVE_TIFF)
-        return read_tiff(path);
+        return read_tiff(path, in.file.get(), in.size);
 #else
         throw file_error(path, "TIFF support is not built into this kelvane-color");
 #endif
     }
-    if (bytes.size() >= 2 && bytes[0] == 'P' && bytes[1] >= '1' && bytes[1] <= '4') {
+    if (got >= 2 && magic[0] == 'P' && magic[1] >= '1' && magic[1] <= '4') {
         throw file_error(path,
                          "plain-text and bitmap Netpbm files (P1 to P4) are not read; "
                          "use binary P5, P6 or P7");
     }
-    throw file_error(path, bytes.empty() ? "empty file" : "not a PNG, PPM, PGM, PAM or TIFF image");
+    throw file_error(path, got == 0 ? "empty file" : "not a PNG, PPM, PGM, PAM or TIFF image");
 }
 
 void write_image(const std::string& path, file_type type, const image& picture) {
@@ -561,9 +831,7 @@ void write_image(const std::string& path, file_type type, const image& picture) 
     }
     if (type == file_type::png) {
 #if defined(KV_TOOL_HAVE_PNG)
-        replace_file(path, [&](const std::string& temporary) {
-            return png_bytes_to_file(temporary, picture);
-        });
+        replace_file(path, [&](std::FILE* out) { return png_to_stream(out, picture); });
         return;
 #else
         throw usage_error(path + ": PNG support is not built into this kelvane-color");
@@ -577,8 +845,7 @@ void write_image(const std::string& path, file_type type, const image& picture) 
 }
 
 void write_file(const std::string& path, const void* data, size_t size) {
-    replace_file(path,
-                 [&](const std::string& temporary) { return write_bytes(temporary, data, size); });
+    replace_file(path, [&](std::FILE* out) { return write_bytes(out, data, size); });
 }
 
 }  // namespace kv_tool

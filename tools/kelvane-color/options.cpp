@@ -142,19 +142,225 @@ int bit_length(uint64_t value) {
     return bits;
 }
 
+// What the options of one command line have said so far, beyond the settings themselves.
+struct parse_state {
+    settings s;
+    bool output_options = false;
+    bool bench_options = false;
+    bool chart_size_given = false;
+    bool stop = false;  // --help or --version: the rest of the line is not looked at
+};
+
+// One option: its names, the value it takes (nullptr: none), where --help lists it (nullptr: not
+// in the list) and what it does. `name` is the name as written, for messages.
+struct option_spec {
+    const char* short_name;
+    const char* long_name;
+    const char* value;
+    const char* section;
+    const char* help;  // continuation lines start after "\n"
+    void (*apply)(parse_state& p, const std::string& name, const std::string& value);
+};
+
+constexpr const char* output_section =
+    "Output (written to a new file beside the target, then renamed over it):";
+constexpr const char* pipeline_section =
+    "Pipeline (every CH= prefix is optional: b, g, r, any of them together, or blue, green, "
+    "red):";
+constexpr const char* other_section = "Other:";
+
+const option_spec options[] = {
+    {"-o", "--output", "FILE", output_section,
+     "one output: .png, .ppm, .pam or .raw (the library's buffer as is)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         p.s.output = value;
+         if (p.s.output.empty()) throw usage_error(name + ": empty file name");
+         p.output_options = true;
+     }},
+    {nullptr, "--output-dir", "DIR", output_section,
+     "one output per input, DIR/<input name>.<type>",
+     [](parse_state& p, const std::string&, const std::string& value) {
+         p.s.output_dir = value;
+         if (p.s.output_dir.empty()) throw usage_error("--output-dir: empty folder name");
+         p.output_options = true;
+     }},
+    {nullptr, "--output-type", "TYPE", output_section,
+     "png (default), ppm, pam or raw, with --output-dir",
+     [](parse_state& p, const std::string&, const std::string& value) {
+         p.s.output_type = file_type_of("x." + value, "--output-type");
+         if (p.s.output_type == file_type::tiff) {
+             throw usage_error("--output-type: TIFF is read only (use png, ppm, pam or raw)");
+         }
+         p.s.output_type_given = true;
+         p.output_options = true;
+     }},
+    {nullptr, "--bits", "8|16", output_section, "output element width (default 8)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         const int64_t bits = parse_whole(value, name, 8, 16);
+         if (bits != 8 && bits != 16) throw usage_error("--bits: must be 8 or 16");
+         p.s.bits = int(bits);
+     }},
+    {nullptr, "--channels", "3|4", output_section,
+     "elements a pixel (default 3; the fourth carries the input's alpha)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         p.s.channels = int(parse_whole(value, name, 3, 4));
+     }},
+    {nullptr, "--input-layout", "L", output_section,
+     "planes, bgr or rgb: the buffer handed to the library (default rgb)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         p.s.input_layout = parse_layout(value, name);
+     }},
+    {nullptr, "--output-layout", "L", output_section,
+     "planes, bgr or rgb: the buffer the library writes (default rgb)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         p.s.output_layout = parse_layout(value, name);
+     }},
+    {nullptr, "--matrix", "M", pipeline_section,
+     "nine numbers by rows, red, green, blue; repeatable, appended in order\n"
+     "(the last one given is applied to the pixel first)",
+     [](parse_state& p, const std::string&, const std::string& value) {
+         p.s.matrices.push_back(parse_matrix(value));
+     }},
+    {nullptr, "--input-lut", "[CH=]CURVE", pipeline_section,
+     "input LUT: identity, srgb, inverse-srgb, gamma:G, inverse-gamma:G,\n"
+     "scale:K, off, or FILE.cube (1D)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         parse_LUT(value, name, &p.s.input_LUT);
+     }},
+    {nullptr, "--output-lut", "[CH=]CURVE", pipeline_section, "output LUT, the same curves",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         parse_LUT(value, name, &p.s.output_LUT);
+     }},
+    {nullptr, "--output-lut-bits", "N", pipeline_section,
+     "output LUT size 2^N, 0 to 16 (default 16)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         p.s.output_LUT_bits = int(parse_whole(value, name, 0, 16));
+     }},
+    {nullptr, "--output-lut-max", "V", pipeline_section,
+     "what a curve's 1.0 becomes in the output LUT (default 2^N - 1)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         p.s.output_LUT_max = uint32_t(parse_whole(value, name, 1, 4294967295LL));
+     }},
+    {nullptr, "--clamp", "[CH=]MIN:MAX", pipeline_section,
+     "clamp bounds of the matrix result (default 0:65535)",
+     [](parse_state& p, const std::string&, const std::string& value) {
+         parse_clamp(value, &p.s);
+     }},
+    {nullptr, "--shift", "[CH=]N", pipeline_section,
+     "-15 to 15; default: the channel's top value to the top output bit",
+     [](parse_state& p, const std::string&, const std::string& value) {
+         parse_shift(value, &p.s);
+     }},
+    {nullptr, "--tier", "T", pipeline_section,
+     "force a tier: scalar, sse, avx2, avx512 or a number",
+     [](parse_state& p, const std::string&, const std::string& value) {
+         p.s.tier = parse_tier(value);
+     }},
+    {nullptr, "--chart-size", "WxH", other_section,
+     "size of the built-in chart (default 1920x1080)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         const size_t x = value.find('x');
+         if (x == std::string::npos) {
+             throw usage_error("--chart-size: expected WIDTHxHEIGHT, got '" + value + "'");
+         }
+         p.s.chart_width = int32_t(parse_whole(value.substr(0, x), name, 1, 65536));
+         p.s.chart_height = int32_t(parse_whole(value.substr(x + 1), name, 1, 65536));
+         if (int64_t(p.s.chart_width) * p.s.chart_height > INT32_MAX) {
+             throw usage_error("--chart-size: more pixels than one frame can hold");
+         }
+         p.chart_size_given = true;
+     }},
+    {"-q", "--quiet", nullptr, other_section, "no summary and no progress line",
+     [](parse_state& p, const std::string&, const std::string&) { p.s.quiet = true; }},
+    {nullptr, "--json", "FILE", other_section,
+     "bench: also write the results as JSON (- for stdout)",
+     [](parse_state& p, const std::string&, const std::string& value) {
+         p.s.json = value;
+         if (p.s.json.empty()) throw usage_error("--json: empty file name (use - for stdout)");
+         p.bench_options = true;
+     }},
+    {nullptr, "--min-time", "S", other_section,
+     "bench: seconds of frames for each tier (default 0.5)",
+     [](parse_state& p, const std::string&, const std::string& value) {
+         double seconds;
+         if (!parse_double(value, &seconds) || seconds <= 0 || seconds > 60) {
+             throw usage_error("--min-time: '" + value +
+                               "' is not a number of seconds above 0 and at most 60");
+         }
+         p.s.min_time = seconds;
+         p.bench_options = true;
+     }},
+    {"-h", "--help", nullptr, other_section, "this text",
+     [](parse_state& p, const std::string&, const std::string&) {
+         p.s.mode = run_mode::help;
+         p.stop = true;
+     }},
+    {nullptr, "--version", nullptr, other_section, "version of kelvane-color",
+     [](parse_state& p, const std::string&, const std::string&) {
+         p.s.mode = run_mode::version;
+         p.stop = true;
+     }},
+    // Listed in the usage lines at the top of --help rather than among the options.
+    {nullptr, "--info", nullptr, nullptr, nullptr,
+     [](parse_state& p, const std::string&, const std::string&) {
+         if (p.s.mode == run_mode::bench) throw usage_error("--info: not an option of bench");
+         p.s.mode = run_mode::info;
+     }},
+};
+
+const option_spec* find_option(const std::string& name) {
+    for (const option_spec& o : options) {
+        if (name == o.long_name || (o.short_name != nullptr && name == o.short_name)) return &o;
+    }
+    return nullptr;
+}
+
+std::string build_usage_text() {
+    std::string text =
+        R"(usage: kelvane-color [OPTIONS] [INPUT...]     process images (none: a built-in test chart)
+       kelvane-color bench [OPTIONS] [INPUT]    Mpix/s of each tier next to memcpy
+       kelvane-color --info                     tier, modules and back-end of this machine
+
+Input: PNG, PPM/PGM/PAM (binary, maximum value up to 65535), TIFF; read as 16-bit samples.
+       Regular files only (no FIFOs or devices); .cube files up to 64 MiB.
+)";
+    const char* section = nullptr;
+    for (const option_spec& o : options) {
+        if (o.help == nullptr) continue;
+        if (section == nullptr || std::string(section) != o.section) {
+            section = o.section;
+            text += std::string(section) + "\n";
+        }
+        std::string left = o.short_name != nullptr ? std::string(o.short_name) + ", " : "";
+        left += o.long_name;
+        if (o.value != nullptr) left += std::string(" ") + o.value;
+        left.resize(std::max<size_t>(left.size() + 1, 26), ' ');
+        text += "  " + left;
+        for (const char* c = o.help; *c != '\0'; ++c) {
+            text += *c;
+            if (*c == '\n') text += std::string(28, ' ');
+        }
+        text += "\n";
+    }
+    return text +
+           R"(Exit codes: 0 done, 1 file error (standard output included), 2 bad command line,
+3 the library could not start, 4 the library refused a transform, 5 bench: a tier's output
+differs from scalar.
+Reference: docs/kelvane-color.md.
+)";
+}
+
 }  // namespace
 
 settings parse_command_line(const std::vector<std::string>& arguments) {
-    settings s;
+    parse_state p;
+    settings& s = p.s;
     size_t first = 0;
     if (!arguments.empty() && arguments[0] == "bench") {
         s.mode = run_mode::bench;
         first = 1;
     }
-    bool output_options = false;
-    bool bench_options = false;
-    bool chart_size_given = false;
-    for (size_t a = first; a < arguments.size(); ++a) {
+    for (size_t a = first; a < arguments.size() && !p.stop; ++a) {
         std::string arg = arguments[a];
         std::string value;
         bool has_value = false;
@@ -166,103 +372,25 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
                 has_value = true;
             }
         }
-        auto take = [&]() -> std::string {
-            if (has_value) return value;
-            if (a + 1 >= arguments.size()) throw usage_error(arg + " needs a value");
-            return arguments[++a];
-        };
-        auto no_value = [&]() {
-            if (has_value) throw usage_error(arg + " takes no value");
-        };
-        if (arg == "-h" || arg == "--help") {
-            no_value();
-            s.mode = run_mode::help;
-            return s;
-        } else if (arg == "--version") {
-            no_value();
-            s.mode = run_mode::version;
-            return s;
-        } else if (arg == "--info") {
-            no_value();
-            if (s.mode == run_mode::bench) throw usage_error("--info: not an option of bench");
-            s.mode = run_mode::info;
-        } else if (arg == "-q" || arg == "--quiet") {
-            no_value();
-            s.quiet = true;
-        } else if (arg == "-o" || arg == "--output") {
-            s.output = take();
-            if (s.output.empty()) throw usage_error(arg + ": empty file name");
-            output_options = true;
-        } else if (arg == "--output-dir") {
-            s.output_dir = take();
-            if (s.output_dir.empty()) throw usage_error("--output-dir: empty folder name");
-            output_options = true;
-        } else if (arg == "--output-type") {
-            const std::string type = take();
-            s.output_type = file_type_of("x." + type, "--output-type");
-            if (s.output_type == file_type::tiff) {
-                throw usage_error("--output-type: TIFF is read only (use png, ppm, pam or raw)");
+        const option_spec* option = find_option(arg);
+        if (option == nullptr) {
+            if (arg.size() > 1 && arg[0] == '-') {
+                throw usage_error("unknown option '" + arg + "' (see kelvane-color --help)");
             }
-            s.output_type_given = true;
-            output_options = true;
-        } else if (arg == "--matrix") {
-            s.matrices.push_back(parse_matrix(take()));
-        } else if (arg == "--input-lut") {
-            parse_LUT(take(), arg, &s.input_LUT);
-        } else if (arg == "--output-lut") {
-            parse_LUT(take(), arg, &s.output_LUT);
-        } else if (arg == "--output-lut-bits") {
-            s.output_LUT_bits = int(parse_whole(take(), arg, 0, 16));
-        } else if (arg == "--output-lut-max") {
-            s.output_LUT_max = uint32_t(parse_whole(take(), arg, 1, 4294967295LL));
-        } else if (arg == "--clamp") {
-            parse_clamp(take(), &s);
-        } else if (arg == "--shift") {
-            parse_shift(take(), &s);
-        } else if (arg == "--bits") {
-            const int64_t bits = parse_whole(take(), arg, 8, 16);
-            if (bits != 8 && bits != 16) throw usage_error("--bits: must be 8 or 16");
-            s.bits = int(bits);
-        } else if (arg == "--channels") {
-            s.channels = int(parse_whole(take(), arg, 3, 4));
-        } else if (arg == "--input-layout") {
-            s.input_layout = parse_layout(take(), arg);
-        } else if (arg == "--output-layout") {
-            s.output_layout = parse_layout(take(), arg);
-        } else if (arg == "--tier") {
-            s.tier = parse_tier(take());
-        } else if (arg == "--chart-size") {
-            const std::string size = take();
-            const size_t x = size.find('x');
-            if (x == std::string::npos) {
-                throw usage_error("--chart-size: expected WIDTHxHEIGHT, got '" + size + "'");
-            }
-            s.chart_width = int32_t(parse_whole(size.substr(0, x), arg, 1, 65536));
-            s.chart_height = int32_t(parse_whole(size.substr(x + 1), arg, 1, 65536));
-            if (int64_t(s.chart_width) * s.chart_height > INT32_MAX) {
-                throw usage_error("--chart-size: more pixels than one frame can hold");
-            }
-            chart_size_given = true;
-        } else if (arg == "--json") {
-            s.json = take();
-            if (s.json.empty()) throw usage_error("--json: empty file name (use - for stdout)");
-            bench_options = true;
-        } else if (arg == "--min-time") {
-            double seconds;
-            const std::string text = take();
-            if (!parse_double(text, &seconds) || seconds <= 0 || seconds > 60) {
-                throw usage_error("--min-time: '" + text +
-                                  "' is not a number of seconds above 0 "
-                                  "and at most 60");
-            }
-            s.min_time = seconds;
-            bench_options = true;
-        } else if (arg.size() > 1 && arg[0] == '-') {
-            throw usage_error("unknown option '" + arg + "' (see kelvane-color --help)");
-        } else {
             s.inputs.push_back(arg);
+            continue;
         }
+        if (option->value == nullptr && has_value) throw usage_error(arg + " takes no value");
+        if (option->value != nullptr && !has_value) {
+            if (a + 1 >= arguments.size()) throw usage_error(arg + " needs a value");
+            value = arguments[++a];
+        }
+        option->apply(p, arg, value);
     }
+    if (p.stop) return s;
+    const bool output_options = p.output_options;
+    const bool bench_options = p.bench_options;
+    const bool chart_size_given = p.chart_size_given;
 
     if (s.mode == run_mode::info && !s.inputs.empty()) {
         throw usage_error("--info: takes no input files");
@@ -365,41 +493,8 @@ std::string tier_name(int32_t tier) {
 }
 
 const char* usage_text() {
-    return R"(usage: kelvane-color [OPTIONS] [INPUT...]     process images (none: a built-in test chart)
-       kelvane-color bench [OPTIONS] [INPUT]    Mpix/s of each tier next to memcpy
-       kelvane-color --info                     tier, modules and back-end of this machine
-
-Input: PNG, PPM/PGM/PAM (binary, maximum value up to 65535), TIFF; read as 16-bit samples.
-Output:
-  -o, --output FILE         one output: .png, .ppm, .pam or .raw (the library's buffer as is)
-  --output-dir DIR          one output per input, DIR/<input name>.<type>
-  --output-type TYPE        png (default), ppm, pam or raw, with --output-dir
-  --bits 8|16               output element width (default 8)
-  --channels 3|4            elements a pixel (default 3; the fourth carries the input's alpha)
-  --input-layout L          planes, bgr or rgb: the buffer handed to the library (default rgb)
-  --output-layout L         planes, bgr or rgb: the buffer the library writes (default rgb)
-Pipeline (every CH= prefix is optional: b, g, r, any of them together, or blue, green, red):
-  --matrix M                nine numbers by rows, red, green, blue; repeatable, appended in order
-                            (the last one given is applied to the pixel first)
-  --input-lut [CH=]CURVE    input LUT: identity, srgb, inverse-srgb, gamma:G, inverse-gamma:G,
-                            scale:K, off, or FILE.cube (1D)
-  --output-lut [CH=]CURVE   output LUT, the same curves
-  --output-lut-bits N       output LUT size 2^N, 0 to 16 (default 16)
-  --output-lut-max V        what a curve's 1.0 becomes in the output LUT (default 2^N - 1)
-  --clamp [CH=]MIN:MAX      clamp bounds of the matrix result (default 0:65535)
-  --shift [CH=]N            -15 to 15; default: the channel's top value to the top output bit
-  --tier T                  force a tier: scalar, sse, avx2, avx512 or a number
-Other:
-  --chart-size WxH          size of the built-in chart (default 1920x1080)
-  -q, --quiet               no summary and no progress line
-  --json FILE               bench: also write the results as JSON (- for stdout)
-  --min-time S              bench: seconds of frames for each tier (default 0.5)
-  -h, --help                this text
-  --version                 version of kelvane-color
-Exit codes: 0 done, 1 file error, 2 bad command line, 3 the library could not start,
-4 the library refused a transform, 5 bench: a tier's output differs from scalar.
-Reference: docs/kelvane-color.md.
-)";
+    static const std::string text = build_usage_text();
+    return text.c_str();
 }
 
 }  // namespace kv_tool

@@ -2,6 +2,7 @@
 // exit code the program ends with.
 #pragma once
 
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 
@@ -17,10 +18,43 @@ enum exit_code : int {
     EXIT_MISMATCH = 5,   // bench: a tier's output differs from the scalar output
 };
 
+// Text from files, file names and libraries as it may safely reach a terminal: bytes below 0x20,
+// 0x7F and the UTF-8 form of the C1 controls (which some terminals obey too) become \xNN.
+// Applying it twice changes nothing, so every message may go through it again.
+inline std::string printable(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    char escaped[8];
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const bool c1 = byte == 0xC2 && i + 1 < text.size() &&
+                        static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+                        static_cast<unsigned char>(text[i + 1]) <= 0x9F;
+        if (byte < 0x20 || byte == 0x7F || c1) {
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
+            out += escaped;
+            if (c1) {
+                std::snprintf(escaped, sizeof escaped, "\\x%02X",
+                              static_cast<unsigned char>(text[++i]));
+                out += escaped;
+            }
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+// A word quoted from a file for a message: escaped, and cut after `limit` bytes so a line of
+// megabytes does not flood the terminal.
+inline std::string excerpt(const std::string& text, size_t limit = 40) {
+    return "'" + printable(text.substr(0, limit)) + (text.size() > limit ? "...'" : "'");
+}
+
 class tool_error : public std::runtime_error {
   public:
     tool_error(exit_code code, const std::string& message)
-        : std::runtime_error(message), code_(code) {}
+        : std::runtime_error(printable(message)), code_(code) {}
     exit_code code() const { return code_; }
 
   private:

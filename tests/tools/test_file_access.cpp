@@ -1,0 +1,191 @@
+// Output files in a folder others can write to (links and files planted at temporary names, a
+// link as the output, a failed write), inputs that are not regular files or too large, and the
+// escaping of text that reaches the terminal.
+#include <cstring>
+#include <iterator>
+#include <map>
+
+#include "curves.h"
+#include "file_access.h"
+#include "image_io.h"
+#include "tool_test_support.h"
+
+#if !defined(_WIN32)
+#include <sys/stat.h>
+#include <sys/types.h>
+#endif
+
+namespace kv_tool_test {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string contents(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// What a folder holds: each name with its link target or its bytes.
+std::map<std::string, std::string> listing(const fs::path& dir) {
+    std::map<std::string, std::string> out;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        const fs::path p = entry.path();
+        out[p.filename().string()] =
+            fs::is_symlink(p) ? "-> " + fs::read_symlink(p).string() : contents(p);
+    }
+    return out;
+}
+
+#if !defined(_WIN32)
+kv_tool::file_writer writing(const std::string& bytes) {
+    return [bytes](std::FILE* out) {
+        std::fwrite(bytes.data(), 1, bytes.size(), out);
+        return std::string();
+    };
+}
+#endif
+
+struct planting_case {
+    const char* name;
+    bool output_is_link;  // out.raw itself links to the victim
+    bool links_at_names;  // links (else regular files) planted at the first temporary names
+    bool writer_fails;
+};
+
+TEST(OutputFiles, NothingPlantedIsFollowedOrReplaced) {
+#if defined(_WIN32)
+    GTEST_SKIP() << "symbolic links need privileges on Windows";
+#else
+    const planting_case cases[] = {
+        {"links at the temporary names", false, true, false},
+        {"files at the temporary names", false, false, false},
+        {"output is a link", true, true, false},
+        {"failed write", true, false, true},
+    };
+    for (const planting_case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const fs::path dir = scratch_dir() / "shared";
+        fs::create_directories(dir);
+        write_text(dir / "victim.txt", "victim");
+        const std::string out = (dir / "out.raw").string();
+        if (c.output_is_link) fs::create_symlink("victim.txt", out);
+        // The old fixed name, and the names this run will try first.
+        const std::string planted[] = {out + ".kv-partial", out + ".0", out + ".1"};
+        for (const std::string& p : planted) {
+            if (c.links_at_names) {
+                fs::create_symlink("victim.txt", p);
+            } else {
+                write_text(p, "planted");
+            }
+        }
+        auto before = listing(dir);
+        const auto names = [&](int attempt) {
+            return attempt < 2 ? planted[attempt + 1] : out + ".2";
+        };
+        if (c.writer_fails) {
+            const kv_tool::tool_error e = error_of([&] {
+                kv_tool::replace_file(
+                    out,
+                    [](std::FILE* f) {
+                        std::fputs("half", f);
+                        return std::string("PNG: broken");
+                    },
+                    names);
+            });
+            EXPECT_EQ(std::string(e.what()), out + ": PNG: broken");
+            EXPECT_EQ(listing(dir), before);
+            continue;
+        }
+        kv_tool::replace_file(out, writing("new bytes"), names);
+        before.erase("out.raw");
+        auto after = listing(dir);
+        EXPECT_EQ(after["out.raw"], "new bytes");
+        EXPECT_FALSE(fs::is_symlink(out));
+        after.erase("out.raw");
+        EXPECT_EQ(after, before);  // victim, planted names untouched, no temporary left
+    }
+#endif
+}
+
+TEST(OutputFiles, ExistingFilesAreReplacedWithOrdinaryPermissions) {
+    const fs::path dir = scratch_dir();
+    const std::string out = write_text(dir / "out.raw", "old bytes, longer than the new");
+    kv_tool::write_file(out, "new", 3);
+    EXPECT_EQ(contents(out), "new");
+    EXPECT_EQ(listing(dir).size(), 1u);
+#if !defined(_WIN32)
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    EXPECT_EQ(unsigned(fs::status(out).permissions()), 0666u & ~unsigned(mask));
+#endif
+}
+
+TEST(InputFiles, OnlyRegularFilesWithinTheirBoundAreRead) {
+    const fs::path dir = scratch_dir();
+    struct refusal {
+        std::string path;
+        const char* message;
+    };
+    std::vector<refusal> cases = {{dir.string(), "is a folder, not a file"}};
+    // A sparse file one byte over the .cube bound costs no disk.
+    const fs::path big = dir / "big.cube";
+    std::ofstream(big, std::ios::binary).put('#');
+    fs::resize_file(big, kv_tool::max_cube_file + 1);
+    cases.push_back({big.string(),
+                     "is 67108865 bytes; kelvane-color reads .cube files of at most "
+                     "67108864 bytes"});
+#if !defined(_WIN32)
+    const fs::path fifo = dir / "pipe.png";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    cases.push_back({fifo.string(), "is a FIFO (named pipe), not a file"});
+    cases.push_back({"/dev/zero", "is a device, not a file"});
+#endif
+    for (const refusal& c : cases) {
+        SCOPED_TRACE(c.path);
+        for (int reader = 0; reader < 2; ++reader) {
+            const kv_tool::tool_error e = error_of([&] {
+                if (reader == 0) kv_tool::read_image(c.path);
+                if (reader == 1) kv_tool::load_cube(c.path);
+            });
+            EXPECT_EQ(e.code(), kv_tool::EXIT_FILE);
+            const std::string message = e.what();
+            if (c.path != big.string() || reader == 1) {
+                EXPECT_EQ(message.rfind(c.path + ": ", 0), 0u) << message;
+                EXPECT_NE(message.find(c.message), std::string::npos) << message;
+            }
+        }
+    }
+}
+
+struct escape_case {
+    std::string text;
+    std::string shown;
+};
+
+TEST(Messages, ControlBytesAreEscaped) {
+    using namespace std::string_literals;
+    const escape_case cases[] = {
+        {"\x1b]0;title\x07", "\\x1B]0;title\\x07"},
+        {"tab\there\r\n", "tab\\x09here\\x0D\\x0A"},
+        {"del\x7f", "del\\x7F"},
+        {"nul\0end"s, "nul\\x00end"},
+        {"csi \xc2\x9b"
+         "31m",
+         "csi \\xC2\\x9B31m"},
+        {"caf\xc3\xa9 \xc2\xa0 \\x41", "caf\xc3\xa9 \xc2\xa0 \\x41"},  // UTF-8 and backslashes kept
+    };
+    for (const escape_case& c : cases) {
+        EXPECT_EQ(kv_tool::printable(c.text), c.shown);
+        EXPECT_EQ(kv_tool::printable(c.shown), c.shown);  // escaping twice changes nothing
+        EXPECT_EQ(std::string(kv_tool::file_error(c.text, c.text).what()),
+                  c.shown + ": " + c.shown);
+    }
+    // A line of megabytes is quoted by its start only.
+    const std::string line(20 << 20, 'A');
+    const kv_tool::tool_error e = error_of([&] { kv_tool::parse_cube("long.cube", line + "\n"); });
+    EXPECT_LT(std::strlen(e.what()), 120u) << e.what();
+    EXPECT_NE(std::string(e.what()).find("long.cube:1: unknown keyword 'AAAA"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kv_tool_test

@@ -1,0 +1,228 @@
+// Exclusive creation, bounded reading and checked standard output. The tool runs on Windows and
+// on POSIX systems, and this file is the one place where that shows.
+#include "file_access.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <new>
+#include <random>
+#include <system_error>
+
+#include "tool_error.h"
+
+#if defined(_WIN32)
+#include <fcntl.h>
+#include <io.h>
+#include <sys/stat.h>
+#include <windows.h>
+#else
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
+
+namespace kv_tool {
+namespace {
+
+std::string error_text(int error) {
+    return std::strerror(error);
+}
+
+#if defined(_WIN32)
+using stat_type = struct _stat64;
+int open_for_reading(const std::string& path) {
+    return _open(path.c_str(), _O_RDONLY | _O_BINARY | _O_NOINHERIT);
+}
+int status_of(int fd, stat_type* st) {
+    return _fstat64(fd, st);
+}
+bool is_regular(const stat_type& st) {
+    return (st.st_mode & _S_IFMT) == _S_IFREG;
+}
+const char* kind_of(const stat_type& st) {
+    return (st.st_mode & _S_IFMT) == _S_IFDIR ? "a folder" : "a device or pipe";
+}
+int create_exclusive(const std::string& path) {
+    return _open(path.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY | _O_NOINHERIT,
+                 _S_IREAD | _S_IWRITE);
+}
+std::FILE* stream_of(int fd, const char* mode) {
+    return _fdopen(fd, mode);
+}
+void close_descriptor(int fd) {
+    _close(fd);
+}
+// MoveFileEx replaces an existing file, which rename() on Windows refuses to do.
+std::string move_into_place(const std::string& from, const std::string& to) {
+    if (MoveFileExA(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING)) return std::string();
+    return std::error_code(int(GetLastError()), std::system_category()).message();
+}
+#else
+using stat_type = struct stat;
+int open_for_reading(const std::string& path) {
+    // Non-blocking, so that opening a FIFO with no writer returns at once to be refused.
+    return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+}
+int status_of(int fd, stat_type* st) {
+    return ::fstat(fd, st);
+}
+bool is_regular(const stat_type& st) {
+    return S_ISREG(st.st_mode);
+}
+const char* kind_of(const stat_type& st) {
+    if (S_ISDIR(st.st_mode)) return "a folder";
+    if (S_ISFIFO(st.st_mode)) return "a FIFO (named pipe)";
+    if (S_ISSOCK(st.st_mode)) return "a socket";
+    return "a device";
+}
+int create_exclusive(const std::string& path) {
+    // 0666 less the umask: the finished file gets the permissions of any new file.
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+}
+std::FILE* stream_of(int fd, const char* mode) {
+    return ::fdopen(fd, mode);
+}
+void close_descriptor(int fd) {
+    ::close(fd);
+}
+std::string move_into_place(const std::string& from, const std::string& to) {
+    if (std::rename(from.c_str(), to.c_str()) == 0) return std::string();
+    return error_text(errno);
+}
+#endif
+
+// ".<name>.<16 hex digits>.kv-partial" in the target's folder: hidden, unpredictable, and kept
+// within the usual 255-byte limit of a file name.
+std::string random_temporary_name(const std::string& path) {
+    static std::mt19937_64 random = [] {
+        std::random_device device;
+        const auto now = uint64_t(std::chrono::steady_clock::now().time_since_epoch().count());
+        std::seed_seq seed{device(), device(), uint32_t(now), uint32_t(now >> 32)};
+        return std::mt19937_64(seed);
+    }();
+    const std::filesystem::path target(path);
+    std::string name = target.filename().string().substr(0, 200);
+    char suffix[32];
+    std::snprintf(suffix, sizeof suffix, ".%016llx.kv-partial",
+                  static_cast<unsigned long long>(random()));
+    return (target.parent_path() / ("." + name + suffix)).string();
+}
+
+}  // namespace
+
+input_file open_input(const std::string& path, uint64_t limit, const char* what) {
+    const int fd = open_for_reading(path);
+    if (fd < 0) {
+        const int error = errno;
+        // Windows refuses to open a folder at all; say what it is rather than "access denied".
+        std::error_code ignored;
+        if (std::filesystem::is_directory(path, ignored)) {
+            throw file_error(path,
+                             "is a folder, not a file; kelvane-color reads regular files only");
+        }
+        throw file_error(path, "cannot open: " + error_text(error));
+    }
+    stat_type st{};
+    if (status_of(fd, &st) != 0) {
+        const int error = errno;
+        close_descriptor(fd);
+        throw file_error(path, "cannot open: " + error_text(error));
+    }
+    if (!is_regular(st)) {
+        close_descriptor(fd);
+        throw file_error(path, std::string("is ") + kind_of(st) + ", not a file; kelvane-color " +
+                                   "reads regular files only");
+    }
+    const auto size = uint64_t(st.st_size);
+    if (size > limit) {
+        close_descriptor(fd);
+        throw file_error(path, "is " + std::to_string(size) + " bytes; kelvane-color reads " +
+                                   what + " of at most " + std::to_string(limit) + " bytes");
+    }
+    input_file in;
+    in.file.reset(stream_of(fd, "rb"));
+    if (!in.file) {
+        const int error = errno;
+        close_descriptor(fd);
+        throw file_error(path, "cannot open: " + error_text(error));
+    }
+    in.size = size;
+    return in;
+}
+
+std::string read_small_file(const std::string& path, uint64_t limit, const char* what) {
+    input_file in = open_input(path, limit, what);
+    std::string text;
+    try {
+        text.resize(size_t(in.size));
+    } catch (const std::bad_alloc&) {
+        throw file_error(path,
+                         "not enough memory to read its " + std::to_string(in.size) + " bytes");
+    }
+    const size_t got = std::fread(&text[0], 1, text.size(), in.file.get());
+    if (std::ferror(in.file.get())) throw file_error(path, "read error: " + error_text(errno));
+    // A file that shrank while it was read ends where the reading did; one that grows is read
+    // only to the size it had when opened.
+    text.resize(got);
+    return text;
+}
+
+bool seek_to(std::FILE* file, uint64_t offset) {
+    if (offset > uint64_t(INT64_MAX)) return false;
+#if defined(_WIN32)
+    return _fseeki64(file, int64_t(offset), SEEK_SET) == 0;
+#else
+    return fseeko(file, off_t(offset), SEEK_SET) == 0;
+#endif
+}
+
+void replace_file(const std::string& path, const file_writer& write) {
+    replace_file(path, write, [&](int) { return random_temporary_name(path); });
+}
+
+void replace_file(const std::string& path, const file_writer& write,
+                  const std::function<std::string(int attempt)>& temporary_name) {
+    std::string temporary;
+    int fd = -1;
+    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
+        temporary = temporary_name(attempt);
+        fd = create_exclusive(temporary);
+        if (fd < 0 && errno != EEXIST) {
+            throw file_error(path, "cannot create: " + error_text(errno));
+        }
+    }
+    if (fd < 0) throw file_error(path, "cannot create: no free temporary name beside it");
+    std::FILE* out = stream_of(fd, "wb");
+    if (out == nullptr) {
+        const int error = errno;
+        close_descriptor(fd);
+        std::remove(temporary.c_str());
+        throw file_error(path, "cannot create: " + error_text(error));
+    }
+    std::string failure = write(out);
+    if (failure.empty() && (std::fflush(out) != 0 || std::ferror(out))) {
+        failure = "cannot write: " + error_text(errno);
+    }
+    if (std::fclose(out) != 0 && failure.empty()) failure = "cannot write: " + error_text(errno);
+    if (failure.empty()) {
+        const std::string moved = move_into_place(temporary, path);
+        if (moved.empty()) return;
+        failure = "cannot replace it: " + moved;
+    }
+    std::remove(temporary.c_str());
+    throw file_error(path, failure);
+}
+
+void finish_standard_output() {
+    errno = 0;
+    const bool flushed = std::fflush(stdout) == 0;
+    const int error = errno;
+    if (flushed && !std::ferror(stdout)) return;
+    std::clearerr(stdout);
+    throw tool_error(EXIT_FILE, "cannot write to standard output" +
+                                    (error != 0 ? ": " + error_text(error) : std::string()));
+}
+
+}  // namespace kv_tool

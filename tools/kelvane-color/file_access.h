@@ -1,0 +1,53 @@
+// Files as kelvane-color opens them in folders others may share: inputs are regular files read
+// within a size bound, outputs are created exclusively under a fresh name beside their target and
+// renamed into place, and every write, standard output included, is checked.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace kv_tool {
+
+struct file_closer {
+    void operator()(std::FILE* f) const {
+        if (f != nullptr) std::fclose(f);
+    }
+};
+using file_ptr = std::unique_ptr<std::FILE, file_closer>;
+
+struct input_file {
+    file_ptr file;
+    uint64_t size = 0;  // bytes, as the file was when opened
+};
+
+// Opens `path` for reading. Anything but a regular file (a folder, FIFO, device or socket) is
+// refused without blocking, and so is a file larger than `limit` bytes; `what` names the kind of
+// file in that message ("image files", ".cube files").
+input_file open_input(const std::string& path, uint64_t limit, const char* what);
+
+// The whole of a regular file of at most `limit` bytes.
+std::string read_small_file(const std::string& path, uint64_t limit, const char* what);
+
+// Moves the reading position to `offset` bytes from the start; false when that fails.
+bool seek_to(std::FILE* file, uint64_t offset);
+
+// Writes the whole file to `out`; returns "" or what went wrong, in words for the user.
+using file_writer = std::function<std::string(std::FILE* out)>;
+
+// Writes `path` through a temporary created exclusively in the same folder (never following or
+// replacing anything found at its name) and renames it over `path`: an existing file there is
+// replaced, a symbolic link there is replaced by the file rather than followed. On failure the
+// temporary is removed and `path` keeps what it had; the error names `path` only.
+void replace_file(const std::string& path, const file_writer& write);
+
+// The same with the names to try given: attempt n (from 0) creates `temporary_name(n)`.
+void replace_file(const std::string& path, const file_writer& write,
+                  const std::function<std::string(int attempt)>& temporary_name);
+
+// Flushes standard output and throws a file error (exit code 1) if any write to it failed.
+void finish_standard_output();
+
+}  // namespace kv_tool
