@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 
 #include "kernels/dispatch.h"
 #include "kernels/pixel_pipeline.h"
@@ -28,8 +29,10 @@ vector_module load(tier_index tier) {
     const std::string base = std::string("kelvane_qor_color_processing_vector_") + m.suffix;
     const std::string path =
         std::string(KV_VECTOR_MODULE_DIRECTORY) + "/" + base + kv::test::module_suffix;
-    // Loaded once per process and never released: one module serves every test.
-    const auto* file = new kv::test::loaded_module(path);
+    // Loaded once per process and released at exit: one module serves every test.
+    static std::vector<std::unique_ptr<kv::test::loaded_module>> files;
+    files.push_back(std::make_unique<kv::test::loaded_module>(path));
+    const kv::test::loaded_module* file = files.back().get();
     if (!file->loaded()) {
         m.load_error = path + ": cannot be loaded";
         return m;
