@@ -103,7 +103,7 @@ def main():
     parser.add_argument("archive", nargs="?", help="the kernel library (libkv_kernels.a)")
     parser.add_argument("--self-test", action="store_true", help="check the checker and exit")
     parser.add_argument("--sample", type=int, default=40, help="random kernels besides the extremes")
-    parser.add_argument("--seed", type=int, default=None, help="seed of the random sample")
+    parser.add_argument("--seed", type=int, default=20261123, help="seed of the random sample")
     parser.add_argument("--all", action="store_true", help="check all 62,208 kernels")
     parser.add_argument("--objdump", default="objdump")
     args = parser.parse_args()
@@ -112,7 +112,8 @@ def main():
     if args.archive is None:
         parser.error("the kernel library is required")
 
-    seed = args.seed if args.seed is not None else random.randrange(1 << 30)
+    seed = args.seed
+    print(f"sample seed {seed} (--seed picks another)")
     rng = random.Random(seed)
     if args.all:
         codes = list(range(KERNELS))
@@ -132,13 +133,14 @@ def main():
             for code in unit_codes:
                 checked += 1
                 if code not in functions:
-                    print(f"FAIL kernel {code} ({describe(code)}): not found in unit {unit}")
+                    print(f"FAIL kernel {code} ({describe(code)}): not found in unit {unit} "
+                          f"(seed {seed})")
                     failures += 1
                     continue
                 problems = check(functions[code])
                 if problems:
                     failures += 1
-                    print(f"FAIL kernel {code} ({describe(code)}):")
+                    print(f"FAIL kernel {code} ({describe(code)}, seed {seed}):")
                     for p in problems:
                         print(f"    {p}")
     print(f"checked {checked} kernels (seed {seed}): {checked - failures} straight-line loops")

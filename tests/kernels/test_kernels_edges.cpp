@@ -5,23 +5,38 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <vector>
 
-#include "tests/kernels/kernel_test_support.h"
+#include "kernels/dispatch.h"
+#include "tests/common/frames.h"
+#include "tests/common/reference_model.h"
 
 namespace kv {
 namespace {
 
 constexpr float identity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
 
+transform_request blank_request() {
+    return testing::make_request(testing::frame_settings{}, nullptr, 0, nullptr, nullptr);
+}
+
+void dispatch(int width, const transform_request& r, int32_t start_index) {
+    if (width == 8) {
+        dispatch_kernel_8(&r, start_index);
+    } else {
+        dispatch_kernel_16(&r, start_index);
+    }
+}
+
 // A random but fixed frame with every stage on, for the tests that compare runs with each other.
 struct random_frame {
     std::vector<uint32_t> tables[6];
     std::vector<uint16_t> input;
     color_correction_head matrix{};
-    transform_request request = testing::blank_request();
+    transform_request request = blank_request();
 
     random_frame(int32_t n, uint32_t seed, int32_t input_format, int32_t output_format,
                  bool fourth) {
@@ -30,8 +45,7 @@ struct random_frame {
             t.resize(65536);
             for (auto& e : t) e = rng();
         }
-        input.resize(3 * static_cast<size_t>(n));
-        for (auto& e : input) e = testing::random_element(rng);
+        input = testing::random_input(n, rng);
         for (float& m : matrix.matrix) m = std::uniform_real_distribution<float>(-1, 2)(rng);
         transform_request& r = request;
         r.input_buffer = input.data();
@@ -60,7 +74,7 @@ struct random_frame {
             fill);
         transform_request r = request;
         r.output_buffer = out.data();
-        testing::dispatch(width, r, start_index);
+        dispatch(width, r, start_index);
         return out;
     }
 };
@@ -113,7 +127,7 @@ TEST(EmptyRuns, NothingIsReadOrWritten) {
         for (int width : {8, 16}) {
             for (int32_t format : {0, 1, 2}) {
                 // NULL buffers: a single read or write would fault.
-                transform_request r = testing::blank_request();
+                transform_request r = blank_request();
                 r.processor = reinterpret_cast<const color_correction*>(&matrix);
                 r.input_format = r.output_format = static_cast<pixel_format>(format);
                 r.pixel_count = row.pixel_count;
@@ -124,10 +138,10 @@ TEST(EmptyRuns, NothingIsReadOrWritten) {
                     static std::vector<uint8_t> out(64, 0x77);
                     r.input_buffer = input.data();
                     r.output_buffer = out.data();
-                    testing::dispatch(width, r, row.start_index);
+                    dispatch(width, r, row.start_index);
                     EXPECT_EQ(out, std::vector<uint8_t>(64, 0x77));
                 } else {
-                    testing::dispatch(width, r, row.start_index);
+                    dispatch(width, r, row.start_index);
                 }
             }
         }
@@ -190,7 +204,7 @@ TEST_P(PlanarInputLayouts, IdentityPassPlacesEveryElement) {
     const uint16_t input[6] = {1, 2, 3, 4, 5, 6};
     color_correction_head matrix{};
     std::memcpy(matrix.matrix, identity, sizeof identity);
-    transform_request r = testing::blank_request();
+    transform_request r = blank_request();
     r.input_buffer = input;
     r.input_format = FORMAT_BGR_PLANES;
     r.output_format = static_cast<pixel_format>(c.output_format);
@@ -224,7 +238,7 @@ TEST(Layouts, RGBToBGRSwapsAndChannelsKeepTheirIdentity) {
     blue_LUT[10] = 99;
     color_correction_head matrix{};
     std::memcpy(matrix.matrix, identity, sizeof identity);
-    transform_request r = testing::blank_request();
+    transform_request r = blank_request();
     r.input_buffer = input;
     r.input_format = FORMAT_RGB_INTERLEAVED;
     r.output_format = FORMAT_BGR_INTERLEAVED;
@@ -262,7 +276,7 @@ TEST(Layouts, OffsetsBeyond32BitsAddressCorrectly) {
                 input[reference::element_place(input_format, c, last, n, false)] =
                     static_cast<uint16_t>(100 + c);
             }
-            transform_request r = testing::blank_request();
+            transform_request r = blank_request();
             r.input_buffer = input;
             r.input_format = static_cast<pixel_format>(input_format);
             r.output_format = static_cast<pixel_format>(output_format);

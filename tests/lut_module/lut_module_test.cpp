@@ -11,11 +11,10 @@
 #include <vector>
 
 #include "modules/LUT/kelvane_qor_LUT.h"
-#include "services/module_abi.h"
 #include "tests/module_support/loaded_module.h"
 
 #if KV_TEST_ALLOCATOR
-#include "tests/lut_module/test_allocator.h"
+#include "tests/common/failing_allocator.h"
 #endif
 
 namespace {
@@ -49,21 +48,6 @@ TEST(LUTModuleLoading, ExportsExactlyTheSixEntryPoints) {
                                             "kv_LUT_transform_16",      "kv_get_LUT_data",
                                             "kv_destroy_LUT",           "kv_LUT_module_terminate"};
     EXPECT_EQ(module.exported_names(), expected);
-}
-
-TEST(LUTModuleLoading, LoadingByNameReachesTheSameFunctionsAsLinking) {
-    kv::test::loaded_module module(module_file);
-    ASSERT_TRUE(module.loaded());
-    // The library's own table of entry points, filled the way the library fills it.
-    using namespace kv::abi;
-    EXPECT_EQ(module.symbol<kv_LUT_module_initialize_fn>("kv_LUT_module_initialize"),
-              &kv_LUT_module_initialize);
-    EXPECT_EQ(module.symbol<kv_create_LUT_test_fn>("kv_create_LUT_test"), &kv_create_LUT_test);
-    EXPECT_EQ(module.symbol<kv_LUT_transform_16_fn>("kv_LUT_transform_16"), &kv_LUT_transform_16);
-    EXPECT_EQ(module.symbol<kv_get_LUT_data_fn>("kv_get_LUT_data"), &kv_get_LUT_data);
-    EXPECT_EQ(module.symbol<kv_destroy_LUT_fn>("kv_destroy_LUT"), &kv_destroy_LUT);
-    EXPECT_EQ(module.symbol<kv_LUT_module_terminate_fn>("kv_LUT_module_terminate"),
-              &kv_LUT_module_terminate);
 }
 
 // Every count the library can ask for has its own edge: 1 entry (depth 0), exact lines, a line
@@ -254,13 +238,13 @@ TEST(LUTOutOfMemory, CreationThrowsBadAllocAndKeepsNothing) {
     int failures = 0;
     for (int successes = 0; successes < 8; ++successes) {
         void* handle = nullptr;
-        kv::test::fail_allocation_after(successes);
+        kv::testing::fail_allocation(successes);
         try {
             handle = kv_create_LUT_test(1000, 0);
         } catch (const std::bad_alloc&) {
             ++failures;
         }
-        kv::test::fail_allocation_after(-1);
+        kv::testing::stop_failing_allocations();
         if (handle != nullptr) {
             EXPECT_EQ(kv_get_LUT_data(handle)[999], 0u);
             EXPECT_EQ(kv_destroy_LUT(handle), 0);

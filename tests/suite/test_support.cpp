@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
-#include <random>
 
 #include "tests/common/reference_model.h"
 
@@ -51,41 +49,14 @@ std::vector<event> log_lines() {
     return events("logger", "qor_log");
 }
 
-std::string library_source_line(const std::string& base_name, int64_t line) {
-    std::ifstream file(std::string(KV_SOURCE_DIR) + "/kelvane_qor_color_processing_suite/" +
-                       base_name);
-    std::string text;
-    for (int64_t i = 1; std::getline(file, text); ++i) {
-        if (i == line) {
-            return text;
-        }
+void expect_own_line(std::map<std::string, int64_t>& lines, const std::string& key, int64_t line) {
+    EXPECT_GT(line, 0) << key;
+    const auto [at, added] = lines.emplace(key, line);
+    EXPECT_EQ(at->second, line) << key << " logged from two lines";
+    for (const auto& [other, other_line] : lines) {
+        EXPECT_TRUE(other == key || other_line != line)
+            << key << " and " << other << " share line " << line;
     }
-    return "<no such line>";
-}
-
-::testing::AssertionResult statement_holds(const std::string& base_name, int64_t line,
-                                           const std::string& fragment) {
-    const auto ends_statement = [](const std::string& text) {
-        return !text.empty() && (text.back() == ';' || text.back() == '{' || text.back() == '}');
-    };
-    int64_t first = line;
-    while (first > line - 4 && !ends_statement(library_source_line(base_name, first - 1))) {
-        --first;
-    }
-    std::string statement;
-    for (int64_t l = first; l < line + 4; ++l) {
-        const std::string text = library_source_line(base_name, l);
-        statement += text + "\n";
-        if (l >= line && ends_statement(text)) {
-            break;
-        }
-    }
-    if (statement.find(fragment) != std::string::npos) {
-        return ::testing::AssertionSuccess();
-    }
-    return ::testing::AssertionFailure()
-           << base_name << ":" << line << " is not a statement with \"" << fragment << "\":\n"
-           << statement;
 }
 
 void set_backend(const char* isa, int32_t initialize_result, int32_t count) {
@@ -152,63 +123,32 @@ int32_t run_transform(transform_export e, const frame_arguments& a) {
     }
 }
 
-frame_buffers::frame_buffers(transform_export e, int32_t pixel_count, uint32_t seed) {
-    const size_t n = pixel_count > 0 ? static_cast<size_t>(pixel_count) : 0;
-    input_storage.assign(3 * n + guard, 0);
-    std::mt19937 random(seed);
-    for (uint16_t& value : input_storage) {
-        value = static_cast<uint16_t>(random());
-    }
-    const size_t bytes = n * static_cast<size_t>(elements_per_pixel(e)) *
-                         static_cast<size_t>(output_width_of(e) / 8);
-    output_storage.assign(bytes + 2 * guard, guard_byte);
-}
-
-std::vector<uint8_t> frame_buffers::output_copy() const {
-    return std::vector<uint8_t>(output_storage.begin() + guard, output_storage.end() - guard);
-}
-
-bool frame_buffers::guards_intact() const {
-    return std::all_of(output_storage.begin(), output_storage.begin() + guard,
-                       [](uint8_t b) { return b == guard_byte; }) &&
-           std::all_of(output_storage.end() - guard, output_storage.end(),
-                       [](uint8_t b) { return b == guard_byte; });
-}
+frame_buffers::frame_buffers(transform_export e, int32_t pixel_count, uint32_t seed)
+    : in(6 * static_cast<size_t>(std::max(pixel_count, 0)), seed),
+      out(kv::testing::output_bytes(output_width_of(e), elements_per_pixel(e) == 4, pixel_count),
+          seed + 1) {}
 
 kv::transform_request reference_request(transform_export e, const frame_arguments& a,
                                         const uint8_t input_enabled[3],
                                         const uint8_t output_enabled[3]) {
-    kv::transform_request r;
-    std::memset(&r, 0, sizeof r);
-    r.input_buffer = a.input;
-    r.input_format = static_cast<kv::pixel_format>(a.input_format);
-    r.blue_input_LUT = kv_color_get_blue_input_LUT(a.handle);
-    r.green_input_LUT = kv_color_get_green_input_LUT(a.handle);
-    r.red_input_LUT = kv_color_get_red_input_LUT(a.handle);
-    r.blue_input_LUT_enabled = input_enabled[0];
-    r.green_input_LUT_enabled = input_enabled[1];
-    r.red_input_LUT_enabled = input_enabled[2];
-    r.processor = reinterpret_cast<const kv::color_correction*>(a.handle);
-    r.blue_output_min = a.minimum[0];
-    r.blue_output_max = a.maximum[0];
-    r.green_output_min = a.minimum[1];
-    r.green_output_max = a.maximum[1];
-    r.red_output_min = a.minimum[2];
-    r.red_output_max = a.maximum[2];
-    r.blue_output_LUT = kv_color_get_blue_output_LUT(a.handle);
-    r.green_output_LUT = kv_color_get_green_output_LUT(a.handle);
-    r.red_output_LUT = kv_color_get_red_output_LUT(a.handle);
-    r.blue_output_LUT_enabled = output_enabled[0];
-    r.green_output_LUT_enabled = output_enabled[1];
-    r.red_output_LUT_enabled = output_enabled[2];
-    r.blue_shift_distance = a.shift[0];
-    r.green_shift_distance = a.shift[1];
-    r.red_shift_distance = a.shift[2];
-    r.output_buffer = a.output;
-    r.output_format = static_cast<kv::pixel_format>(a.output_format);
-    r.fourth_channel = static_cast<uint8_t>(elements_per_pixel(e) == 4 ? 1 : 0);
-    r.pixel_count = a.pixel_count;
-    return r;
+    uint32_t* (*const getters[])(kv_color_processor_handle) = {
+        kv_color_get_blue_input_LUT,  kv_color_get_green_input_LUT,  kv_color_get_red_input_LUT,
+        kv_color_get_blue_output_LUT, kv_color_get_green_output_LUT, kv_color_get_red_output_LUT};
+    kv::testing::frame_settings s;
+    s.width = output_width_of(e);
+    s.input_format = a.input_format;
+    s.output_format = a.output_format;
+    s.fourth_channel = elements_per_pixel(e) == 4;
+    for (int c = 0; c < 3; ++c) {
+        s.input_LUT[c] = input_enabled[c] ? getters[c](a.handle) : nullptr;
+        s.output_LUT[c] = output_enabled[c] ? getters[3 + c](a.handle) : nullptr;
+        s.minimum[c] = a.minimum[c];
+        s.maximum[c] = a.maximum[c];
+        s.shift_distance[c] = a.shift[c];
+    }
+    // The handle points at the processor, whose first member is the matrix.
+    return kv::testing::make_request(s, a.input, a.pixel_count, a.output,
+                                     reinterpret_cast<const kv::color_correction_head*>(a.handle));
 }
 
 std::vector<uint8_t> expected_output(transform_export e, const frame_arguments& a,

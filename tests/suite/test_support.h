@@ -6,12 +6,15 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "kelvane_qor_color_processing.h"
 #include "kernels/transform_request.h"
+#include "tests/common/failing_allocator.h"
+#include "tests/common/frames.h"
 #include "tests/fakes/journal.h"
 
 namespace kv_test {
@@ -32,21 +35,16 @@ std::vector<std::string> sequence(const std::vector<std::string>& modules);
 // The messages that reached qor_log.
 std::vector<event> log_lines();
 
-// The source line `line` of a file of the main library, by its base name.
-std::string library_source_line(const std::string& base_name, int64_t line);
-
-// Whether the statement that `line` reports holds `fragment`. Compilers disagree on which line
-// of a statement spread over several lines __LINE__ gives, so the whole statement counts.
-::testing::AssertionResult statement_holds(const std::string& base_name, int64_t line,
-                                           const std::string& fragment);
+// Log lines name their call site: the same refusal always reports the same line, and different
+// refusals different lines. `key` -> line seen so far; fails when a key moves or two keys share a
+// line.
+void expect_own_line(std::map<std::string, int64_t>& lines, const std::string& key, int64_t line);
 
 // Sets the fake vector modules' answers.
 void set_backend(const char* isa, int32_t initialize_result, int32_t count);
 
-// Allocation failure injection: the `n`-th allocation through operator new from now on (0 is the
-// next) throws std::bad_alloc, once.
-void fail_allocation(long n);
-void stop_failing_allocations();
+using kv::testing::fail_allocation;
+using kv::testing::stop_failing_allocations;
 
 // Starts every test with the module down and an empty journal, and brings the module down again
 // after it, however the test left it.
@@ -90,21 +88,19 @@ struct frame_arguments {
 
 int32_t run_transform(transform_export e, const frame_arguments& a);
 
-// Input pixels and an output buffer for one export, each with guard bytes around it.
+// Noise input pixels and a noise-filled output buffer for one export, each against a fence page
+// (tests/common/frames.h).
 struct frame_buffers {
-    static constexpr size_t guard = 64;
-    static constexpr uint8_t guard_byte = 0xEE;
-
     frame_buffers(transform_export e, int32_t pixel_count, uint32_t seed);
 
-    uint16_t* input() { return input_storage.data() + guard / 2; }
-    void* output() { return output_storage.data() + guard; }
-    size_t output_bytes() const { return output_storage.size() - 2 * guard; }
-    std::vector<uint8_t> output_copy() const;
-    bool guards_intact() const;
+    uint16_t* input() { return reinterpret_cast<uint16_t*>(in.data()); }
+    void* output() { return out.data(); }
+    size_t output_bytes() const { return out.size(); }
+    std::vector<uint8_t> input_copy() const { return in.copy(); }
+    std::vector<uint8_t> output_copy() const { return out.copy(); }
+    bool guards_intact() const { return in.guards_intact() && out.guards_intact(); }
 
-    std::vector<uint16_t> input_storage;
-    std::vector<uint8_t> output_storage;
+    kv::testing::guarded_buffer in, out;
 };
 
 // A record as the library fills it for `a` on `handle` with the given LUT flags, for the

@@ -1,5 +1,5 @@
-// The corners of the arithmetic and of memory, at every tier: rounding and folding of special
-// sums, shifts and narrowing, buffers that end or begin at an inaccessible page, misaligned starts,
+// The corners of the arithmetic and of memory, at every tier: the worked pixel cases, rounding
+// sweeps, buffers that end or begin at an inaccessible page, misaligned starts,
 // overlapping buffers, frames past the cache size (non-temporal stores) and counts of 0 or less.
 #include <gtest/gtest.h>
 
@@ -7,16 +7,13 @@
 #include <cstring>
 #include <limits>
 
+#include "tests/common/pixel_cases.h"
 #include "tests/common/reference_model.h"
-#include "tests/vector/fenced_region.h"
 #include "tests/vector/vector_test_support.h"
 
 namespace kv {
 namespace testing {
 namespace {
-
-constexpr float inf = std::numeric_limits<float>::infinity();
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 
 // Three blocks of the widest tier and a bit: every lane position and the overlapping last block.
 constexpr int32_t corner_pixels = 3 * 64 + 5;
@@ -45,66 +42,34 @@ std::vector<uint16_t> repeated_pixel(int32_t n, int32_t format, uint16_t blue, u
     return input;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Rounding, clamping and the fold of special sums, on the red channel.
-// ---------------------------------------------------------------------------------------------
+// The worked pixel cases (tests/common/pixel_cases.h) over whole blocks of the same pixel, in
+// planes and interleaved: every lane stores what the rules say.
+class PixelRules : public tier_test {};
 
-struct corner {
-    const char* name;
-    float row[3];  // the red row: factors of R, G, B
-    uint16_t red, green, blue;
-    uint16_t minimum, maximum;
-    uint16_t expected;  // the stored red element at 16 bits
-};
-
-const corner corners[] = {
-    {"float below one half rounds to 0", {0.49999997f, 0, 0}, 1, 0, 0, 0, 65535, 0},
-    {"one half rounds up", {0.5f, 0, 0}, 1, 0, 0, 0, 65535, 1},
-    {"one and a half rounds up", {1.5f, 0, 0}, 1, 0, 0, 0, 65535, 2},
-    {"two and a half rounds up, not to even", {2.5f, 0, 0}, 1, 0, 0, 0, 65535, 3},
-    {"tie formed by a product", {0.5f, 0, 0}, 5, 0, 0, 0, 65535, 3},
-    {"minus 0.4 gives 0", {-0.4f, 0, 0}, 1, 0, 0, 0, 65535, 0},
-    {"minus 0.7 gives 0", {-0.7f, 0, 0}, 1, 0, 0, 0, 65535, 0},
-    {"minus 1.7 clamps to the minimum", {-1.7f, 0, 0}, 1, 0, 0, 5, 100, 5},
-    {"largest float below 2^31 clamps to the maximum", {2147483520.0f, 0, 0}, 1, 0, 0, 7, 100, 100},
-    {"2^31 folds to the minimum", {2147483648.0f, 0, 0}, 1, 0, 0, 7, 100, 7},
-    {"infinity folds to the minimum", {inf, 0, 0}, 1, 0, 0, 7, 100, 7},
-    {"minus infinity gives the minimum", {-inf, 0, 0}, 1, 0, 0, 7, 100, 7},
-    {"NaN gives the minimum", {nan, 0, 0}, 1, 0, 0, 7, 100, 7},
-    {"NaN times a zero factor", {1, nan, 0}, 50, 0, 0, 7, 100, 7},
-    {"infinity times a zero factor", {1, 0, inf}, 50, 0, 0, 7, 100, 7},
-    {"huge product overflows to infinity", {3.0e38f, 0, 0}, 65535, 0, 0, 7, 100, 7},
-    {"subnormal factor", {1.0e-45f, 0, 0}, 65535, 0, 0, 0, 65535, 0},
-    {"R and G terms are summed first", {16777216.0f, 1.0f, -16777216.0f}, 1, 1, 1, 0, 65535, 0},
-    {"just past the largest element", {65535.5f, 0, 0}, 1, 0, 0, 0, 65535, 65535},
-    {"2^23 + 1", {8388609.0f, 0, 0}, 1, 0, 0, 0, 65535, 65535},
-    {"bounds equal", {1, 0, 0}, 300, 0, 0, 42, 42, 42},
-    {"crossed bounds: the minimum wins", {1, 0, 0}, 300, 0, 0, 500, 100, 500},
-    {"negative zero", {-0.0f, 0, 0}, 1000, 0, 0, 0, 65535, 0},
-    {"all three terms", {0.25f, 0.5f, 0.125f}, 1000, 2000, 4000, 0, 65535, 1750},
-};
-
-class ArithmeticCorners : public tier_test {};
-
-TEST_P(ArithmeticCorners, StoreWhatTheRulesSay) {
-    for (const corner& c : corners) {
+TEST_P(PixelRules, EveryLaneStoresTheWorkedValues) {
+    for (const pixel_case& c : pixel_cases()) {
+        case_tables tables;
+        frame_settings s = tables.settings(c);
         for (int32_t layout : {FORMAT_BGR_PLANES, FORMAT_BGR_INTERLEAVED}) {
-            frame_settings s;
             s.input_format = s.output_format = layout;
-            std::memcpy(s.matrix, c.row, sizeof c.row);
-            s.minimum[2] = c.minimum;
-            s.maximum[2] = c.maximum;
-            const frame f(s, repeated_pixel(corner_pixels, layout, c.blue, c.green, c.red), 1);
+            const frame f(
+                s, repeated_pixel(corner_pixels, layout, c.element[0], c.element[1], c.element[2]),
+                1);
             int32_t count = 0;
             const std::vector<uint8_t> out = f.run_routed(module(), &count);
             EXPECT_EQ(count, corner_pixels) << c.name;
             for (int32_t p = 0; p < corner_pixels; ++p) {
-                ASSERT_EQ(element_at(out, f, 2, p), c.expected) << c.name << ", pixel " << p;
+                for (int ch = 0; ch < (c.fourth ? 4 : 3); ++ch) {
+                    ASSERT_EQ(element_at(out, f, ch, p), ch < 3 ? c.expected[ch] : 0u)
+                        << c.name << ", layout " << layout << ", pixel " << p << ", element " << ch;
+                }
             }
             EXPECT_EQ(out, f.run_reference()) << c.name;
         }
     }
 }
+
+class ArithmeticCorners : public tier_test {};
 
 // Sums that sweep the fractions: one factor times every element value, for factors whose
 // products land on, just below and just above the halves.
@@ -127,68 +92,6 @@ TEST_P(ArithmeticCorners, RoundingSweepsOverEveryElementValue) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Output LUT, shift and narrowing, on the green channel.
-// ---------------------------------------------------------------------------------------------
-
-struct shift_corner {
-    const char* name;
-    uint32_t entry;  // every entry of the green output LUT
-    int32_t distance;
-    uint16_t expected_16;
-    uint8_t expected_8;
-};
-
-const shift_corner shift_corners[] = {
-    {"bits above the element come down", 0x00012345u, -4, 0x1234, 0x34},
-    {"no saturation at 8 bits", 0x100u, 0, 0x100, 0x00},
-    {"right by one", 0x100u, -1, 0x80, 0x80},
-    {"left shift loses the bit at 8 bits", 0x40u, 2, 0x100, 0x00},
-    {"left by 15", 0xFFFFu, 15, 0x8000, 0x00},
-    {"right shift is arithmetic", 0x80000000u, -20, 0xF800, 0x00},
-    {"right by 31 of a negative entry", 0x80000000u, -31, 0xFFFF, 0xFF},
-    {"count modulo 32: minus 32 shifts nothing", 0x1234u, -32, 0x1234, 0x34},
-    {"count modulo 32: 33 shifts by one", 0x1234u, 33, 0x2468, 0x68},
-    {"the most negative distance shifts nothing", 0x1234u, std::numeric_limits<int32_t>::min(),
-     0x1234, 0x34},
-};
-
-class ShiftAndNarrowing : public tier_test {};
-
-TEST_P(ShiftAndNarrowing, StoreWhatTheRulesSay) {
-    for (const shift_corner& c : shift_corners) {
-        const std::vector<uint32_t> table(65536, c.entry);
-        for (int width : {8, 16}) {
-            frame_settings s;
-            s.width = width;
-            s.output_LUT[1] = table.data();
-            s.shift_distance[1] = c.distance;
-            std::mt19937 rng(5);
-            const frame f(s, random_input(corner_pixels, rng), 3);
-            const std::vector<uint8_t> out = f.run_routed(module());
-            for (int32_t p = 0; p < corner_pixels; ++p) {
-                ASSERT_EQ(element_at(out, f, 1, p), width == 8 ? c.expected_8 : c.expected_16)
-                    << c.name << ", width " << width << ", pixel " << p;
-            }
-            EXPECT_EQ(out, f.run_reference()) << c.name;
-        }
-    }
-}
-
-// The high half of an input LUT entry has no effect; a table never filled maps to 0.
-TEST_P(ShiftAndNarrowing, InputLUTTakesTheLowHalfOfItsEntries) {
-    std::vector<uint32_t> high_noise(65536), zeros(65536, 0);
-    for (uint32_t i = 0; i < 65536; ++i) high_noise[i] = (i * 2654435761u & 0xFFFF0000u) | i;
-    frame_settings s;
-    s.input_LUT[0] = high_noise.data();
-    s.input_LUT[2] = zeros.data();
-    std::mt19937 rng(11);
-    const frame f(s, random_input(corner_pixels, rng), 4);
-    const std::vector<uint8_t> out = f.run_routed(module());
-    EXPECT_EQ(out, f.run_reference());
-    for (int32_t p = 0; p < corner_pixels; ++p) ASSERT_EQ(element_at(out, f, 2, p), 0);
-}
-
-// ---------------------------------------------------------------------------------------------
 // Memory: page boundaries, misaligned starts, overlap, counts of 0 or less, large frames.
 // ---------------------------------------------------------------------------------------------
 
@@ -198,7 +101,7 @@ class MemoryBounds : public tier_test {};
 // read-only. Every layout pair at both widths, with LUTs on both sides.
 TEST_P(MemoryBounds, BuffersEndingOrBeginningAtAPageBoundary) {
     std::mt19937 rng(17);
-    fenced_region input_LUT(65536 * 4, true), output_LUT(65536 * 4, false);
+    guarded_buffer input_LUT(65536 * 4), output_LUT(65536 * 4, 1, 0, guarded_buffer::before);
     std::memcpy(input_LUT.data(), table_pool(1).data(), 65536 * 4);
     std::memcpy(output_LUT.data(), table_pool(0).data(), 65536 * 4);
     input_LUT.make_read_only();
@@ -219,8 +122,13 @@ TEST_P(MemoryBounds, BuffersEndingOrBeginningAtAPageBoundary) {
                         const int32_t n = 3 * module().block(width) + 3;
                         const frame f(s, random_input(n, rng), 6);
 
-                        fenced_region input(6 * static_cast<size_t>(n), flush_with_end);
-                        fenced_region output(f.output_bytes(), flush_with_end);
+                        const auto side =
+                            flush_with_end ? guarded_buffer::after : guarded_buffer::before;
+                        // Starts placed so that the ends touch the fence exactly.
+                        const size_t in_bytes = 6 * static_cast<size_t>(n);
+                        guarded_buffer input(in_bytes, 2, (64 - in_bytes % 64) % 64, side);
+                        guarded_buffer output(f.output_bytes(), 3,
+                                              (64 - f.output_bytes() % 64) % 64, side);
                         const std::vector<uint8_t> expected = f.run_reference();
                         std::memcpy(output.data(), expected.data(), expected.size());
                         for (size_t b = 0; b < expected.size(); ++b) output.data()[b] ^= 0x5A;
@@ -366,8 +274,8 @@ TEST_P(MemoryBounds, FramesLargerThanTheCache) {
     }
 }
 
+KV_INSTANTIATE_FOR_TIERS(PixelRules);
 KV_INSTANTIATE_FOR_TIERS(ArithmeticCorners);
-KV_INSTANTIATE_FOR_TIERS(ShiftAndNarrowing);
 KV_INSTANTIATE_FOR_TIERS(MemoryBounds);
 
 }  // namespace

@@ -1,49 +1,67 @@
-// The identity the vector modules' rounding rests on, for every one of the 2^32 floats: truncating
-// sum + 0.49999997 in single precision gives, after any clamp into [0, 65535], what truncating
-// double(sum) + 0.5 gives. The scalar form is the definition; the vector form is what the modules
-// compute (see modules/vector/vector_pipeline.h).
-#include <emmintrin.h>
+// The vector modules' rounding against the rule, for every float sum that can land in [0, 65535]:
+// each binade of non-negative floats below 2^16 (and the subnormals) is one frame whose red sums
+// R * u + G * 65536u are exactly the binade's 2^23 floats (u the binade's spacing, G the high
+// mantissa bits, R the low 16). What each module stores must be cvttsd2si(double(sum) + 0.5)
+// clamped to [0, 65535], the scalar rule. Negative sums, sums past 2^16, infinities and NaN clamp
+// or fold on both sides alike; the worked pixel cases check those.
 #include <gtest/gtest.h>
 
-#include <bitset>
-#include <cstdint>
+#include <cmath>
+#include <cstring>
+#include <vector>
 
+#include "tests/vector/vector_test_support.h"
+
+namespace kv {
+namespace testing {
 namespace {
 
-TEST(RoundingIdentity, HoldsForEveryFloatAfterTheClamp) {
-    const __m128 nearly_half = _mm_set1_ps(0.49999997f);
-    const __m128d half = _mm_set1_pd(0.5);
-    uint64_t differing = 0, first_difference = 0;
-    for (uint64_t base = 0; base < (1ull << 32); base += 4) {
-        const __m128i bits =
-            _mm_add_epi32(_mm_set1_epi32(static_cast<int32_t>(base)), _mm_setr_epi32(0, 1, 2, 3));
-        const __m128 sum = _mm_castsi128_ps(bits);
-        const __m128i single = _mm_cvttps_epi32(_mm_add_ps(sum, nearly_half));
-        // Two floats at a time widened to double, 0.5 added there, truncated.
-        const __m128i low = _mm_cvttpd_epi32(_mm_add_pd(_mm_cvtps_pd(sum), half));
-        const __m128i high =
-            _mm_cvttpd_epi32(_mm_add_pd(_mm_cvtps_pd(_mm_movehl_ps(sum, sum)), half));
-        const __m128i twice = _mm_unpacklo_epi64(low, high);
-        // Equal, or both at or below 0 (clamped to the minimum), or both at or above 65535.
-        const __m128i zero = _mm_setzero_si128(), top = _mm_set1_epi32(65534);
-        const __m128i agree = _mm_or_si128(
-            _mm_cmpeq_epi32(single, twice),
-            _mm_or_si128(_mm_andnot_si128(
-                             _mm_cmpgt_epi32(single, zero),
-                             _mm_andnot_si128(_mm_cmpgt_epi32(twice, zero), _mm_set1_epi32(-1))),
-                         _mm_and_si128(_mm_cmpgt_epi32(single, top), _mm_cmpgt_epi32(twice, top))));
-        const int mask = _mm_movemask_ps(_mm_castsi128_ps(agree));
-        if (mask != 0xF) {
-            const std::bitset<4> disagree(static_cast<unsigned>(~mask & 0xF));
-            if (differing == 0) {
-                uint64_t lane = 0;
-                while (!disagree[lane]) ++lane;
-                first_difference = base + lane;
+class EveryFloat : public tier_test {};
+
+TEST_P(EveryFloat, RoundsLikeTheScalarRuleBelow65536) {
+    constexpr int32_t n = 1 << 23;
+    // Planes: blue (zeros), green (the high bits), red (the low 16 bits).
+    std::vector<uint16_t> input(3 * static_cast<size_t>(n), 0);
+    for (int32_t i = 0; i < n; ++i) {
+        input[n + i] = static_cast<uint16_t>(i >> 16);
+        input[2 * static_cast<size_t>(n) + i] = static_cast<uint16_t>(i & 0xFFFF);
+    }
+    std::vector<uint16_t> output(3 * static_cast<size_t>(n));
+    uint64_t differing = 0;
+    // Exponent -149 stands for the subnormals (mantissas below 2^23 at spacing 2^-149); from
+    // -126 on, a binade's mantissas run from 2^23 to 2^24 - 1 at spacing 2^(e - 23).
+    for (int e = -127; e <= 15 && differing == 0; ++e) {
+        const bool subnormal = e == -127;
+        const float spacing = std::ldexp(1.0f, subnormal ? -149 : e - 23);
+        const uint32_t top = subnormal ? 0 : 1u << 23;  // the implicit bit, through G
+        frame_settings s;
+        s.input_format = s.output_format = FORMAT_BGR_PLANES;
+        const float matrix[9] = {spacing, 65536 * spacing, 0, 0, 0, 0, 0, 0, 0};
+        std::memcpy(s.matrix, matrix, sizeof matrix);
+        // G carries the mantissa's high bits, so the implicit bit goes in through the input.
+        if (!subnormal) {
+            for (int32_t i = 0; i < n; ++i) input[n + i] = static_cast<uint16_t>((i | top) >> 16);
+        }
+        color_correction_head head;
+        std::memcpy(head.matrix, s.matrix, sizeof head.matrix);
+        const transform_request r = make_request(s, input.data(), n, output.data(), &head);
+        ASSERT_EQ(module().transform(16, r), n) << "exponent " << e;
+        const uint16_t* red = output.data() + 2 * static_cast<size_t>(n);
+        for (int32_t i = 0; i < n; ++i) {
+            const float sum = static_cast<float>(static_cast<uint32_t>(i) | top) * spacing;
+            const double rounded = std::trunc(static_cast<double>(sum) + 0.5);
+            const uint16_t expected = rounded > 65535 ? 65535 : static_cast<uint16_t>(rounded);
+            if (red[i] != expected && differing++ == 0) {
+                ADD_FAILURE() << module().suffix << ": sum " << sum << " (exponent " << e
+                              << ") stored " << red[i] << ", the rule gives " << expected;
             }
-            differing += disagree.count();
         }
     }
-    EXPECT_EQ(differing, 0u) << "first at float bits 0x" << std::hex << first_difference;
+    EXPECT_EQ(differing, 0u);
 }
 
+KV_INSTANTIATE_FOR_TIERS(EveryFloat);
+
 }  // namespace
+}  // namespace testing
+}  // namespace kv

@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "kernels/pixel_pipeline.h"
-#include "tests/vector/fenced_region.h"
+#include "tests/common/frames.h"
 #include "tests/vector/vector_test_support.h"
 
 namespace kv {
@@ -183,7 +183,7 @@ TEST_P(SeparableFrames, SmallInputLUTsAreReadOnlyUpToTheLargestElement) {
             for (int32_t format : {0, 1, 2}) {
                 std::mt19937 rng(seed + entries);
                 const uint16_t output_max = 1000;
-                fenced_region input_LUT(entries * 4, true), output_LUT((output_max + 1) * 4, true);
+                guarded_buffer input_LUT(entries * 4), output_LUT((output_max + 1) * 4);
                 std::memcpy(input_LUT.data(), table_pool(1).data(), entries * 4);
                 std::memcpy(output_LUT.data(), table_pool(5).data(), (output_max + 1) * 4);
                 input_LUT.make_read_only();

@@ -14,6 +14,7 @@
 #include "kernels/transform_request.h"
 #include "modules/vector/instruction_sets.h"
 #include "services/module_abi.h"
+#include "tests/common/frames.h"
 
 namespace kv {
 namespace testing {
@@ -23,7 +24,6 @@ struct vector_module {
     const char* suffix;  // sse, avx2, avx512
     vector::instruction_set set;
     const char* missing;  // null when the processor and system support the set
-    void* handle = nullptr;
     abi::vector_initialize_fn initialize = nullptr;
     abi::vector_transform_fn transform_8 = nullptr;
     abi::vector_transform_fn transform_16 = nullptr;
@@ -56,31 +56,6 @@ class tier_test : public ::testing::TestWithParam<tier_index> {
         Tiers, suite,                                                                      \
         ::testing::Values(::kv::testing::SSE, ::kv::testing::AVX2, ::kv::testing::AVX512), \
         ::kv::testing::tier_name)
-
-// Shared 65,536-entry tables of several kinds, built once: random 32-bit entries, entries whose
-// high half is noise over a smooth low half, and small values.
-const std::vector<uint32_t>& table_pool(int index);
-constexpr int table_pool_size = 6;
-
-// The settings of one frame, everything a transform record carries.
-struct frame_settings {
-    int width = 16;
-    int32_t input_format = FORMAT_BGR_INTERLEAVED;
-    int32_t output_format = FORMAT_BGR_INTERLEAVED;
-    bool fourth_channel = false;
-    float matrix[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-    const uint32_t* input_LUT[3] = {nullptr, nullptr, nullptr};   // blue, green, red; null: off
-    const uint32_t* output_LUT[3] = {nullptr, nullptr, nullptr};  // null: off
-    uint8_t enabled_byte = 1;  // the value of an "on" flag: any non-zero byte means on
-    uint16_t minimum[3] = {0, 0, 0};
-    uint16_t maximum[3] = {0xFFFF, 0xFFFF, 0xFFFF};
-    int32_t shift_distance[3] = {0, 0, 0};
-};
-
-// The record of a frame; reserved bytes hold noise, as on a real stack.
-transform_request make_request(const frame_settings& settings, const uint16_t* input,
-                               int32_t pixel_count, void* output,
-                               const color_correction_head* matrix);
 
 // A frame: input elements, the settings and a guarded output buffer filled with noise, so that
 // any byte a run writes where it should not shows.
@@ -116,17 +91,6 @@ class frame {
     uint32_t seed_;
     size_t output_misalign_;
 };
-
-// Random settings for one point of the kernel coordinate space (kernel_coordinates::encode()).
-// Formats other than 1 and 2 sometimes come as -1 or 5, which mean planes as well.
-frame_settings random_settings(uint32_t coordinates, std::mt19937& rng);
-
-// Input elements of several characters: uniform noise, smooth image-like ramps, small values and
-// the extremes.
-std::vector<uint16_t> random_input(int32_t pixel_count, std::mt19937& rng);
-
-// A float drawn to hit the arithmetic corners now and then.
-float random_matrix_value(std::mt19937& rng);
 
 }  // namespace testing
 }  // namespace kv

@@ -1,13 +1,13 @@
 // A host deployed as on a customer's machine: the program, the library and the five companion
 // modules in one folder, a logger configuration beside them, and decoy copies of the modules on
-// PATH. Windows searches the program's folder first, so every module must come from there.
+// PATH. Windows searches the program's folder first, so every module must come from there. Random
+// frames through every tier: tests/common/public_api_frames.cpp.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <string>
 
 #ifndef WIN32_LEAN_AND_MEAN
@@ -74,67 +74,6 @@ TEST_F(DeployedHost, EveryModuleComesFromTheProgramsFolder) {
         EXPECT_EQ(folder_of(module), home) << file;
     }
     EXPECT_EQ(kv_color_destroy_color_processor(p), 0);
-}
-
-// Every tier through the real vector modules and the scalar tail, against the reference model:
-// frames long enough for whole vectors and a tail, every export, layout and LUT pattern.
-TEST_F(DeployedHost, PixelsOfEveryTierMatchTheReferenceModel) {
-    std::mt19937 random(1187);
-    for (int32_t tier = KV_TIER_SCALAR; tier <= KV_TIER_AVX512; ++tier) {
-        for (int round = 0; round < 24; ++round) {
-            const int32_t output_depth = static_cast<int32_t>(random() % 17);
-            kv_color_processor_handle p =
-                kv_color_create_color_processor_test(16, output_depth, tier);
-            ASSERT_NE(p, nullptr);
-            uint32_t* (*const getters[])(kv_color_processor_handle) = {
-                kv_color_get_blue_input_LUT,   kv_color_get_green_input_LUT,
-                kv_color_get_red_input_LUT,    kv_color_get_blue_output_LUT,
-                kv_color_get_green_output_LUT, kv_color_get_red_output_LUT};
-            for (int t = 0; t < 6; ++t) {
-                uint32_t* table = getters[t](p);
-                const uint32_t entries = 1u << (t < 3 ? 16 : output_depth);
-                for (uint32_t i = 0; i < entries; ++i) table[i] = static_cast<uint32_t>(random());
-            }
-            uint8_t input_on[3], output_on[3];
-            for (int c = 0; c < 3; ++c) {
-                input_on[c] = static_cast<uint8_t>(random() & 1);
-                output_on[c] = static_cast<uint8_t>(random() & 1);
-            }
-            ASSERT_EQ(kv_color_enable_input_LUTs(p, input_on[0], input_on[1], input_on[2]), 0);
-            ASSERT_EQ(kv_color_enable_output_LUTs(p, output_on[0], output_on[1], output_on[2]), 0);
-            std::uniform_real_distribution<float> coefficient(-2.0f, 2.0f);
-            float m[9];
-            for (float& v : m) v = coefficient(random);
-            ASSERT_EQ(kv_color_append_matrix(p, m), 0);
-
-            const transform_export e = all_exports[round % 4];
-            const int32_t pixels = round % 3 == 0 ? static_cast<int32_t>(random() % 5000)
-                                                  : static_cast<int32_t>(random() % 100);
-            frame_buffers buffers(e, pixels, static_cast<uint32_t>(random()));
-            frame_arguments a;
-            a.handle = p;
-            a.input = buffers.input();
-            a.input_format = static_cast<int32_t>(random() % 3);
-            a.output = buffers.output();
-            a.output_format = static_cast<int32_t>(random() % 3);
-            a.pixel_count = pixels;
-            const int32_t limit = (1 << output_depth) - 1;
-            for (int c = 0; c < 3; ++c) {
-                const auto x = static_cast<uint16_t>(random() % (limit + 1));
-                const auto y = static_cast<uint16_t>(random() % (limit + 1));
-                a.minimum[c] = std::min(x, y);
-                a.maximum[c] = output_on[c] ? std::max(x, y) : static_cast<uint16_t>(65535);
-                a.shift[c] = static_cast<int32_t>(random() % 31) - 15;
-            }
-            SCOPED_TRACE("tier " + std::to_string(tier) + " round " + std::to_string(round) + " " +
-                         name_of(e) + " pixels " + std::to_string(pixels));
-            const std::vector<uint8_t> before = buffers.output_copy();
-            ASSERT_EQ(run_transform(e, a), KV_STATUS_SUCCESS);
-            EXPECT_EQ(buffers.output_copy(), expected_output(e, a, input_on, output_on, before, 0));
-            EXPECT_TRUE(buffers.guards_intact());
-            ASSERT_EQ(kv_color_destroy_color_processor(p), 0);
-        }
-    }
 }
 
 TEST_F(DeployedHost, TheLoggerWritesWhereItsConfigurationSays) {
