@@ -26,7 +26,12 @@
 #include "services/module_abi.h"
 #include "tests/module_support/loaded_module.h"
 
-#if !defined(_WIN32)
+#if defined(_WIN32)
+#ifndef NOMINMAX
+#define NOMINMAX  // std::min and std::max stay usable
+#endif
+#include <windows.h>
+#else
 #include <sys/stat.h>  // mkfifo
 #endif
 
@@ -334,6 +339,14 @@ TEST_F(LoggerTest, ConfigurationOtherThanASmallRegularFileIsRefusedAtOnce) {
     };
     for (const planted& c : cases) {
         SCOPED_TRACE(c.name);
+#if defined(_WIN32)
+        // Wine reports NUL as a disk file, so only a Windows host can show the device refusal.
+        if (std::strcmp(c.name, "Device") == 0 &&
+            GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") != nullptr) {
+            std::printf("[ NOTE ] Device: left to a Windows host, Wine gives NUL as a disk\n");
+            continue;
+        }
+#endif
         fs::remove_all(config_name);
         c.plant();
         const output o = capture([&] { log_every_level(logger_functions{}, c.config); });
