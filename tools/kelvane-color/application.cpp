@@ -7,6 +7,7 @@
 #include <new>
 #include <optional>
 #include <set>
+#include <utility>
 
 #include "bench.h"
 #include "chart.h"
@@ -126,8 +127,13 @@ std::string output_path_for(const settings& s, const job& j, file_type* type) {
 int run_process(const settings& s) {
     library_session session;
     const system_report system = probe_system();
-    const pipeline_plan plan = plan_pipeline(s);
-    processor p(s, plan, s.tier);
+    // Without an output file only the library's own frame is timed.
+    const output_route route = route_output(s, !s.output.empty()      ? file_type_of(s.output, "-o")
+                                               : s.output_dir.empty() ? file_type::raw
+                                                                      : s.output_type);
+    const settings& library = route.library;
+    const pipeline_plan& plan = route.plan;
+    processor p(library, plan, s.tier);
     const int32_t tier = s.tier.value_or(system.cpu.tier);
     const int32_t backend = routed_backend(tier, system.vector);
 
@@ -156,14 +162,15 @@ int run_process(const settings& s) {
             const image picture = read_source(j.input, s);
             const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
             const size_t out_size = output_bytes(s, picture.pixel_count());
-            std::vector<uint16_t> output((out_size + 1) / 2);
+            std::vector<uint16_t> output((output_bytes(library, picture.pixel_count()) + 1) / 2);
             const auto pixels = int32_t(picture.pixel_count());
             const auto start = std::chrono::steady_clock::now();
             const kv_status status =
-                run_transform(p.handle(), s, plan, input.data(), output.data(), pixels);
+                run_transform(p.handle(), library, plan, input.data(), output.data(), pixels);
             const double seconds =
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-            check_transform(status, j.name, s, plan);
+            check_transform(status, j.name, library, plan);
+            output = finish_frame(route, std::move(output), picture.pixel_count());
 
             std::string target;
             file_type type = file_type::raw;
@@ -240,6 +247,10 @@ int run_bench_mode(const settings& s) {
         } else {
             write_file(s.json, json.data(), json.size());
         }
+    }
+    if (!s.svg.empty()) {
+        const std::string svg = bench_svg(result, s);
+        write_file(s.svg, svg.data(), svg.size());
     }
     for (const bench_row& row : result.tiers) {
         if (row.measured && !row.matches_scalar) {

@@ -2,10 +2,12 @@
 // "os" namespace at the top of this file.
 #include "system_probe.h"
 
+#include <cstring>
 #include <filesystem>
 
 #include "kelvane_qor_color_processing.h"
 #include "platform/cpu_identification.h"
+#include "tool_error.h"
 
 #if defined(_WIN32)
 #include <io.h>
@@ -169,6 +171,24 @@ cpu_report detect_cpu() {
                : cpu.avx2 ? KV_TIER_AVX2
                : cpu.sse  ? KV_TIER_SSE
                           : KV_TIER_SCALAR;
+    // The brand string of leaves 0x80000002 to 0x80000004, and the display family and model.
+    char brand[49] = {};
+    if (cpuid(0x80000000u, 0).eax >= 0x80000004u) {
+        for (uint32_t i = 0; i < 3; ++i) {
+            const auto r = cpuid(0x80000002u + i, 0);
+            const uint32_t words[4] = {r.eax, r.ebx, r.ecx, r.edx};
+            std::memcpy(brand + 16 * i, words, sizeof words);
+        }
+    }
+    std::string name = brand;
+    name.erase(0, name.find_first_not_of(' '));
+    name.erase(name.find_last_not_of(' ') + 1);
+    const uint32_t base_family = (leaf1.eax >> 8) & 0xF;
+    const uint32_t family = base_family + (base_family == 0xF ? (leaf1.eax >> 20) & 0xFF : 0);
+    uint32_t model = (leaf1.eax >> 4) & 0xF;
+    if (base_family == 0x6 || base_family == 0xF) model += ((leaf1.eax >> 16) & 0xF) << 4;
+    cpu.name = printable(name.empty() ? std::string("unknown processor") : name) + ", family " +
+               std::to_string(family) + ", model " + std::to_string(model);
     return cpu;
 }
 
