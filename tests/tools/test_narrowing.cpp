@@ -44,10 +44,10 @@ TEST(Narrowing, EveryValueMatchesAnIndependentRounding) {
     const std::string identity = "1 0 0 0 1 0 0 0 1";
     const case_t cases[] = {
         {{}, "fold.pam", narrowing::scale_matrix, rounded},
-        {{"--clamp", "1000:60000"},
+        {{"--clamp", "1000:60100"},
          "clamp.ppm",
          narrowing::scale_matrix,
-         [](uint32_t v) { return rounded(std::clamp(v, 1000u, 60000u)); }},
+         [](uint32_t v) { return rounded(std::clamp(v, 1000u, 60100u)); }},
         {{"--matrix", identity}, "matrix.pam", narrowing::rounding_pass, rounded},
         {{"--shift", "1"},
          "shift.pam",

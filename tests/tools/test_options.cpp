@@ -138,6 +138,7 @@ TEST(Options, BadCommandLinesNameTheOption) {
         {{"--output-type", "png"}, "--output-type goes with --output-dir"},
         {{"--output-dir", "d", "--output-type", "gif"}, "--output-type: cannot tell the file type"},
         {{"--json", "-"}, "--json, --svg and --min-time are options of bench"},
+        {{"--narrow", "floor"}, "--narrow: 'floor' is not round or truncate"},
         {{"bench", "-o", "x.png"}, "bench writes no image"},
         {{"bench", "a.png", "b.png"}, "bench: one input image at most"},
         {{"bench", "--min-time", "0"}, "--min-time: '0' is not a number of seconds"},
@@ -207,7 +208,7 @@ TEST(Options, HelpListsWhatTheParserTakes) {
             ++listed;
         }
     }
-    EXPECT_EQ(listed, 24u);
+    EXPECT_EQ(listed, 26u);
 }
 
 }  // namespace

@@ -200,9 +200,9 @@ const option_spec options[] = {
          if (bits != 8 && bits != 16) throw usage_error("--bits: must be 8 or 16");
          p.s.bits = int(bits);
      }},
-    {nullptr, "--narrow", "MODE", output_section,
-     "8-bit image files: round (default) the 16-bit result to round(v x 255 / 65535),\n"
-     "as other imaging tools do, or truncate to its top byte; .raw is never rounded",
+    {nullptr, "--narrow", "round|truncate", output_section,
+     "8-bit image files: round(v x 255 / 65535) of the 16-bit result as\n"
+     "other imaging tools do (default), or its top byte; .raw: never rounded",
      [](parse_state& p, const std::string& name, const std::string& value) {
          if (value != "round" && value != "truncate") {
              throw usage_error(name + ": '" + value + "' is not round or truncate");
