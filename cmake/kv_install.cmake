@@ -1,44 +1,53 @@
 # Installation: the main library with its run-time modules beside it, the public header, a CMake
 # package (find_package(kelvane_qor_color_processing) gives the imported target
-# kelvane_qor_color_processing::kelvane_qor_color_processing), a pkg-config file, and kelvane-color.
+# kelvane_qor_color_processing::kelvane_qor_color_processing), a pkg-config file, kelvane-color and
+# the Python package kelvane_color. This file holds every install rule of the project's binaries,
+# so each file is installed exactly once.
 #
-# Components: "library" (the main library and its modules), "development" (header, CMake package,
-# pkg-config file), "tool" (kelvane-color).
+# Components: "library" (the main library, its soname link and its modules), "development"
+# (header, unnumbered .so link or import library, CMake package, pkg-config file), "tool"
+# (kelvane-color), "python" (the kelvane_color package).
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# Companion modules are found beside the main library: on Windows that is the application folder
-# (bin), elsewhere the library's own folder through its RUNPATH $ORIGIN.
+# The library and the modules it loads by name stand in one folder: on Windows the application
+# folder (bin, beside the programs), elsewhere the library folder, where the library's RUNPATH
+# $ORIGIN finds the modules. Import libraries go to lib on every platform.
 if(WIN32)
-  set(KV_INSTALL_MODULE_DIR "${CMAKE_INSTALL_BINDIR}")
+  set(KV_INSTALL_RUNTIME_DIR "${CMAKE_INSTALL_BINDIR}")
 else()
-  set(KV_INSTALL_MODULE_DIR "${CMAKE_INSTALL_LIBDIR}")
+  set(KV_INSTALL_RUNTIME_DIR "${CMAKE_INSTALL_LIBDIR}")
 endif()
 set(KV_INSTALL_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/kelvane_qor_color_processing")
+# One folder for every Python 3 (the package is pure Python): Debian's own name for it, which the
+# system interpreter searches when the prefix is /usr. Elsewhere put it on PYTHONPATH, or point
+# this at an interpreter's site-packages folder.
+set(KV_INSTALL_PYTHONDIR "lib/python3/dist-packages" CACHE STRING
+    "Folder, relative to the prefix or absolute, that receives the Python package kelvane_color")
 
 install(TARGETS kelvane_qor_color_processing EXPORT kelvane_qor_color_processing_targets
-  RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT library
-  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT library
+  RUNTIME DESTINATION "${KV_INSTALL_RUNTIME_DIR}" COMPONENT library
+  LIBRARY DESTINATION "${KV_INSTALL_RUNTIME_DIR}" COMPONENT library
+    NAMELINK_COMPONENT development
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(FILES "${PROJECT_SOURCE_DIR}/include/kelvane_qor_color_processing.h"
+              "${PROJECT_SOURCE_DIR}/include/kelvane_qor_color_processing.hpp"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
 
-# Whatever module targets this tree builds.
-foreach(_kv_module
+# The modules keep their bare file names: the library loads them by name. The vector modules are
+# MODULE libraries, whose DLL counts as a LIBRARY artifact on Windows, so both kinds name the
+# same folder.
+install(TARGETS
     kelvane_qor_LUT
     kelvane_qor_logger
     kelvane_qor_color_processing_vector_sse
     kelvane_qor_color_processing_vector_avx2
-    kelvane_qor_color_processing_vector_avx512)
-  if(TARGET ${_kv_module})
-    install(TARGETS ${_kv_module}
-      RUNTIME DESTINATION "${KV_INSTALL_MODULE_DIR}" COMPONENT library
-      LIBRARY DESTINATION "${KV_INSTALL_MODULE_DIR}" COMPONENT library
-      ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development)
-  endif()
-endforeach()
+    kelvane_qor_color_processing_vector_avx512
+  RUNTIME DESTINATION "${KV_INSTALL_RUNTIME_DIR}" COMPONENT library
+  LIBRARY DESTINATION "${KV_INSTALL_RUNTIME_DIR}" COMPONENT library
+  ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development)
 
 install(EXPORT kelvane_qor_color_processing_targets
   NAMESPACE kelvane_qor_color_processing::
@@ -62,6 +71,14 @@ configure_file("${CMAKE_CURRENT_LIST_DIR}/install/kelvane_qor_color_processing.p
 install(FILES "${PROJECT_BINARY_DIR}/kelvane_qor_color_processing.pc"
   DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
 
-if(TARGET kelvane-color)
-  install(TARGETS kelvane-color RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tool)
-endif()
+install(TARGETS kelvane-color RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tool)
+
+# The Python package, and beside it a record of where this install put the library, so that the
+# package finds it with nothing but PYTHONPATH set. The record is written at install time, when
+# the prefix (--prefix, DESTDIR) is known.
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/python/kelvane_color"
+  DESTINATION "${KV_INSTALL_PYTHONDIR}" COMPONENT python
+  FILES_MATCHING PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
+configure_file("${CMAKE_CURRENT_LIST_DIR}/install/python_location.cmake.in"
+  "${PROJECT_BINARY_DIR}/kv_python_location.cmake" @ONLY)
+install(SCRIPT "${PROJECT_BINARY_DIR}/kv_python_location.cmake" COMPONENT python)

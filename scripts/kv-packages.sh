@@ -2,7 +2,8 @@
 # As root it installs what is missing; otherwise it names the packages and stops.
 
 kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config libpng-dev libtiff-dev
-                   libgtest-dev libgmock-dev)
+                   libgtest-dev libgmock-dev python3-numpy python3-pytest python3-setuptools
+                   python3-wheel python3-pip)
 
 # The Windows cross build: MinGW-w64 (POSIX threads), GoogleTest's sources to build it with, and
 # Wine to run the tests.

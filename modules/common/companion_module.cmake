@@ -1,6 +1,7 @@
 # How a companion module is built: a shared library named exactly <base>.so / <base>.dll (no
 # "lib" prefix), exporting only the names of its export list, placed in the one folder where the
-# main library and the tests find the companion modules, and installed beside the main library.
+# main library and the tests find the companion modules. cmake/kv_install.cmake installs it beside
+# the main library.
 
 include(GNUInstallDirs)
 find_package(Threads REQUIRED)
@@ -30,7 +31,4 @@ function(kv_add_companion_module name)
     target_link_options(${name} PRIVATE "LINKER:--version-script=${arg_EXPORTS_MAP}")
     set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS "${arg_EXPORTS_MAP}")
   endif()
-  install(TARGETS ${name}
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endfunction()

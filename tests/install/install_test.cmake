@@ -1,7 +1,10 @@
-# Installs the build into a fresh prefix and builds the C host against it twice, through the
-# CMake package and through pkg-config, then runs both and the installed kelvane-color.
+# Installs the build into a fresh prefix, checks the library's file names and soname and that each
+# module is there once, beside the library; builds the C host against it twice, through the CMake
+# package and through pkg-config, then runs both, the installed kelvane-color and a transform
+# through the installed Python package.
 # Run with cmake -P and: BUILD_DIR WORK_DIR HOST_DIR C_COMPILER C_FLAGS LINKER_FLAGS GENERATOR
-# PKG_CONFIG FAKE_MODULE_DIR (used only while the real LUT module is not built).
+# PKG_CONFIG FAKE_MODULE_DIR (used only while the real LUT module is not built) VERSION READELF
+# PYTHON (empty: no Python check) PYTHON_DIR, and CXX_COMPILER for the C++ host.
 
 function(kv_run)
   cmake_parse_arguments(PARSE_ARGV 0 R "" "WHAT" "COMMAND")
@@ -16,7 +19,7 @@ endfunction()
 set(prefix "${WORK_DIR}/prefix")
 file(REMOVE_RECURSE "${WORK_DIR}")
 file(MAKE_DIRECTORY "${WORK_DIR}")
-foreach(component library development tool)
+foreach(component library development tool python)
   kv_run(WHAT "install ${component}"
          COMMAND "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}"
                  --component ${component})
@@ -35,6 +38,39 @@ if(NOT EXISTS "${prefix}/include/kelvane_qor_color_processing.h")
 endif()
 get_filename_component(libdir "${library}" DIRECTORY)
 get_filename_component(pc_dir "${pc_file}" DIRECTORY)
+
+# The shared-library conventions: .so -> .so.0 (the soname) -> .so.0.<minor>.<patch>.
+string(REGEX MATCH "^[0-9]+" major "${VERSION}")
+set(name "libkelvane_qor_color_processing")
+foreach(link_target ".so:.so.${major}" ".so.${major}:.so.${VERSION}")
+  string(REPLACE ":" ";" link_target "${link_target}")
+  list(GET link_target 0 link)
+  list(GET link_target 1 target)
+  set(points_to "(not a link)")
+  if(IS_SYMLINK "${libdir}/${name}${link}")
+    file(READ_SYMLINK "${libdir}/${name}${link}" points_to)
+  endif()
+  if(NOT points_to STREQUAL "${name}${target}")
+    message(FATAL_ERROR "${libdir}/${name}${link} should link to ${name}${target}: ${points_to}")
+  endif()
+endforeach()
+set(real_file "${libdir}/${name}.so.${VERSION}")
+if(IS_SYMLINK "${real_file}" OR NOT EXISTS "${real_file}")
+  message(FATAL_ERROR "${real_file} should be the library itself")
+endif()
+execute_process(COMMAND "${READELF}" -d "${real_file}" OUTPUT_VARIABLE dynamic)
+if(NOT dynamic MATCHES "\\(SONAME\\)[^\n]*\\[${name}[.]so[.]${major}\\]")
+  message(FATAL_ERROR "readelf -d shows no soname ${name}.so.${major}:\n${dynamic}")
+endif()
+
+# Each module once in the whole install, beside the library, under its bare name.
+foreach(module kelvane_qor_LUT kelvane_qor_logger kelvane_qor_color_processing_vector_sse
+               kelvane_qor_color_processing_vector_avx2 kelvane_qor_color_processing_vector_avx512)
+  file(GLOB_RECURSE copies "${prefix}/*${module}.so*")
+  if(NOT copies STREQUAL "${libdir}/${module}.so")
+    message(FATAL_ERROR "${module}.so should be installed once, beside the library: ${copies}")
+  endif()
+endforeach()
 
 # With the real LUT module installed beside the library, the hosts must find it through the
 # library's RUNPATH alone; until then the fake one stands in on LD_LIBRARY_PATH.
@@ -67,7 +103,35 @@ kv_run(WHAT "build the pkg-config host"
                -o "${WORK_DIR}/pkg-config-host")
 kv_run(WHAT "run the pkg-config host" COMMAND ${run_env} "${WORK_DIR}/pkg-config-host")
 
+# 2b. The C++ interface, header-only over the same library (CXX_COMPILER given).
+if(CXX_COMPILER)
+  if(NOT EXISTS "${prefix}/include/kelvane_qor_color_processing.hpp")
+    message(FATAL_ERROR "the install has no C++ header")
+  endif()
+  kv_run(WHAT "build the C++ pkg-config host"
+         COMMAND "${CXX_COMPILER}" -std=c++17 -pthread ${c_flags} "${HOST_DIR}/host.cpp" ${flags}
+                 "-Wl,-rpath,${libdir}" -o "${WORK_DIR}/pkg-config-host-cpp")
+  kv_run(WHAT "run the C++ pkg-config host" COMMAND ${run_env} "${WORK_DIR}/pkg-config-host-cpp")
+endif()
+
 # 3. The installed tool finds the library through its own RUNPATH.
 kv_run(WHAT "run the installed kelvane-color"
        COMMAND ${run_env} "${prefix}/bin/kelvane-color" --chart-size 64x32 -o
                "${WORK_DIR}/chart.ppm")
+
+# 4. The installed Python package finds the library of its own install, with nothing but the
+#    prefix's Python folder on PYTHONPATH.
+if(PYTHON)
+  kv_run(WHAT "transform through the installed Python package"
+         COMMAND ${run_env} --unset=KELVANE_COLOR_LIBRARY "PYTHONPATH=${prefix}/${PYTHON_DIR}"
+                 "${PYTHON}" -c "
+import numpy as np, kelvane_color as kc
+with kc.Session(), kc.Processor(16, 8) as p:
+    p.append_matrix([[0, 0, 1], [0, 1, 0], [1, 0, 0]])
+    p.output_luts[0][:] = np.arange(256) * 2
+    p.enable_output_luts(blue=True)
+    out = p.transform(np.array([[[100, 200, 7]]], np.uint16), bits=8, clamp=(0, 255))
+assert out.tolist() == [[[14, 200, 100]]], out
+import os
+assert os.path.samefile(kc.library_path(), '${libdir}/libkelvane_qor_color_processing.so.0')")
+endif()

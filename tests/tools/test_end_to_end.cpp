@@ -33,7 +33,7 @@ class ToolPipeline : public ::testing::Test {
         const size_t bytes = kv_tool::output_bytes(s, picture.pixel_count());
         // 16-bit elements need an aligned buffer; the extra bytes catch writes past the frame.
         std::vector<uint16_t> out(bytes / 2 + 8, 0x5A5A), expected(bytes / 2 + 8, 0x5A5A);
-        ASSERT_EQ(kv_tool::run_transform(p.handle(), s, plan, input.data(), out.data(), pixels),
+        ASSERT_EQ(kv_tool::run_transform(p, s, plan, input.data(), out.data(), pixels),
                   KV_STATUS_SUCCESS);
 
         std::vector<uint32_t> tables[6];
@@ -178,7 +178,7 @@ TEST_F(ToolPipeline, FourChannelImagesCarryTheInputAlpha) {
         const kv_tool::processor p(s, plan, 0);
         const std::vector<uint16_t> input = kv_tool::to_input_buffer(*c.source, s.input_layout);
         std::vector<uint16_t> out(kv_tool::output_bytes(s, 3) / 2 + 1);
-        ASSERT_EQ(kv_tool::run_transform(p.handle(), s, plan, input.data(), out.data(), 3),
+        ASSERT_EQ(kv_tool::run_transform(p, s, plan, input.data(), out.data(), 3),
                   KV_STATUS_SUCCESS);
         const kv_tool::image result = kv_tool::from_output_buffer(out.data(), s, *c.source);
         ASSERT_EQ(result.channels, 4);
@@ -221,8 +221,7 @@ TEST_F(ToolPipeline, RefusedTransformsNameTheStatusAndTheOption) {
         const kv_tool::processor p(s, plan, std::nullopt);
         const std::vector<uint16_t> input = kv_tool::to_input_buffer(chart, s.input_layout);
         std::vector<uint16_t> out(kv_tool::output_bytes(s, 8), 0x1234);
-        const kv_status status =
-            kv_tool::run_transform(p.handle(), s, plan, input.data(), out.data(), 8);
+        const kv_status status = kv_tool::run_transform(p, s, plan, input.data(), out.data(), 8);
         EXPECT_EQ(std::count(out.begin(), out.end(), 0x1234), ptrdiff_t(out.size()))
             << "a refused frame touched the output";
         const kv_tool::tool_error e =

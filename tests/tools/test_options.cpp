@@ -26,7 +26,10 @@ TEST(Options, GoodCommandLines) {
              EXPECT_EQ(s.channels, 3);
              EXPECT_EQ(s.input_layout, 2);
              EXPECT_FALSE(s.tier.has_value());
+             EXPECT_EQ(s.threads, kv_tool::default_threads());
+             EXPECT_GE(s.threads, 1u);
          }},
+        {{"bench", "--threads", "256"}, [](const settings& s) { EXPECT_EQ(s.threads, 256u); }},
         {{"a.png", "-o", "b.ppm", "--bits=16", "--channels", "3"},
          [](const settings& s) {
              EXPECT_EQ(s.inputs, words{"a.png"});
@@ -126,6 +129,9 @@ TEST(Options, BadCommandLinesNameTheOption) {
         {{"--output-lut", "srgb:2"}, "--output-lut: 'srgb:2' is not a curve"},
         {{"--output-lut-bits", "17"}, "--output-lut-bits: '17' is not a whole number from 0 to 16"},
         {{"--tier", "fast"}, "--tier: 'fast' is not a tier"},
+        {{"--threads", "0"}, "--threads: '0' is not a whole number from 1 to 256"},
+        {{"bench", "--threads", "257"}, "--threads: '257' is not a whole number from 1 to 256"},
+        {{"--threads", "two"}, "--threads: 'two' is not a whole number"},
         {{"--input-layout", "grb"}, "--input-layout: 'grb' is not a layout (planes, bgr, rgb)"},
         {{"--chart-size", "10"}, "--chart-size: expected WIDTHxHEIGHT, got '10'"},
         {{"--chart-size", "65536x65536"}, "--chart-size: more pixels than one frame can hold"},
@@ -208,7 +214,7 @@ TEST(Options, HelpListsWhatTheParserTakes) {
             ++listed;
         }
     }
-    EXPECT_EQ(listed, 26u);
+    EXPECT_EQ(listed, 27u);
 }
 
 }  // namespace

@@ -1,12 +1,19 @@
 // The three modes of kelvane-color and the error reporting around them.
 #include "application.h"
 
+#include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
+#include <functional>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <set>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include "bench.h"
@@ -88,9 +95,22 @@ image read_source(const std::string& input, const settings& s) {
     }
 }
 
+// One input of a run and what became of it. Everything but the outcome is settled in input order
+// before any work starts, so that a batch run on several threads decides as one thread would.
 struct job {
-    std::string input;  // "" for the chart
-    std::string name;   // for messages
+    job(std::string input_file, std::string message_name)
+        : input(std::move(input_file)), name(std::move(message_name)) {}
+    std::string input;   // "" for the chart
+    std::string name;    // for messages
+    std::string target;  // "" when nothing is written
+    file_type type = file_type::raw;
+    std::optional<tool_error> refusal;  // found before the work: the job does not run
+
+    bool claimed = false, finished = false;
+    std::optional<tool_error> failure;  // a file error: reported, a batch goes on
+    std::exception_ptr fatal;           // anything else ends the run
+    int32_t width = 0, height = 0;
+    double seconds = 0;  // in the transform
 };
 
 class progress_line {
@@ -124,8 +144,110 @@ std::string output_path_for(const settings& s, const job& j, file_type* type) {
     return (fs::path(s.output_dir) / (stem + file_type_extension(*type))).string();
 }
 
+// Reads, transforms and writes one job; `threads` stripes for its frame.
+void run_job(job& j, const settings& s, const output_route& route, const processor& p,
+             unsigned threads) {
+    try {
+        const image picture = read_source(j.input, s);
+        j.width = picture.width;
+        j.height = picture.height;
+        const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
+        const size_t out_size = output_bytes(s, picture.pixel_count());
+        std::vector<uint16_t> output((output_bytes(route.library, picture.pixel_count()) + 1) / 2);
+        const auto pixels = int32_t(picture.pixel_count());
+        const auto start = std::chrono::steady_clock::now();
+        const kv_status status = run_transform(p, route.library, route.plan, input.data(),
+                                               output.data(), pixels, threads);
+        j.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        check_transform(status, j.name, route.library, route.plan);
+        output = finish_frame(route, std::move(output), picture.pixel_count());
+        if (j.target.empty()) return;
+        if (j.type == file_type::raw) {
+            write_file(j.target, output.data(), out_size);
+        } else {
+            write_image(j.target, j.type, from_output_buffer(output.data(), s, picture));
+        }
+    } catch (const std::bad_alloc&) {
+        // The image was read (its reader reports its own shortage), so the buffers of the
+        // transform or of the output image are what did not fit.
+        j.failure = file_error(j.name, "not enough memory for the buffers that process it");
+    } catch (const tool_error& e) {
+        if (e.code() == EXIT_FILE) {
+            j.failure = e;
+        } else {
+            j.fatal = std::current_exception();
+        }
+    } catch (...) {
+        j.fatal = std::current_exception();
+    }
+}
+
+// Runs the jobs on up to s.threads threads: files at once in a batch, each frame in stripes with
+// the threads left over. `report(i)` is called on this thread for every job in input order, as
+// soon as it and those before it are done, until a job ends the run.
+void run_jobs(std::vector<job>& jobs, const settings& s, const output_route& route,
+              const processor& p, const std::function<bool(size_t)>& report) {
+    const size_t workers = std::min<size_t>(s.threads, jobs.size());
+    const unsigned stripes = std::max(1u, s.threads / unsigned(workers));
+    std::mutex mutex;
+    std::condition_variable changed;
+    size_t next = 0;
+    bool stop = false;
+    auto work = [&] {
+        for (;;) {
+            size_t i;
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                while (next < jobs.size() && jobs[next].refusal) jobs[next++].finished = true;
+                if (stop || next == jobs.size()) break;
+                i = next++;
+                jobs[i].claimed = true;
+            }
+            run_job(jobs[i], s, route, p, stripes);
+            std::lock_guard<std::mutex> lock(mutex);
+            jobs[i].finished = true;
+            stop = stop || jobs[i].fatal;
+            changed.notify_all();
+        }
+        std::lock_guard<std::mutex> lock(mutex);
+        changed.notify_all();
+    };
+    std::vector<std::thread> threads;
+    if (workers > 1) {
+        try {
+            for (size_t w = 0; w < workers; ++w) threads.emplace_back(work);
+        } catch (const std::system_error&) {
+            // Fewer threads than asked for: those that started share the work.
+        }
+    }
+    if (threads.empty()) work();
+    auto stop_all = [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        stop = true;
+    };
+    try {
+        for (size_t i = 0; i < jobs.size(); ++i) {
+            std::unique_lock<std::mutex> lock(mutex);
+            changed.wait(lock, [&] {
+                return jobs[i].finished || jobs[i].refusal || (stop && !jobs[i].claimed);
+            });
+            if (!jobs[i].finished && !jobs[i].refusal) break;  // the run ended before this job
+            lock.unlock();
+            if (!report(i)) {
+                stop_all();
+                break;
+            }
+        }
+    } catch (...) {
+        // The workers are joined before anything leaves this function.
+        stop_all();
+        for (std::thread& t : threads) t.join();
+        throw;
+    }
+    for (std::thread& t : threads) t.join();
+}
+
 int run_process(const settings& s) {
-    library_session session;
     const system_report system = probe_system();
     // Without an output file only the library's own frame is timed.
     const output_route route = route_output(s, !s.output.empty()      ? file_type_of(s.output, "-o")
@@ -133,13 +255,19 @@ int run_process(const settings& s) {
                                                                       : s.output_type);
     const settings& library = route.library;
     const pipeline_plan& plan = route.plan;
-    processor p(library, plan, s.tier);
+    const processor p(library, plan, s.tier);
     const int32_t tier = s.tier.value_or(system.cpu.tier);
     const int32_t backend = routed_backend(tier, system.vector);
 
     std::vector<job> jobs;
-    if (s.inputs.empty()) jobs.push_back({"", "chart"});
-    for (const std::string& input : s.inputs) jobs.push_back({input, input});
+    if (s.inputs.empty()) jobs.emplace_back("", "chart");
+    for (const std::string& input : s.inputs) jobs.emplace_back(input, input);
+    // The settings are refused, if at all, before a file is read or written: every frame of the
+    // run would be refused alike.
+    {
+        uint16_t in[3] = {}, out[4] = {};
+        check_transform(run_transform(p, library, plan, in, out, 0), jobs[0].name, library, plan);
+    }
     if (!s.output_dir.empty()) {
         std::error_code error;
         fs::create_directories(s.output_dir, error);
@@ -148,87 +276,74 @@ int run_process(const settings& s) {
                                                (error ? ": " + error.message() : std::string()));
         }
     }
+    std::set<std::string> written;
+    for (job& j : jobs) {
+        if (s.output.empty() && s.output_dir.empty()) continue;
+        const std::string target = output_path_for(s, j, &j.type);
+        std::error_code error;
+        if (!j.input.empty() && fs::equivalent(j.input, target, error)) {
+            j.refusal = file_error(target, "is the input " + j.input + "; not overwritten");
+        } else if (!written.insert(fs::absolute(target).lexically_normal().string()).second) {
+            j.refusal = file_error(target,
+                                   "written already by an earlier input of this run; not "
+                                   "overwritten by " +
+                                       j.name);
+        } else {
+            j.target = target;
+        }
+    }
 
     const bool batch = jobs.size() > 1;
     progress_line progress(!s.quiet, jobs.size());
-    std::set<std::string> written;
     int result = EXIT_OK;
     size_t done = 0;
     double total_pixels = 0, total_seconds = 0;
-    for (size_t i = 0; i < jobs.size(); ++i) {
+    std::exception_ptr fatal;
+    run_jobs(jobs, s, route, p, [&](size_t i) {
         const job& j = jobs[i];
         progress.show(i, j.name);
-        try {
-            const image picture = read_source(j.input, s);
-            const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
-            const size_t out_size = output_bytes(s, picture.pixel_count());
-            std::vector<uint16_t> output((output_bytes(library, picture.pixel_count()) + 1) / 2);
-            const auto pixels = int32_t(picture.pixel_count());
-            const auto start = std::chrono::steady_clock::now();
-            const kv_status status =
-                run_transform(p.handle(), library, plan, input.data(), output.data(), pixels);
-            const double seconds =
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-            check_transform(status, j.name, library, plan);
-            output = finish_frame(route, std::move(output), picture.pixel_count());
-
-            std::string target;
-            file_type type = file_type::raw;
-            if (!s.output.empty() || !s.output_dir.empty()) {
-                target = output_path_for(s, j, &type);
-                std::error_code error;
-                if (!j.input.empty() && fs::equivalent(j.input, target, error)) {
-                    throw file_error(target, "is the input " + j.input + "; not overwritten");
-                }
-                if (!written.insert(fs::absolute(target).lexically_normal().string()).second) {
-                    throw file_error(target,
-                                     "written already by an earlier input of this run; "
-                                     "not overwritten by " +
-                                         j.name);
-                }
-                if (type == file_type::raw) {
-                    write_file(target, output.data(), out_size);
-                } else {
-                    write_image(target, type, from_output_buffer(output.data(), s, picture));
-                }
-            }
-            ++done;
-            total_pixels += double(pixels);
-            total_seconds += seconds;
-            if (!batch && !s.quiet) {
-                std::printf(
-                    "kelvane-color: %s %dx%d%s%s%s\n", printable(j.name).c_str(), picture.width,
-                    picture.height, target.empty() ? "" : " -> ", printable(target).c_str(),
-                    target.empty()
-                        ? ""
-                        : (" (" + format_text(s, type == file_type::raw, type) + ")").c_str());
-                std::printf("  tier %s: %s; %.2f Mpix in %.2f ms, %.1f Mpix/s\n",
-                            tier_text(s, system).c_str(), backend_text(backend).c_str(),
-                            pixels / 1e6, seconds * 1e3, seconds > 0 ? pixels / seconds / 1e6 : 0);
-            }
-        } catch (const std::bad_alloc&) {
-            // The image was read (its reader reports its own shortage), so the buffers of the
-            // transform or of the output image are what did not fit.
-            const tool_error e = file_error(j.name,
-                                            "not enough memory for the buffers that "
-                                            "process it");
-            if (!batch) throw e;
-            progress.interrupt();
-            std::fprintf(stderr, "kelvane-color: %s\n", e.what());
-            result = EXIT_FILE;
-        } catch (const tool_error& e) {
-            // One unreadable or unwritable file does not stop a batch; anything else does.
-            if (!batch || e.code() != EXIT_FILE) throw;
-            progress.interrupt();
-            std::fprintf(stderr, "kelvane-color: %s\n", e.what());
-            result = EXIT_FILE;
+        if (j.fatal) {
+            fatal = j.fatal;
+            return false;
         }
-    }
+        const std::optional<tool_error>& error = j.refusal ? j.refusal : j.failure;
+        if (error) {
+            if (!batch) {
+                fatal = std::make_exception_ptr(*error);
+                return false;
+            }
+            progress.interrupt();
+            std::fprintf(stderr, "kelvane-color: %s\n", error->what());
+            result = EXIT_FILE;
+            return true;
+        }
+        const double pixels = double(j.width) * j.height;
+        ++done;
+        total_pixels += pixels;
+        total_seconds += j.seconds;
+        if (!batch && !s.quiet) {
+            std::printf(
+                "kelvane-color: %s %dx%d%s%s%s\n", printable(j.name).c_str(), j.width, j.height,
+                j.target.empty() ? "" : " -> ", printable(j.target).c_str(),
+                j.target.empty()
+                    ? ""
+                    : (" (" + format_text(s, j.type == file_type::raw, j.type) + ")").c_str());
+            std::printf("  tier %s: %s; %u threads; %.2f Mpix in %.2f ms, %.1f Mpix/s\n",
+                        tier_text(s, system).c_str(), backend_text(backend).c_str(), s.threads,
+                        pixels / 1e6, j.seconds * 1e3,
+                        j.seconds > 0 ? pixels / j.seconds / 1e6 : 0);
+        }
+        return true;
+    });
     progress.finish();
+    if (fatal) std::rethrow_exception(fatal);
     if (batch && !s.quiet) {
-        std::printf("kelvane-color: %zu of %zu files done; tier %s: %s; %.2f Mpix, %.1f Mpix/s\n",
-                    done, jobs.size(), tier_text(s, system).c_str(), backend_text(backend).c_str(),
-                    total_pixels / 1e6, total_seconds > 0 ? total_pixels / total_seconds / 1e6 : 0);
+        std::printf(
+            "kelvane-color: %zu of %zu files done; tier %s: %s; %u threads; %.2f Mpix, %.1f "
+            "Mpix/s a transform\n",
+            done, jobs.size(), tier_text(s, system).c_str(), backend_text(backend).c_str(),
+            s.threads, total_pixels / 1e6,
+            total_seconds > 0 ? total_pixels / total_seconds / 1e6 : 0);
     }
     return result;
 }

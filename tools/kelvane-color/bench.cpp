@@ -97,6 +97,10 @@ std::string settings_text(const bench_result& r, const settings& s) {
            layout_name(s.output_layout);
 }
 
+std::string threads_text(const bench_result& r) {
+    return std::to_string(r.threads) + (r.threads == 1 ? " thread" : " threads");
+}
+
 }  // namespace
 
 bench_result run_bench(const settings& s, const system_report& system, const image& picture,
@@ -107,6 +111,7 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
     result.height = picture.height;
     result.detected_tier = system.cpu.tier;
     result.processor = system.cpu.name;
+    result.threads = s.threads;
     const pipeline_plan plan = plan_pipeline(s);
     const auto pixels = int32_t(picture.pixel_count());
     const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
@@ -126,7 +131,7 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
             std::fill(target.begin(), target.end(), uint16_t(0xA5A5));
             kv_status status = KV_STATUS_SUCCESS;
             const std::vector<double> times = time_frames(s.min_time, [&] {
-                status = run_transform(p.handle(), s, plan, input.data(), target.data(), pixels);
+                status = run_transform(p, s, plan, input.data(), target.data(), pixels, s.threads);
             });
             check_transform(status, source, s, plan);
             row.measured = true;
@@ -151,7 +156,8 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
 
 std::string bench_table(const bench_result& r, const settings& s) {
     std::string out = "kelvane-color bench: " + printable(settings_text(r, s)) +
-                      "; detected tier " + tier_name(r.detected_tier) + "\n";
+                      "; detected tier " + tier_name(r.detected_tier) + "; " + threads_text(r) +
+                      "\n";
     char line[256];
     std::snprintf(line, sizeof line, "  %-8s %12s %12s %7s  %s\n", "tier", "Mpix/s", "best",
                   "frames", "result");
@@ -184,6 +190,7 @@ std::string bench_json(const bench_result& r, const settings& s) {
     out += "  \"input_layout\": " + json_text(layout_name(s.input_layout)) + ",\n";
     out += "  \"output_layout\": " + json_text(layout_name(s.output_layout)) + ",\n";
     out += "  \"detected_tier\": " + json_text(tier_name(r.detected_tier)) + ",\n";
+    out += "  \"threads\": " + std::to_string(r.threads) + ",\n";
     out += "  \"tiers\": [\n";
     for (size_t i = 0; i < r.tiers.size(); ++i) {
         const bench_row& row = r.tiers[i];
@@ -233,7 +240,7 @@ std::string bench_svg(const bench_result& r, const settings& s) {
         "median Mpix/s on " +
         xml_text(r.processor) + "</text>\n";
     out += "<text x=\"12\" y=\"46\">" + xml_text(settings_text(r, s)) + "; detected tier " +
-           xml_text(tier_name(r.detected_tier)) + "</text>\n";
+           xml_text(tier_name(r.detected_tier)) + "; " + threads_text(r) + "</text>\n";
     for (size_t i = 0; i < bars.size(); ++i) {
         const bar& b = bars[i];
         const int y = head + int(i) * row_height;

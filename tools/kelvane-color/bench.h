@@ -1,5 +1,6 @@
 // The bench subcommand: Mpix/s of one setting on every tier the machine supports, each forced
-// through kv_color_create_color_processor_test, next to a memcpy of the same input bytes.
+// through kv_color_create_color_processor_test and run on --threads threads, next to a memcpy of
+// the same input bytes.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +28,7 @@ struct bench_result {
     int32_t width = 0, height = 0;
     int32_t detected_tier = 0;
     std::string processor;  // cpu_report::name
+    unsigned threads = 1;   // each frame cut into this many stripes (interleaved layouts)
     std::vector<bench_row> tiers;
     double memcpy_mpix_per_s = 0;
     double memcpy_gb_per_s = 0;

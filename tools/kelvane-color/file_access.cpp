@@ -94,9 +94,10 @@ std::string move_into_place(const std::string& from, const std::string& to) {
 #endif
 
 // ".<name>.<16 hex digits>.kv-partial" in the target's folder: hidden, unpredictable, and kept
-// within the usual 255-byte limit of a file name.
+// within the usual 255-byte limit of a file name. One generator a thread: a batch writes several
+// files at once.
 std::string random_temporary_name(const std::string& path) {
-    static std::mt19937_64 random = [] {
+    thread_local std::mt19937_64 random = [] {
         std::random_device device;
         const auto now = uint64_t(std::chrono::steady_clock::now().time_since_epoch().count());
         std::seed_seq seed{device(), device(), uint32_t(now), uint32_t(now >> 32)};

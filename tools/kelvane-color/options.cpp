@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <thread>
 
 #include "numbers.h"
 #include "tool_error.h"
@@ -279,6 +280,13 @@ const option_spec options[] = {
          }
          p.chart_size_given = true;
      }},
+    {nullptr, "--threads", "N", other_section,
+     "1 to 256: an interleaved frame is cut into stripes transformed at once,\n"
+     "a batch runs several files at once, bench times frames so (default: the\n"
+     "number of cores; the output is the same on any number)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         p.s.threads = unsigned(parse_whole(value, name, 1, max_threads));
+     }},
     {"-q", "--quiet", nullptr, other_section, "no summary and no progress line",
      [](parse_state& p, const std::string&, const std::string&) { p.s.quiet = true; }},
     {nullptr, "--json", "FILE", other_section,
@@ -477,6 +485,10 @@ pipeline_plan plan_pipeline(const settings& s) {
         p.shift = s.shift[c].value_or(top == 0 ? 0 : automatic);
     }
     return plan;
+}
+
+unsigned default_threads() {
+    return std::clamp(std::thread::hardware_concurrency(), 1u, max_threads);
 }
 
 std::string layout_name(int32_t layout) {

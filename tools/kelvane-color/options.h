@@ -14,6 +14,10 @@ namespace kv_tool {
 
 enum class run_mode { process, bench, info, help, version };
 
+// The number of cores, 1 to max_threads: what --threads is without a value.
+constexpr unsigned max_threads = 256;
+unsigned default_threads();
+
 // Every list of three runs blue, green, red, as in the library.
 struct settings {
     run_mode mode = run_mode::process;
@@ -39,6 +43,7 @@ struct settings {
     int32_t chart_width = 1920;
     int32_t chart_height = 1080;
     bool quiet = false;
+    unsigned threads = default_threads();  // stripes of a frame, files of a batch, bench frames
 
     std::string json;       // bench: "" none, "-" stdout, else a file
     std::string svg;        // bench: "" none, else a file for the bar chart

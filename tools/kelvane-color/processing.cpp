@@ -1,6 +1,7 @@
 // The library seen from a host: sessions, processors, buffers and transforms.
 #include "processing.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "tool_error.h"
@@ -8,21 +9,8 @@
 namespace kv_tool {
 namespace {
 
-using LUT_getter = uint32_t* (*)(kv_color_processor_handle);
-constexpr LUT_getter input_getters[3] = {kv_color_get_blue_input_LUT, kv_color_get_green_input_LUT,
-                                         kv_color_get_red_input_LUT};
-constexpr LUT_getter output_getters[3] = {
-    kv_color_get_blue_output_LUT, kv_color_get_green_output_LUT, kv_color_get_red_output_LUT};
-constexpr const char* channel_names[3] = {"blue", "green", "red"};
-
 tool_error library_error(const std::string& message) {
     return tool_error(EXIT_LIBRARY, message);
-}
-
-void check_setup(kv_status status, const char* call) {
-    if (status != KV_STATUS_SUCCESS) {
-        throw library_error(std::string(call) + " failed: " + status_name(status));
-    }
 }
 
 // Element e (0 blue, 1 green, 2 red, 3 fourth) of pixel i of n in a layout, as the library places
@@ -45,97 +33,74 @@ uint32_t shifted(uint32_t value, int32_t distance) {
 }  // namespace
 
 std::string status_name(kv_status status) {
-    switch (status) {
-        case KV_STATUS_SUCCESS:
-            return "KV_STATUS_SUCCESS";
-        case KV_STATUS_MODULE_NOT_INITIALIZED:
-            return "KV_STATUS_MODULE_NOT_INITIALIZED";
-        case KV_STATUS_NULL_HANDLE:
-            return "KV_STATUS_NULL_HANDLE";
-        case KV_STATUS_NULL_INPUT_BUFFER:
-            return "KV_STATUS_NULL_INPUT_BUFFER";
-        case KV_STATUS_NULL_OUTPUT_BUFFER:
-            return "KV_STATUS_NULL_OUTPUT_BUFFER";
-        case KV_STATUS_SAME_BUFFER:
-            return "KV_STATUS_SAME_BUFFER";
-        case KV_STATUS_INVALID_INPUT_FORMAT:
-            return "KV_STATUS_INVALID_INPUT_FORMAT";
-        case KV_STATUS_INVALID_OUTPUT_FORMAT:
-            return "KV_STATUS_INVALID_OUTPUT_FORMAT";
-        case KV_STATUS_INVALID_SHIFT:
-            return "KV_STATUS_INVALID_SHIFT";
-        case KV_STATUS_INVALID_CLAMP:
-            return "KV_STATUS_INVALID_CLAMP";
-        default:
-            return "status " + std::to_string(status);
+    const char* name = kelvane::status_name(status);
+    return name != nullptr ? name : "status " + std::to_string(status);
+}
+
+namespace {
+
+kelvane::session start_library() {
+    try {
+        return kelvane::session();
+    } catch (const kelvane::status_error& e) {
+        if (e.status() == KV_STATUS_MODULE_NOT_INITIALIZED) {
+            throw library_error(
+                "the LUT module (kelvane_qor_LUT) is missing or incomplete: "
+                "kv_color_processing_module_initialize returned KV_STATUS_MODULE_NOT_INITIALIZED "
+                "(1). Install it beside the library, or put its folder on the module search path "
+                "(LD_LIBRARY_PATH on Linux, PATH on Windows); kelvane-color --info shows what "
+                "loads");
+        }
+        throw library_error(e.what());
     }
 }
 
-library_session::library_session() {
-    const kv_status status = kv_color_processing_module_initialize();
-    if (status == KV_STATUS_SUCCESS) return;
-    kv_color_processing_module_terminate();
-    if (status == KV_STATUS_MODULE_NOT_INITIALIZED) {
-        throw library_error(
-            "the LUT module (kelvane_qor_LUT) is missing or incomplete: "
-            "kv_color_processing_module_initialize returned KV_STATUS_MODULE_NOT_INITIALIZED (1). "
-            "Install it beside the library, or put its folder on the module search path "
-            "(LD_LIBRARY_PATH on Linux, PATH on Windows); kelvane-color --info shows what loads");
+kelvane::processor make_processor(const library_session& session, const pipeline_plan& plan,
+                                  std::optional<int32_t> tier) {
+    try {
+        return tier ? kelvane::processor(session.get(), plan.input_LUT_bits, plan.output_LUT_bits,
+                                         *tier)
+                    : kelvane::processor(session.get(), plan.input_LUT_bits, plan.output_LUT_bits);
+    } catch (const kelvane::error& e) {
+        throw library_error(e.what());
     }
-    throw library_error("kv_color_processing_module_initialize returned " + status_name(status));
 }
 
-library_session::~library_session() {
-    kv_color_processing_module_terminate();
-}
+}  // namespace
 
-processor::processor(const settings& s, const pipeline_plan& plan, std::optional<int32_t> tier) {
-    handle_ = tier ? kv_color_create_color_processor_test(plan.input_LUT_bits, plan.output_LUT_bits,
-                                                          *tier)
-                   : kv_color_create_color_processor(plan.input_LUT_bits, plan.output_LUT_bits);
-    if (handle_ == nullptr) {
-        throw library_error(std::string(tier ? "kv_color_create_color_processor_test"
-                                             : "kv_color_create_color_processor") +
-                            " returned NULL (the library's log says why)");
-    }
+library_session::library_session() : session_(start_library()) {}
+
+processor::processor(const settings& s, const pipeline_plan& plan, std::optional<int32_t> tier)
+    : processor_(make_processor(session_, plan, tier)) {
     try {
         for (const auto& m : s.matrices) {
-            check_setup(kv_color_append_matrix(handle_, m.data()), "kv_color_append_matrix");
+            float matrix[9];
+            std::copy(m.begin(), m.end(), matrix);
+            processor_.append_matrix(matrix);
         }
-        int32_t input_on[3], output_on[3];
         for (int c = 0; c < 3; ++c) {
-            input_on[c] = plan.channel[c].input_LUT;
-            output_on[c] = plan.channel[c].output_LUT;
-            if (input_on[c]) {
-                uint32_t* table = input_getters[c](handle_);
-                if (table == nullptr)
-                    throw library_error("no input LUT table for " + std::string(channel_names[c]));
-                fill_table(s.input_LUT[c], c, table, 1u << plan.input_LUT_bits, 65535);
+            const auto which = kelvane::channel(c);
+            if (plan.channel[c].input_LUT) {
+                const kelvane::LUT_span table = processor_.input_LUT(which);
+                fill_table(s.input_LUT[c], c, table.data(), uint32_t(table.size()), 65535);
             }
-            if (output_on[c]) {
-                uint32_t* table = output_getters[c](handle_);
-                if (table == nullptr)
-                    throw library_error("no output LUT table for " + std::string(channel_names[c]));
-                const uint32_t entries = 1u << plan.output_LUT_bits;
-                fill_table(s.output_LUT[c], c, table, entries, plan.output_LUT_max);
-                for (uint32_t i = 0; plan.tables_to_8_bits && i < entries; ++i) {
-                    table[i] =
-                        round_to_8_bits(uint16_t(shifted(table[i], plan.table_shift_at_16[c])));
+            if (plan.channel[c].output_LUT) {
+                const kelvane::LUT_span table = processor_.output_LUT(which);
+                fill_table(s.output_LUT[c], c, table.data(), uint32_t(table.size()),
+                           plan.output_LUT_max);
+                for (size_t i = 0; plan.tables_to_8_bits && i < table.size(); ++i) {
+                    table.data()[i] = round_to_8_bits(
+                        uint16_t(shifted(table.data()[i], plan.table_shift_at_16[c])));
                 }
             }
         }
-        check_setup(kv_color_enable_input_LUTs(handle_, input_on[0], input_on[1], input_on[2]),
-                    "kv_color_enable_input_LUTs");
-        check_setup(kv_color_enable_output_LUTs(handle_, output_on[0], output_on[1], output_on[2]),
-                    "kv_color_enable_output_LUTs");
-    } catch (...) {
-        kv_color_destroy_color_processor(handle_);
-        throw;
+        processor_.enable_input_LUTs(plan.channel[0].input_LUT, plan.channel[1].input_LUT,
+                                     plan.channel[2].input_LUT);
+        processor_.enable_output_LUTs(plan.channel[0].output_LUT, plan.channel[1].output_LUT,
+                                      plan.channel[2].output_LUT);
+    } catch (const kelvane::error& e) {
+        throw library_error(e.what());
     }
-}
-
-processor::~processor() {
-    kv_color_destroy_color_processor(handle_);
 }
 
 output_route route_output(const settings& s, file_type type) {
@@ -202,32 +167,35 @@ std::vector<uint16_t> to_input_buffer(const image& picture, int32_t layout) {
     return buffer;
 }
 
-kv_status run_transform(kv_color_processor_handle handle, const settings& s,
-                        const pipeline_plan& plan, const uint16_t* input, void* output,
-                        int32_t pixels) {
-    const auto& b = plan.channel[0];
-    const auto& g = plan.channel[1];
-    const auto& r = plan.channel[2];
-    if (s.bits == 8) {
-        auto* out = static_cast<uint8_t*>(output);
-        return s.channels == 3
-                   ? kv_color_transform_48_to_24(handle, input, s.input_layout, b.minimum,
-                                                 b.maximum, g.minimum, g.maximum, r.minimum,
-                                                 r.maximum, b.shift, g.shift, r.shift, out,
-                                                 s.output_layout, pixels)
-                   : kv_color_transform_48_to_32(handle, input, s.input_layout, b.minimum,
-                                                 b.maximum, g.minimum, g.maximum, r.minimum,
-                                                 r.maximum, b.shift, g.shift, r.shift, out,
-                                                 s.output_layout, pixels);
+kv_status run_transform(const processor& p, const settings& s, const pipeline_plan& plan,
+                        const uint16_t* input, void* output, int32_t pixels, unsigned threads) {
+    kelvane::frame_settings frame;
+    kelvane::channel_settings* channels[3] = {&frame.blue, &frame.green, &frame.red};
+    for (int c = 0; c < 3; ++c) {
+        *channels[c] = {plan.channel[c].minimum, plan.channel[c].maximum, plan.channel[c].shift};
     }
-    auto* out = static_cast<uint16_t*>(output);
-    return s.channels == 3
-               ? kv_color_transform_48_to_48(handle, input, s.input_layout, b.minimum, b.maximum,
-                                             g.minimum, g.maximum, r.minimum, r.maximum, b.shift,
-                                             g.shift, r.shift, out, s.output_layout, pixels)
-               : kv_color_transform_48_to_64(handle, input, s.input_layout, b.minimum, b.maximum,
-                                             g.minimum, g.maximum, r.minimum, r.maximum, b.shift,
-                                             g.shift, r.shift, out, s.output_layout, pixels);
+    const size_t count = pixels > 0 ? size_t(pixels) : 0;
+    const kelvane::input_frame in(input, 3 * count, kelvane::layout(s.input_layout), pixels);
+    const auto out_layout = kelvane::layout(s.output_layout);
+    try {
+        if (s.bits == 8) {
+            p.get().transform_striped(in,
+                                      kelvane::output_frame<uint8_t>(
+                                          static_cast<uint8_t*>(output), output_bytes(s, count),
+                                          out_layout, s.channels, pixels),
+                                      frame, threads);
+        } else {
+            p.get().transform_striped(
+                in,
+                kelvane::output_frame<uint16_t>(static_cast<uint16_t*>(output),
+                                                output_bytes(s, count) / 2, out_layout, s.channels,
+                                                pixels),
+                frame, threads);
+        }
+    } catch (const kelvane::status_error& e) {
+        return e.status();
+    }
+    return KV_STATUS_SUCCESS;
 }
 
 void check_transform(kv_status status, const std::string& source, const settings& s,

@@ -1,0 +1,307 @@
+// The C++ interface over the fake companion modules: frame sizes and their refusals, every status
+// turned into its typed error with both buffers untouched, and the balance of initialise and
+// terminate (counted through the fakes' journal) whatever order the objects go in.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kelvane_qor_color_processing.hpp"
+#include "tests/fakes/journal.h"
+
+namespace {
+
+using kelvane::layout;
+
+// The library is up exactly while the marker stands: a NULL handle then gets 2, not 1.
+bool library_is_up() {
+    return kv_color_clear_matrix(nullptr) == KV_STATUS_NULL_HANDLE;
+}
+
+// ---- frame sizes -------------------------------------------------------------------------------
+
+// Every output form, the input last (element bits, channels, bytes a pixel).
+struct size_case {
+    int element_bits;
+    int channels;
+    size_t bytes_per_pixel;
+};
+const size_case size_cases[] = {{8, 3, 3}, {8, 4, 4}, {16, 3, 6}, {16, 4, 8}, {16, 0, 6}};
+const layout layouts[] = {layout::bgr_planes, layout::bgr_interleaved, layout::rgb_interleaved,
+                          static_cast<layout>(-1)};
+
+// A view of `c`'s kind over storage of `bytes`; returns what it says it needs.
+size_t view_over(const size_case& c, size_t bytes, layout l, int32_t pixels) {
+    std::vector<uint8_t> narrow(bytes);
+    std::vector<uint16_t> wide(bytes / 2);
+    if (c.channels == 0) return kelvane::input_frame(wide, l, pixels).required_bytes();
+    if (c.element_bits == 8) {
+        return kelvane::output_frame<uint8_t>(narrow, l, c.channels, pixels).required_bytes();
+    }
+    return kelvane::output_frame<uint16_t>(wide, l, c.channels, pixels).required_bytes();
+}
+
+TEST(FrameSize, BytesPerLayoutWidthAndChannelsAndOneElementShortIsRefused) {
+    for (const size_case& c : size_cases) {
+        for (layout l : layouts) {
+            for (int32_t pixels : {-5, 0, 1, 7, 1000}) {
+                SCOPED_TRACE(std::to_string(c.element_bits) + "-bit x" +
+                             std::to_string(c.channels) + ", layout " + std::to_string(int(l)) +
+                             ", " + std::to_string(pixels) + " pixels");
+                const size_t need = size_t(std::max(pixels, 0)) * c.bytes_per_pixel;
+                EXPECT_EQ(view_over(c, need, l, pixels), need);
+                if (need == 0) continue;
+                const size_t short_by_one = need - size_t(c.element_bits / 8);
+                try {
+                    view_over(c, short_by_one, l, pixels);
+                    ADD_FAILURE() << "a buffer one element short was accepted";
+                } catch (const kelvane::buffer_size_error& e) {
+                    EXPECT_EQ(e.required_bytes(), need);
+                    EXPECT_EQ(e.available_bytes(), short_by_one);
+                    EXPECT_NE(std::string(e.what()).find("buffer too small"), std::string::npos);
+                }
+            }
+        }
+    }
+}
+
+TEST(FrameSize, OddChannelCountsAndNullStorageAreRefused) {
+    std::vector<uint16_t> storage(64);
+    for (int channels : {0, 1, 2, 5, -3}) {
+        EXPECT_THROW(kelvane::output_frame<uint16_t>(storage, layout::bgr_planes, channels, 1),
+                     kelvane::error)
+            << channels << " channels";
+    }
+    EXPECT_THROW(kelvane::input_frame(nullptr, 99, layout::bgr_planes, 1),
+                 kelvane::buffer_size_error);
+}
+
+TEST(StatusText, NamesEveryStatusAndNumbersTheRest) {
+    EXPECT_EQ(kelvane::status_text(KV_STATUS_INVALID_CLAMP), "KV_STATUS_INVALID_CLAMP (12)");
+    EXPECT_EQ(kelvane::status_text(7), "status 7");
+    EXPECT_EQ(kelvane::status_name(-1), nullptr);
+}
+
+// ---- refusals ----------------------------------------------------------------------------------
+
+constexpr int32_t refusal_pixels = 5;
+constexpr uint16_t sentinel = 0xA5A5;
+
+// A processor with 8-bit output LUTs (the blue one on) and a valid 48-to-64 request of five
+// pixels over a sentinel-filled output, which a case then spoils. No refusal may touch a buffer.
+struct refusal_setup {
+    kelvane::session library;
+    kelvane::processor p{library, 8, 8};
+    std::optional<kelvane::processor> keeper;
+    std::vector<uint16_t> input = std::vector<uint16_t>(3 * refusal_pixels, 1000);
+    std::vector<uint16_t> output = std::vector<uint16_t>(4 * refusal_pixels, sentinel);
+    const uint16_t* input_data = input.data();
+    uint16_t* output_data = output.data();
+    layout input_layout = layout::bgr_interleaved;
+    layout output_layout = layout::rgb_interleaved;
+    int channels = 4;
+    int32_t pixels = refusal_pixels;
+    kelvane::frame_settings settings;
+
+    refusal_setup() {
+        p.enable_output_LUTs(true, false, false);
+        settings.blue.maximum = 255;
+    }
+    void attempt(unsigned threads) {
+        const kelvane::input_frame in(input_data, input_data ? input.size() : 0, input_layout,
+                                      pixels);
+        const kelvane::output_frame<uint16_t> out(output_data, output_data ? output.size() : 0,
+                                                  output_layout, channels, pixels);
+        p.transform_striped(in, out, settings, threads);
+    }
+};
+
+struct refusal_case {
+    const char* what;
+    kv_status status;
+    void (*spoil)(refusal_setup&);
+};
+
+const refusal_case refusal_cases[] = {
+    {"moved-from processor", KV_STATUS_NULL_HANDLE,
+     [](refusal_setup& s) { s.keeper.emplace(std::move(s.p)); }},
+    {"NULL input", KV_STATUS_NULL_INPUT_BUFFER,
+     [](refusal_setup& s) { s.input_data = nullptr, s.pixels = 0; }},
+    {"NULL output", KV_STATUS_NULL_OUTPUT_BUFFER,
+     [](refusal_setup& s) { s.output_data = nullptr, s.pixels = 0; }},
+    {"same buffer", KV_STATUS_SAME_BUFFER,
+     [](refusal_setup& s) { s.input_data = s.output_data, s.channels = 3; }},
+    {"input layout 3", KV_STATUS_INVALID_INPUT_FORMAT,
+     [](refusal_setup& s) { s.input_layout = static_cast<layout>(3); }},
+    {"output layout 7", KV_STATUS_INVALID_OUTPUT_FORMAT,
+     [](refusal_setup& s) { s.output_layout = static_cast<layout>(7); }},
+    {"green shift 16", KV_STATUS_INVALID_SHIFT,
+     [](refusal_setup& s) { s.settings.green.shift = 16; }},
+    {"red shift -16", KV_STATUS_INVALID_SHIFT,
+     [](refusal_setup& s) { s.settings.red.shift = -16; }},
+    {"red minimum above maximum", KV_STATUS_INVALID_CLAMP,
+     [](refusal_setup& s) {
+         s.settings.red = {2, 1, 0};
+     }},
+    {"blue maximum past the enabled output LUT", KV_STATUS_INVALID_CLAMP,
+     [](refusal_setup& s) { s.settings.blue.maximum = 256; }},
+};
+
+class Refusal : public ::testing::TestWithParam<unsigned> {};
+
+TEST_P(Refusal, EveryStatusIsATypedErrorAndTouchesNothing) {
+    for (const refusal_case& c : refusal_cases) {
+        SCOPED_TRACE(c.what);
+        refusal_setup s;
+        c.spoil(s);
+        try {
+            s.attempt(GetParam());
+            ADD_FAILURE() << "no error";
+        } catch (const kelvane::status_error& e) {
+            EXPECT_EQ(e.status(), c.status);
+            EXPECT_STREQ(e.name(), kelvane::status_name(c.status));
+            EXPECT_NE(std::string(e.what()).find(kelvane::status_text(c.status)), std::string::npos)
+                << e.what();
+        }
+        EXPECT_EQ(s.input, std::vector<uint16_t>(s.input.size(), 1000));
+        EXPECT_EQ(s.output, std::vector<uint16_t>(s.output.size(), sentinel));
+    }
+}
+
+// One thread, and three stripes of a five-pixel frame.
+INSTANTIATE_TEST_SUITE_P(Threads, Refusal, ::testing::Values(1u, 3u));
+
+TEST(RefusalBeforeTheLibrary, PixelCountsOfTheTwoFramesMustAgree) {
+    refusal_setup s;
+    const kelvane::input_frame in(s.input, s.input_layout, refusal_pixels);
+    const kelvane::output_frame<uint16_t> out(s.output, s.output_layout, 4, refusal_pixels - 1);
+    EXPECT_THROW(s.p.transform(in, out, s.settings), kelvane::error);
+    EXPECT_TRUE(
+        std::all_of(s.output.begin(), s.output.end(), [](uint16_t v) { return v == sentinel; }));
+}
+
+TEST(RefusalBeforeTheLibrary, BadBitDepthsNameTheDepths) {
+    kelvane::session library;
+    try {
+        kelvane::processor p(library, 17, 8);
+        ADD_FAILURE() << "a depth of 17 was accepted";
+    } catch (const kelvane::error& e) {
+        EXPECT_NE(std::string(e.what()).find("17 and 8"), std::string::npos) << e.what();
+    }
+}
+
+TEST(LUTSpan, SizeIsTwoToTheBitsAndWritesReachTheLibrary) {
+    kelvane::session library;
+    kelvane::processor p(library, 0, 12);
+    EXPECT_EQ(p.input_LUT(kelvane::channel::green).size(), 1u);
+    const kelvane::LUT_span red = p.output_LUT(kelvane::channel::red);
+    EXPECT_EQ(red.size(), 4096u);
+    EXPECT_EQ(red.data(), kv_color_get_red_output_LUT(p.handle()));
+    EXPECT_NE(red.data(), p.output_LUT(kelvane::channel::blue).data());
+    std::fill(red.begin(), red.end(), 7u);
+    EXPECT_EQ(kv_color_get_red_output_LUT(p.handle())[4095], 7u);
+}
+
+// ---- lifetime ----------------------------------------------------------------------------------
+
+// Index of the last (first) journal event of module and name; -1 if none.
+long find_event(const char* module, const char* name, bool last) {
+    long found = -1;
+    kv_journal_entry entry;
+    for (size_t i = 0; kv_journal_entry_at(i, &entry); ++i) {
+        if (std::strcmp(entry.module, module) == 0 && std::strcmp(entry.event, name) == 0) {
+            found = long(i);
+            if (!last) break;
+        }
+    }
+    return found;
+}
+
+class Lifetime : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_FALSE(library_is_up());
+        kv_journal_reset();
+    }
+    void TearDown() override { EXPECT_FALSE(library_is_up()) << "initialise left unbalanced"; }
+};
+
+// Two sessions, a processor of each, and the four objects released in every order: one initialise
+// for them all, the library up until the last goes, and every table destroyed before the
+// terminate (which empties the library's LUT table, nested or not).
+TEST_F(Lifetime, AnyReleaseOrderKeepsTheLibraryUpUntilTheLastObject) {
+    int order[4] = {0, 1, 2, 3};
+    do {
+        kv_journal_reset();
+        std::optional<kelvane::session> sessions[2];
+        std::optional<kelvane::processor> processors[2];
+        sessions[0].emplace();
+        sessions[1].emplace();
+        processors[0].emplace(*sessions[0], 4, 4);
+        processors[1].emplace(*sessions[1], 4, 4, KV_TIER_SCALAR);
+        std::string trace = "release order";
+        for (int step = 0; step < 4; ++step) {
+            trace += ' ' + std::to_string(order[step]);
+            ASSERT_TRUE(library_is_up()) << trace;
+            if (order[step] < 2) {
+                sessions[order[step]].reset();
+            } else {
+                processors[order[step] - 2].reset();
+            }
+        }
+        EXPECT_FALSE(library_is_up()) << trace;
+        EXPECT_EQ(kv_journal_count("LUT", "kv_LUT_module_initialize"), 1u) << trace;
+        EXPECT_EQ(kv_journal_count("LUT", "kv_destroy_LUT"), 12u) << trace;
+        EXPECT_EQ(kv_journal_count("logger", "qor_free_log"), 1u) << trace;
+        EXPECT_LT(find_event("LUT", "kv_destroy_LUT", true),
+                  find_event("LUT", "kv_LUT_module_terminate", false))
+            << trace;
+    } while (std::next_permutation(order, order + 4));
+}
+
+TEST_F(Lifetime, MovesTransferOwnershipWithoutAnExtraCall) {
+    {
+        kelvane::session first;
+        kelvane::session second = std::move(first);
+        EXPECT_FALSE(first);
+        EXPECT_THROW(kelvane::processor(first, 8, 8), kelvane::error);
+        kelvane::processor p(second, 8, 8);
+        kelvane::processor q = std::move(p);
+        EXPECT_EQ(p.handle(), nullptr);
+        p = std::move(q);
+        EXPECT_NE(p.handle(), nullptr);
+        kelvane::session third;
+        third = std::move(second);  // lets go of the reference third held
+        EXPECT_TRUE(library_is_up());
+    }
+    EXPECT_EQ(kv_journal_count("LUT", "kv_LUT_module_initialize"), 1u);
+    EXPECT_EQ(kv_journal_count("LUT", "kv_destroy_LUT"), 6u);
+    EXPECT_EQ(kv_journal_count("logger", "qor_get_log"), 1u);
+    EXPECT_EQ(kv_journal_count("logger", "qor_free_log"), 1u);
+    { kelvane::session again; }  // a new start once everything is gone
+    EXPECT_EQ(kv_journal_count("LUT", "kv_LUT_module_initialize"), 2u);
+    EXPECT_EQ(kv_journal_count("logger", "qor_free_log"), 2u);
+}
+
+// Run with a LUT module that lacks a function: initialise returns 1 and still needs a terminate.
+TEST(IncompleteLUTModule, FailedInitialiseIsThrownAndStillTerminated) {
+    ASSERT_FALSE(library_is_up());
+    kv_journal_reset();
+    try {
+        kelvane::session library;
+        ADD_FAILURE() << "the session started without a complete LUT module";
+    } catch (const kelvane::status_error& e) {
+        EXPECT_EQ(e.status(), KV_STATUS_MODULE_NOT_INITIALIZED);
+        EXPECT_STREQ(e.what(),
+                     "kv_color_processing_module_initialize returned "
+                     "KV_STATUS_MODULE_NOT_INITIALIZED (1)");
+    }
+    EXPECT_FALSE(library_is_up());
+    EXPECT_EQ(kv_journal_count("logger", "qor_get_log"), 1u);
+    EXPECT_EQ(kv_journal_count("logger", "qor_free_log"), 1u);
+}
+
+}  // namespace
