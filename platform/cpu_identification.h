@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
+#include <string>
 
 #if defined(_MSC_VER) && (defined(_M_X64) || defined(_M_IX86))
 #include <immintrin.h>
@@ -53,6 +55,29 @@ inline uint64_t xgetbv0() {
 
 inline bool bit(uint32_t value, int position) {
     return ((value >> position) & 1u) != 0;
+}
+
+// The processor as a person reads it: the brand string of leaves 0x80000002 to 0x80000004, then
+// the display family and model ("AMD EPYC, family 25, model 17"); benchmark figures carry it.
+inline std::string processor_name() {
+    char brand[49] = {};
+    if (cpuid(0x80000000u, 0).eax >= 0x80000004u) {
+        for (uint32_t i = 0; i < 3; ++i) {
+            const cpuid_registers r = cpuid(0x80000002u + i, 0);
+            const uint32_t words[4] = {r.eax, r.ebx, r.ecx, r.edx};
+            std::memcpy(brand + 16 * i, words, sizeof words);
+        }
+    }
+    std::string name = brand;
+    name.erase(0, name.find_first_not_of(' '));
+    name.erase(name.find_last_not_of(' ') + 1);
+    const uint32_t signature = cpuid(1, 0).eax;
+    const uint32_t base_family = (signature >> 8) & 0xF;
+    const uint32_t family = base_family + (base_family == 0xF ? (signature >> 20) & 0xFF : 0);
+    uint32_t model = (signature >> 4) & 0xF;
+    if (base_family == 0x6 || base_family == 0xF) model += ((signature >> 16) & 0xF) << 4;
+    return (name.empty() ? std::string("unknown processor") : name) + ", family " +
+           std::to_string(family) + ", model " + std::to_string(model);
 }
 
 // What the tier decision reads of the processor and the system, as plain values.

@@ -1,6 +1,7 @@
 # Runs the command after "--" and fails unless it exits with EXPECT_CODE and its combined output
 # matches the regular expression EXPECT. With STDOUT_FILE set, standard output goes to that file
-# (such as /dev/full) and only standard error is matched.
+# (such as /dev/full) and only standard error is matched. With COUNT_FILE set, the file must exist
+# and hold as many matches of COUNT_IN_FILE as the output holds of COUNT_IN_OUTPUT, at least one.
 set(command)
 set(collect OFF)
 math(EXPR last "${CMAKE_ARGC} - 1")
@@ -25,5 +26,19 @@ if(NOT code STREQUAL "${EXPECT_CODE}")
 endif()
 if(NOT flat MATCHES "${EXPECT}")
   message(FATAL_ERROR "output does not match '${EXPECT}':\n${all}")
+endif()
+if(DEFINED COUNT_FILE)
+  if(NOT EXISTS "${COUNT_FILE}")
+    message(FATAL_ERROR "${COUNT_FILE} was not written")
+  endif()
+  file(READ "${COUNT_FILE}" content)
+  string(REGEX MATCHALL "${COUNT_IN_FILE}" in_file "${content}")
+  string(REGEX MATCHALL "${COUNT_IN_OUTPUT}" in_output "${flat}")
+  list(LENGTH in_file file_count)
+  list(LENGTH in_output output_count)
+  if(output_count EQUAL 0 OR NOT file_count EQUAL output_count)
+    message(FATAL_ERROR "${COUNT_FILE}: ${file_count} of '${COUNT_IN_FILE}' for ${output_count} "
+                        "of '${COUNT_IN_OUTPUT}' in the output")
+  endif()
 endif()
 message(STATUS "exit code ${code} as expected:\n${all}")

@@ -143,7 +143,8 @@ TEST(Options, BadCommandLinesNameTheOption) {
         {{"-o", "c.ppm", "--channels", "4"}, "-o: PPM holds three channels"},
         {{"--output-type", "png"}, "--output-type goes with --output-dir"},
         {{"--output-dir", "d", "--output-type", "gif"}, "--output-type: cannot tell the file type"},
-        {{"--json", "-"}, "--json and --min-time are options of bench"},
+        {{"--json", "-"}, "--json, --svg and --min-time are options of bench"},
+        {{"--narrow", "floor"}, "--narrow: 'floor' is not round or truncate"},
         {{"bench", "-o", "x.png"}, "bench writes no image"},
         {{"bench", "a.png", "b.png"}, "bench: one input image at most"},
         {{"bench", "--min-time", "0"}, "--min-time: '0' is not a number of seconds"},
@@ -213,7 +214,7 @@ TEST(Options, HelpListsWhatTheParserTakes) {
             ++listed;
         }
     }
-    EXPECT_EQ(listed, 25u);
+    EXPECT_EQ(listed, 27u);
 }
 
 }  // namespace

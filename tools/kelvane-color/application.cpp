@@ -14,6 +14,7 @@
 #include <set>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "bench.h"
 #include "chart.h"
@@ -144,7 +145,7 @@ std::string output_path_for(const settings& s, const job& j, file_type* type) {
 }
 
 // Reads, transforms and writes one job; `threads` stripes for its frame.
-void run_job(job& j, const settings& s, const pipeline_plan& plan, const processor& p,
+void run_job(job& j, const settings& s, const output_route& route, const processor& p,
              unsigned threads) {
     try {
         const image picture = read_source(j.input, s);
@@ -152,13 +153,14 @@ void run_job(job& j, const settings& s, const pipeline_plan& plan, const process
         j.height = picture.height;
         const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
         const size_t out_size = output_bytes(s, picture.pixel_count());
-        std::vector<uint16_t> output((out_size + 1) / 2);
+        std::vector<uint16_t> output((output_bytes(route.library, picture.pixel_count()) + 1) / 2);
         const auto pixels = int32_t(picture.pixel_count());
         const auto start = std::chrono::steady_clock::now();
-        const kv_status status =
-            run_transform(p, s, plan, input.data(), output.data(), pixels, threads);
+        const kv_status status = run_transform(p, route.library, route.plan, input.data(),
+                                               output.data(), pixels, threads);
         j.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        check_transform(status, j.name, s, plan);
+        check_transform(status, j.name, route.library, route.plan);
+        output = finish_frame(route, std::move(output), picture.pixel_count());
         if (j.target.empty()) return;
         if (j.type == file_type::raw) {
             write_file(j.target, output.data(), out_size);
@@ -183,7 +185,7 @@ void run_job(job& j, const settings& s, const pipeline_plan& plan, const process
 // Runs the jobs on up to s.threads threads: files at once in a batch, each frame in stripes with
 // the threads left over. `report(i)` is called on this thread for every job in input order, as
 // soon as it and those before it are done, until a job ends the run.
-void run_jobs(std::vector<job>& jobs, const settings& s, const pipeline_plan& plan,
+void run_jobs(std::vector<job>& jobs, const settings& s, const output_route& route,
               const processor& p, const std::function<bool(size_t)>& report) {
     const size_t workers = std::min<size_t>(s.threads, jobs.size());
     const unsigned stripes = std::max(1u, s.threads / unsigned(workers));
@@ -201,7 +203,7 @@ void run_jobs(std::vector<job>& jobs, const settings& s, const pipeline_plan& pl
                 i = next++;
                 jobs[i].claimed = true;
             }
-            run_job(jobs[i], s, plan, p, stripes);
+            run_job(jobs[i], s, route, p, stripes);
             std::lock_guard<std::mutex> lock(mutex);
             jobs[i].finished = true;
             stop = stop || jobs[i].fatal;
@@ -247,8 +249,13 @@ void run_jobs(std::vector<job>& jobs, const settings& s, const pipeline_plan& pl
 
 int run_process(const settings& s) {
     const system_report system = probe_system();
-    const pipeline_plan plan = plan_pipeline(s);
-    const processor p(s, plan, s.tier);
+    // Without an output file only the library's own frame is timed.
+    const output_route route = route_output(s, !s.output.empty()      ? file_type_of(s.output, "-o")
+                                               : s.output_dir.empty() ? file_type::raw
+                                                                      : s.output_type);
+    const settings& library = route.library;
+    const pipeline_plan& plan = route.plan;
+    const processor p(library, plan, s.tier);
     const int32_t tier = s.tier.value_or(system.cpu.tier);
     const int32_t backend = routed_backend(tier, system.vector);
 
@@ -259,7 +266,7 @@ int run_process(const settings& s) {
     // run would be refused alike.
     {
         uint16_t in[3] = {}, out[4] = {};
-        check_transform(run_transform(p, s, plan, in, out, 0), jobs[0].name, s, plan);
+        check_transform(run_transform(p, library, plan, in, out, 0), jobs[0].name, library, plan);
     }
     if (!s.output_dir.empty()) {
         std::error_code error;
@@ -292,7 +299,7 @@ int run_process(const settings& s) {
     size_t done = 0;
     double total_pixels = 0, total_seconds = 0;
     std::exception_ptr fatal;
-    run_jobs(jobs, s, plan, p, [&](size_t i) {
+    run_jobs(jobs, s, route, p, [&](size_t i) {
         const job& j = jobs[i];
         progress.show(i, j.name);
         if (j.fatal) {
@@ -355,6 +362,10 @@ int run_bench_mode(const settings& s) {
         } else {
             write_file(s.json, json.data(), json.size());
         }
+    }
+    if (!s.svg.empty()) {
+        const std::string svg = bench_svg(result, s);
+        write_file(s.svg, svg.data(), svg.size());
     }
     for (const bench_row& row : result.tiers) {
         if (row.measured && !row.matches_scalar) {

@@ -27,7 +27,8 @@ struct bench_result {
     std::string source;
     int32_t width = 0, height = 0;
     int32_t detected_tier = 0;
-    unsigned threads = 1;  // each frame cut into this many stripes (interleaved layouts)
+    std::string processor;  // cpu_report::name
+    unsigned threads = 1;   // each frame cut into this many stripes (interleaved layouts)
     std::vector<bench_row> tiers;
     double memcpy_mpix_per_s = 0;
     double memcpy_gb_per_s = 0;
@@ -39,5 +40,10 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
 
 std::string bench_table(const bench_result& result, const settings& s);
 std::string bench_json(const bench_result& result, const settings& s);
+
+// A horizontal bar chart of the median Mpix/s of each measured tier and of memcpy, as a
+// self-contained SVG whose title names the processor and the settings. Every bar of a tier is a
+// rect of class "tier-bar".
+std::string bench_svg(const bench_result& result, const settings& s);
 
 }  // namespace kv_tool

@@ -201,6 +201,15 @@ const option_spec options[] = {
          if (bits != 8 && bits != 16) throw usage_error("--bits: must be 8 or 16");
          p.s.bits = int(bits);
      }},
+    {nullptr, "--narrow", "round|truncate", output_section,
+     "8-bit image files: round(v x 255 / 65535) of the 16-bit result as\n"
+     "other imaging tools do (default), or its top byte; .raw: never rounded",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         if (value != "round" && value != "truncate") {
+             throw usage_error(name + ": '" + value + "' is not round or truncate");
+         }
+         p.s.narrow_round = value == "round";
+     }},
     {nullptr, "--channels", "3|4", output_section,
      "elements a pixel (default 3; the fourth carries the input's alpha)",
      [](parse_state& p, const std::string& name, const std::string& value) {
@@ -285,6 +294,12 @@ const option_spec options[] = {
      [](parse_state& p, const std::string&, const std::string& value) {
          p.s.json = value;
          if (p.s.json.empty()) throw usage_error("--json: empty file name (use - for stdout)");
+         p.bench_options = true;
+     }},
+    {nullptr, "--svg", "FILE", other_section, "bench: also draw the results as an SVG bar chart",
+     [](parse_state& p, const std::string&, const std::string& value) {
+         p.s.svg = value;
+         if (p.s.svg.empty()) throw usage_error("--svg: empty file name");
          p.bench_options = true;
      }},
     {nullptr, "--min-time", "S", other_section,
@@ -410,7 +425,7 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
                 "--output-type");
         if (s.inputs.size() > 1) throw usage_error("bench: one input image at most");
     } else if (bench_options) {
-        throw usage_error("--json and --min-time are options of bench");
+        throw usage_error("--json, --svg and --min-time are options of bench");
     }
     if (!s.output.empty() && !s.output_dir.empty()) {
         throw usage_error("-o and --output-dir: give one of them");

@@ -35,6 +35,7 @@ struct settings {
     std::array<std::optional<uint16_t>, 3> clamp_min, clamp_max;
     std::array<std::optional<int32_t>, 3> shift;
     int bits = 8;               // output element width
+    bool narrow_round = true;   // 8-bit image files: round the 16-bit result (false: top byte)
     int channels = 3;           // output elements a pixel
     int32_t input_layout = 2;   // KV_FORMAT_RGB_INTERLEAVED
     int32_t output_layout = 2;  // KV_FORMAT_RGB_INTERLEAVED
@@ -45,6 +46,7 @@ struct settings {
     unsigned threads = default_threads();  // stripes of a frame, files of a batch, bench frames
 
     std::string json;       // bench: "" none, "-" stdout, else a file
+    std::string svg;        // bench: "" none, else a file for the bar chart
     double min_time = 0.5;  // bench: seconds of frames per tier
 };
 
@@ -64,6 +66,10 @@ struct pipeline_plan {
     int32_t input_LUT_bits = 0;
     int32_t output_LUT_bits = 0;
     uint32_t output_LUT_max = 0;
+    // Output tables rewritten to the 8-bit rounding of what they give at 16 bits, after the
+    // shift of that channel's 16-bit output (the library's own shift then stays off).
+    bool tables_to_8_bits = false;
+    std::array<int32_t, 3> table_shift_at_16{};
 };
 
 // Clamp maximum: 2^bits - 1 of the output LUT when it is on, else 65535. Shift: moves the top of

@@ -23,6 +23,13 @@ size_t place(int32_t layout, int element, size_t i, size_t n, int per_pixel) {
     return element * n + i;
 }
 
+// What the library's shift stage makes of a 32-bit value.
+uint32_t shifted(uint32_t value, int32_t distance) {
+    if (distance > 0) return value << distance;
+    if (distance < 0) return uint32_t(int32_t(value) >> -distance);
+    return value;
+}
+
 }  // namespace
 
 std::string status_name(kv_status status) {
@@ -81,6 +88,10 @@ processor::processor(const settings& s, const pipeline_plan& plan, std::optional
                 const kelvane::LUT_span table = processor_.output_LUT(which);
                 fill_table(s.output_LUT[c], c, table.data(), uint32_t(table.size()),
                            plan.output_LUT_max);
+                for (size_t i = 0; plan.tables_to_8_bits && i < table.size(); ++i) {
+                    table.data()[i] = round_to_8_bits(
+                        uint16_t(shifted(table.data()[i], plan.table_shift_at_16[c])));
+                }
             }
         }
         processor_.enable_input_LUTs(plan.channel[0].input_LUT, plan.channel[1].input_LUT,
@@ -90,6 +101,56 @@ processor::processor(const settings& s, const pipeline_plan& plan, std::optional
     } catch (const kelvane::error& e) {
         throw library_error(e.what());
     }
+}
+
+output_route route_output(const settings& s, file_type type) {
+    output_route route{s, plan_pipeline(s), narrowing::library};
+    if (s.bits != 8 || !s.narrow_round || type == file_type::raw) return route;
+    settings wide = s;
+    wide.bits = 16;
+    const pipeline_plan wide_plan = plan_pipeline(wide);
+    int tables = 0;
+    bool unshifted = true, ordered = true;
+    for (const channel_plan& c : wide_plan.channel) {
+        tables += c.output_LUT;
+        unshifted = unshifted && c.shift == 0;
+        ordered = ordered && c.minimum <= c.maximum;
+    }
+    route.plan = wide_plan;
+    if (tables == 3) {
+        route.how = narrowing::tables;
+        route.plan.tables_to_8_bits = true;
+        for (int c = 0; c < 3; ++c) {
+            route.plan.table_shift_at_16[c] = wide_plan.channel[c].shift;
+            route.plan.channel[c].shift = 0;
+        }
+    } else if (tables == 0 && s.matrices.empty() && unshifted && ordered) {
+        // The identity's sums are the input integers, and v x float(1/257) never comes within
+        // float error of a half: the library's rounding then gives round(v / 257) exactly.
+        // Rounding is monotone, so clamping before it equals clamping after it to the rounded
+        // bounds.
+        route.how = narrowing::scale_matrix;
+        const float k = 1.0f / 257.0f;
+        route.library.matrices = {{k, 0, 0, 0, k, 0, 0, 0, k}};
+        for (channel_plan& c : route.plan.channel) {
+            c.minimum = round_to_8_bits(c.minimum);
+            c.maximum = round_to_8_bits(c.maximum);
+        }
+    } else {
+        route.how = narrowing::rounding_pass;
+        route.library = wide;
+    }
+    return route;
+}
+
+std::vector<uint16_t> finish_frame(const output_route& route, std::vector<uint16_t> frame,
+                                   uint64_t pixels) {
+    if (route.how != narrowing::rounding_pass) return frame;
+    const size_t elements = size_t(pixels) * size_t(route.library.channels);
+    std::vector<uint16_t> narrow((elements + 1) / 2);
+    auto* bytes = reinterpret_cast<uint8_t*>(narrow.data());
+    for (size_t i = 0; i < elements; ++i) bytes[i] = round_to_8_bits(frame[i]);
+    return narrow;
 }
 
 size_t output_bytes(const settings& s, uint64_t pixels) {

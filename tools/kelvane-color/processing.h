@@ -44,6 +44,28 @@ class processor {
 // The bytes one frame of `pixels` takes at this output width and element count.
 size_t output_bytes(const settings& s, uint64_t pixels);
 
+// How the library is set up for one kind of output file. 8-bit image files with --narrow round
+// get round(v x 255 / 65535) of the 16-bit result: through the output tables when every channel
+// has one, through a scale of 1/257 in the matrix when no channel has one and nothing else
+// moves the result (exact for every integer input), else by the tool from a 16-bit frame.
+enum class narrowing { library, tables, scale_matrix, rounding_pass };
+struct output_route {
+    settings library;  // what the processor and the transform are set up with
+    pipeline_plan plan;
+    narrowing how = narrowing::library;
+};
+output_route route_output(const settings& s, file_type type);
+
+// The library's frame as the settings' `s` expect it: a 16-bit frame of the rounding pass
+// becomes 8-bit; other frames are returned as they are.
+std::vector<uint16_t> finish_frame(const output_route& route, std::vector<uint16_t> frame,
+                                   uint64_t pixels);
+
+// round(v x 255 / 65535) in integers, as other imaging tools narrow 16-bit samples.
+inline uint8_t round_to_8_bits(uint32_t v) {
+    return uint8_t((v * 255u + 32767u) / 65535u);
+}
+
 // The image's RGB samples laid out for the library (any layout other than bgr and rgb: planes).
 std::vector<uint16_t> to_input_buffer(const image& picture, int32_t layout);
 

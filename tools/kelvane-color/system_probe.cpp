@@ -10,6 +10,7 @@
 #include "kelvane_qor_color_processing_suite/tier_selection.h"
 #include "platform/module_loader.h"
 #include "services/module_contract.h"
+#include "tool_error.h"
 
 #if defined(_WIN32)
 #include <io.h>
@@ -78,6 +79,7 @@ cpu_report detect_cpu() {
     cpu.avx2 = kv::passes_tier_checks(id, KV_TIER_AVX2);
     cpu.sse = kv::passes_tier_checks(id, KV_TIER_SSE);
     cpu.tier = kv::select_processor_tier(id);
+    cpu.name = printable(kv::platform::processor_name());
     return cpu;
 }
 

@@ -16,6 +16,7 @@ struct cpu_report {
     bool avx2 = false;    // AVX2 and FMA
     bool sse = false;     // SSE, SSE2, SSE4.1
     int32_t tier = 0;     // the first group that passes, as the library selects it
+    std::string name;     // "<brand string>, family F, model M" from cpuid, for reports
 };
 
 enum class module_state { missing, incomplete, refused, ready };
