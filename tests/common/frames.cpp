@@ -8,10 +8,7 @@
 #include <new>
 
 #if defined(_WIN32)
-#ifndef NOMINMAX
-#define NOMINMAX  // std::min and std::max stay usable
-#endif
-#include <windows.h>
+#include "platform/windows_api.h"
 #else
 #include <sys/mman.h>
 #include <unistd.h>

@@ -27,10 +27,7 @@
 #include "tests/module_support/loaded_module.h"
 
 #if defined(_WIN32)
-#ifndef NOMINMAX
-#define NOMINMAX  // std::min and std::max stay usable
-#endif
-#include <windows.h>
+#include "platform/windows_api.h"
 #else
 #include <sys/stat.h>  // mkfifo
 #endif

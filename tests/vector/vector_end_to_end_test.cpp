@@ -7,10 +7,7 @@
 #include <string>
 
 #if defined(_WIN32)
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows_api.h"
 #else
 #include <dlfcn.h>
 #endif
