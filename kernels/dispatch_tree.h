@@ -36,6 +36,47 @@ void selector(uint8_t green_input_LUT_enabled, const uint8_t& red_input_LUT_enab
               const uint8_t& fourth_channel, const pixel_format& output_format,
               const transform_request* request, const int32_t& start_index);
 
+// The one branch helper every node is built from. branch<Code, W1, W2, ...>::go(s1, s2, ...,
+// rest...) settles s1 (W1 ways), then s2, and so on, each setting appending its digit to Code,
+// and then goes on to the next level with the arguments left over: a selector while settings are
+// still open, the kernel once only the request and start_index remain. The settings travel by
+// reference, so the next selector's references still point where the entry's did.
+template <uint32_t Code, uint32_t... Ways>
+struct branch {
+    template <typename... Open>
+    static void go(const Open&... open) {
+        if constexpr (sizeof...(Open) == 2) {
+            pixel_kernel<Code>(open...);
+        } else {
+            selector<Code>(open...);
+        }
+    }
+};
+
+template <uint32_t Code, uint32_t Ways, uint32_t... Later>
+struct branch<Code, Ways, Later...> {
+    static_assert(Ways == 2 || Ways == 3, "two-way or three-way branches");
+
+    template <typename Setting, typename... Open>
+    static void go(const Setting& setting, const Open&... open) {
+        if constexpr (Ways == 2) {
+            // One byte, zero for off.
+            if (setting != 0) return branch<settle(Code, 2, 1), Later...>::go(open...);
+            return branch<settle(Code, 2, 0), Later...>::go(open...);
+        } else {
+            // 1 and 2 by name; every other value takes the arm of 0.
+            switch (setting) {
+                case 1:
+                    return branch<settle(Code, 3, 1), Later...>::go(open...);
+                case 2:
+                    return branch<settle(Code, 3, 2), Later...>::go(open...);
+                default:
+                    return branch<settle(Code, 3, 0), Later...>::go(open...);
+            }
+        }
+    }
+};
+
 }  // namespace tree
 }  // namespace kv
 
