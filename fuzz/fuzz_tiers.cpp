@@ -3,8 +3,6 @@
 // frames with every per-frame setting (export, layouts, clamps, shifts including refused ones,
 // lengths, buffer offsets). Each frame runs on a scalar-only processor and on one forced to each
 // vector tier the machine has; status, output bytes, guard bytes and input must agree exactly.
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <cfloat>
 #include <climits>
@@ -18,6 +16,8 @@
 #include "fuzz/fuzz_support.h"
 #include "kelvane_qor_color_processing.h"
 #include "modules/vector/instruction_sets.h"
+#include "platform/module_loader.h"
+#include "services/module_contract.h"
 
 namespace {
 
@@ -297,18 +297,16 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
         // Without the real module the tier would quietly run the scalar path, and the
         // comparison would prove nothing.
         kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, t.tier);
-        const std::string file =
-            std::string("kelvane_qor_color_processing_vector_") + t.name + ".so";
-        void* loaded = dlopen(file.c_str(), RTLD_NOW | RTLD_NOLOAD);
+        const char* module = kv::VECTOR_MODULES[t.tier - 1].base_name;
+        const bool loaded = kv::platform::module_is_loaded(module);
         kv_color_destroy_color_processor(p);
-        if (loaded == nullptr) {
+        if (!loaded) {
             std::fprintf(stderr,
-                         "fuzz_tiers: %s was not loaded: put the folder with the real vector "
+                         "fuzz_tiers: %s%s was not loaded: put the folder with the real vector "
                          "modules on LD_LIBRARY_PATH\n",
-                         file.c_str());
+                         module, kv::platform::module_suffix);
             std::exit(2);
         }
-        dlclose(loaded);
         compared_tiers.push_back(&t);
     }
     std::atexit(report_and_terminate);

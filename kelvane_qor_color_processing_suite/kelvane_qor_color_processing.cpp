@@ -328,56 +328,32 @@ KV_COLOR_API uint32_t* kv_color_get_red_output_LUT(kv_color_processor_handle pro
                     &color_correction::output_LUTs, &color_LUT_set::red);
 }
 
-KV_COLOR_API kv_status kv_color_transform_48_to_24(
-    kv_color_processor_handle processor, const uint16_t* input_buffer, kv_pixel_format input_format,
-    uint16_t blue_output_min, uint16_t blue_output_max, uint16_t green_output_min,
-    uint16_t green_output_max, uint16_t red_output_min, uint16_t red_output_max,
-    int32_t blue_shift_distance, int32_t green_shift_distance, int32_t red_shift_distance,
-    uint8_t* output_buffer, kv_pixel_format output_format, int32_t pixel_count) {
-    return kv_color_processor_transform_impl<output_width::bits_8>(
-        "color processing transform 48 to 24", 0, processor, input_buffer, input_format,
-        blue_output_min, blue_output_max, green_output_min, green_output_max, red_output_min,
-        red_output_max, blue_shift_distance, green_shift_distance, red_shift_distance,
-        output_buffer, output_format, pixel_count);
-}
+// The four transform exports, one signature apart from the stored sample: each names its label,
+// its fourth element (none or one) and its output width.
+#define KV_TRANSFORM_EXPORT(name, label, fourth_channel, width, sample)                          \
+    KV_COLOR_API kv_status name(                                                                 \
+        kv_color_processor_handle processor, const uint16_t* input_buffer,                       \
+        kv_pixel_format input_format, uint16_t blue_output_min, uint16_t blue_output_max,        \
+        uint16_t green_output_min, uint16_t green_output_max, uint16_t red_output_min,           \
+        uint16_t red_output_max, int32_t blue_shift_distance, int32_t green_shift_distance,      \
+        int32_t red_shift_distance, sample* output_buffer, kv_pixel_format output_format,        \
+        int32_t pixel_count) {                                                                   \
+        return kv_color_processor_transform_impl<output_width::width>(                           \
+            label, fourth_channel, processor, input_buffer, input_format, blue_output_min,       \
+            blue_output_max, green_output_min, green_output_max, red_output_min, red_output_max, \
+            blue_shift_distance, green_shift_distance, red_shift_distance, output_buffer,        \
+            output_format, pixel_count);                                                         \
+    }
 
-KV_COLOR_API kv_status kv_color_transform_48_to_32(
-    kv_color_processor_handle processor, const uint16_t* input_buffer, kv_pixel_format input_format,
-    uint16_t blue_output_min, uint16_t blue_output_max, uint16_t green_output_min,
-    uint16_t green_output_max, uint16_t red_output_min, uint16_t red_output_max,
-    int32_t blue_shift_distance, int32_t green_shift_distance, int32_t red_shift_distance,
-    uint8_t* output_buffer, kv_pixel_format output_format, int32_t pixel_count) {
-    return kv_color_processor_transform_impl<output_width::bits_8>(
-        "color processing transform 48 to 32", 1, processor, input_buffer, input_format,
-        blue_output_min, blue_output_max, green_output_min, green_output_max, red_output_min,
-        red_output_max, blue_shift_distance, green_shift_distance, red_shift_distance,
-        output_buffer, output_format, pixel_count);
-}
+KV_TRANSFORM_EXPORT(kv_color_transform_48_to_24, "color processing transform 48 to 24", 0, bits_8,
+                    uint8_t)
+KV_TRANSFORM_EXPORT(kv_color_transform_48_to_32, "color processing transform 48 to 32", 1, bits_8,
+                    uint8_t)
+KV_TRANSFORM_EXPORT(kv_color_transform_48_to_48, "color processing transform 48 to 48", 0, bits_16,
+                    uint16_t)
+KV_TRANSFORM_EXPORT(kv_color_transform_48_to_64, "color processing transform 48 to 64", 1, bits_16,
+                    uint16_t)
 
-KV_COLOR_API kv_status kv_color_transform_48_to_48(
-    kv_color_processor_handle processor, const uint16_t* input_buffer, kv_pixel_format input_format,
-    uint16_t blue_output_min, uint16_t blue_output_max, uint16_t green_output_min,
-    uint16_t green_output_max, uint16_t red_output_min, uint16_t red_output_max,
-    int32_t blue_shift_distance, int32_t green_shift_distance, int32_t red_shift_distance,
-    uint16_t* output_buffer, kv_pixel_format output_format, int32_t pixel_count) {
-    return kv_color_processor_transform_impl<output_width::bits_16>(
-        "color processing transform 48 to 48", 0, processor, input_buffer, input_format,
-        blue_output_min, blue_output_max, green_output_min, green_output_max, red_output_min,
-        red_output_max, blue_shift_distance, green_shift_distance, red_shift_distance,
-        output_buffer, output_format, pixel_count);
-}
-
-KV_COLOR_API kv_status kv_color_transform_48_to_64(
-    kv_color_processor_handle processor, const uint16_t* input_buffer, kv_pixel_format input_format,
-    uint16_t blue_output_min, uint16_t blue_output_max, uint16_t green_output_min,
-    uint16_t green_output_max, uint16_t red_output_min, uint16_t red_output_max,
-    int32_t blue_shift_distance, int32_t green_shift_distance, int32_t red_shift_distance,
-    uint16_t* output_buffer, kv_pixel_format output_format, int32_t pixel_count) {
-    return kv_color_processor_transform_impl<output_width::bits_16>(
-        "color processing transform 48 to 64", 1, processor, input_buffer, input_format,
-        blue_output_min, blue_output_max, green_output_min, green_output_max, red_output_min,
-        red_output_max, blue_shift_distance, green_shift_distance, red_shift_distance,
-        output_buffer, output_format, pixel_count);
-}
+#undef KV_TRANSFORM_EXPORT
 
 }  // extern "C"
