@@ -9,10 +9,6 @@
 namespace kv_test {
 namespace {
 
-kv::color_correction* object_of(kv_color_processor_handle h) {
-    return reinterpret_cast<kv::color_correction*>(h);
-}
-
 // Every tier runs the whole frame in the scalar kernels, and the result is the pipeline's.
 void expect_scalar_only_for_every_tier() {
     for (int32_t tier : {-1, 0, 1, 2, 3, 4}) {
@@ -25,15 +21,11 @@ void expect_scalar_only_for_every_tier() {
         }
         for (transform_export e : all_exports) {
             frame_buffers buffers(e, 11, 10);
-            frame_arguments a;
-            a.handle = p;
-            a.input = buffers.input();
-            a.output = buffers.output();
-            a.pixel_count = 11;
+            const frame_arguments a = buffers.arguments(p);
             const std::vector<uint8_t> before = buffers.output_copy();
-            kv_journal_set("sse.count", -1);
-            kv_journal_set("avx2.count", -1);
-            kv_journal_set("avx512.count", -1);
+            for (const char* isa : {"sse", "avx2", "avx512"}) {
+                set_backend(isa, 0, -1);  // a back-end that ran would claim the whole frame
+            }
             ASSERT_EQ(run_transform(e, a), KV_STATUS_SUCCESS);
             const uint8_t off[3] = {0, 0, 0};
             EXPECT_EQ(buffers.output_copy(), expected_output(e, a, off, off, before, 0));
@@ -87,12 +79,9 @@ TEST_F(NoLogger, ExportsAnswerAsWithALogAndStaySilent) {
     EXPECT_EQ(kv_color_append_matrix(nullptr, nullptr), KV_STATUS_NULL_HANDLE);
     kv_color_processor_handle p = kv_color_create_color_processor(2, 2);
     ASSERT_NE(p, nullptr);
-    uint16_t input[3] = {};
-    frame_arguments a;
-    a.handle = p;
-    a.input = input;
+    frame_buffers buffers(transform_export::to_48, 1, 1);
+    frame_arguments a = buffers.arguments(p);
     a.output = nullptr;
-    a.pixel_count = 1;
     EXPECT_EQ(run_transform(transform_export::to_48, a), KV_STATUS_NULL_OUTPUT_BUFFER);
     EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
     EXPECT_FALSE(kv::platform::module_is_loaded(kv::LOGGER_MODULE_BASE_NAME));

@@ -73,6 +73,16 @@ inline void PrintTo(transform_export e, std::ostream* os) {
     *os << name_of(e);
 }
 
+// The six table getters, blue, green, red input, then blue, green, red output.
+struct LUT_getter {
+    const char* name;
+    uint32_t* (*get)(kv_color_processor_handle);
+};
+extern const LUT_getter LUT_getters[6];
+
+// The processor behind a handle (programs that link the library's objects only).
+kv::color_correction* object_of(kv_color_processor_handle handle);
+
 // The fifteen arguments of a transform, blue, green, red in the arrays.
 struct frame_arguments {
     kv_color_processor_handle handle = nullptr;
@@ -99,8 +109,11 @@ struct frame_buffers {
     std::vector<uint8_t> input_copy() const { return in.copy(); }
     std::vector<uint8_t> output_copy() const { return out.copy(); }
     bool guards_intact() const { return in.guards_intact() && out.guards_intact(); }
+    // A valid frame over these buffers for `handle`, every other argument at its default.
+    frame_arguments arguments(kv_color_processor_handle handle);
 
     kv::testing::guarded_buffer in, out;
+    int32_t pixel_count;
 };
 
 // A record as the library fills it for `a` on `handle` with the given LUT flags, for the
