@@ -144,9 +144,10 @@ frame_arguments frame_buffers::arguments(kv_color_processor_handle handle) {
     return a;
 }
 
-kv::transform_request reference_request(transform_export e, const frame_arguments& a,
-                                        const uint8_t input_enabled[3],
-                                        const uint8_t output_enabled[3]) {
+std::vector<uint8_t> expected_output(transform_export e, const frame_arguments& a,
+                                     const uint8_t input_enabled[3],
+                                     const uint8_t output_enabled[3],
+                                     const std::vector<uint8_t>& before, int32_t start_index) {
     kv::testing::frame_settings s;
     s.width = output_width_of(e);
     s.input_format = a.input_format;
@@ -159,18 +160,11 @@ kv::transform_request reference_request(transform_export e, const frame_argument
         s.maximum[c] = a.maximum[c];
         s.shift_distance[c] = a.shift[c];
     }
-    // The handle points at the processor, whose first member is the matrix.
-    return kv::testing::make_request(s, a.input, a.pixel_count, a.output,
-                                     reinterpret_cast<const kv::color_correction_head*>(a.handle));
-}
-
-std::vector<uint8_t> expected_output(transform_export e, const frame_arguments& a,
-                                     const uint8_t input_enabled[3],
-                                     const uint8_t output_enabled[3],
-                                     const std::vector<uint8_t>& before, int32_t start_index) {
     std::vector<uint8_t> result = before;
-    kv::transform_request r = reference_request(e, a, input_enabled, output_enabled);
-    r.output_buffer = result.data();
+    // The handle points at the processor, whose first member is the matrix.
+    const kv::transform_request r =
+        kv::testing::make_request(s, a.input, a.pixel_count, result.data(),
+                                  reinterpret_cast<const kv::color_correction_head*>(a.handle));
     kv::reference::run_request(r, output_width_of(e), start_index);
     return result;
 }

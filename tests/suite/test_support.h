@@ -105,7 +105,6 @@ struct frame_buffers {
 
     uint16_t* input() { return reinterpret_cast<uint16_t*>(in.data()); }
     void* output() { return out.data(); }
-    size_t output_bytes() const { return out.size(); }
     std::vector<uint8_t> input_copy() const { return in.copy(); }
     std::vector<uint8_t> output_copy() const { return out.copy(); }
     bool guards_intact() const { return in.guards_intact() && out.guards_intact(); }
@@ -115,12 +114,6 @@ struct frame_buffers {
     kv::testing::guarded_buffer in, out;
     int32_t pixel_count;
 };
-
-// A record as the library fills it for `a` on `handle` with the given LUT flags, for the
-// reference model.
-kv::transform_request reference_request(transform_export e, const frame_arguments& a,
-                                        const uint8_t input_enabled[3],
-                                        const uint8_t output_enabled[3]);
 
 // What the pipeline stores for pixels start_index.. of `a`, written into a copy of `before`.
 std::vector<uint8_t> expected_output(transform_export e, const frame_arguments& a,
