@@ -1,6 +1,6 @@
 // A fake vector module, built once per instruction-set name (KV_FAKE_ISA: sse, avx2, avx512).
-// Records each call and the request bytes a transform receives, writes its marker into every
-// element of the pixels it claims and returns the count the test chose. Settings, with <isa> the
+// Records each call and the request bytes a transform receives and returns the count the test
+// chose. It writes no pixel: those it claims keep what the output held. Settings, with <isa> the
 // module's name: "<isa>.initialize_result" (default 0); "<isa>.count", the pixels claimed
 // (default 0; -1 claims the whole frame). Variants: KV_FAKE_OMIT_<NAME> leaves that name out.
 #include <cstring>
@@ -19,10 +19,6 @@ namespace {
 
 kv_fake::module_lifetime lifetime(KV_FAKE_NAME);
 
-// One byte value per module (KV_FAKE_MARKER), so a test can tell whose pixels it sees.
-constexpr uint8_t marker_8 = KV_FAKE_MARKER;
-constexpr uint16_t marker_16 = static_cast<uint16_t>(marker_8 * 0x0101);
-
 int64_t setting(const char* suffix, int64_t fallback) {
     char key[64];
     std::strcpy(key, KV_FAKE_NAME);
@@ -30,36 +26,12 @@ int64_t setting(const char* suffix, int64_t fallback) {
     return kv_journal_get(key, fallback);
 }
 
-// Where element `channel` of pixel `i` of `n` goes: planes for every format but 1 and 2.
-size_t place(int32_t format, int channel, size_t i, size_t n, bool fourth) {
-    const size_t per_pixel = fourth ? 4 : 3;
-    if (format == 1) {
-        return per_pixel * i + static_cast<size_t>(channel);
-    }
-    if (format == 2) {
-        return per_pixel * i + static_cast<size_t>(channel < 3 ? 2 - channel : 3);
-    }
-    return static_cast<size_t>(channel) * n + i;
-}
-
-template <typename element>
-int32_t transform(const kv::transform_request* request, const char* event, element marker) {
+int32_t transform(const kv::transform_request* request, const char* event) {
     const int64_t values[] = {request->pixel_count};
     kv_journal_record(KV_FAKE_NAME, event, values, 1, nullptr, 0, request,
                       sizeof(kv::transform_request));
     const int64_t chosen = setting(".count", 0);
-    const int32_t count = chosen == -1 ? request->pixel_count : static_cast<int32_t>(chosen);
-    const size_t n = request->pixel_count > 0 ? static_cast<size_t>(request->pixel_count) : 0;
-    const size_t claimed =
-        count < 0 ? 0 : (static_cast<size_t>(count) < n ? static_cast<size_t>(count) : n);
-    const bool fourth = request->fourth_channel != 0;
-    auto* output = static_cast<element*>(request->output_buffer);
-    for (size_t i = 0; i < claimed; ++i) {
-        for (int c = 0; c < (fourth ? 4 : 3); ++c) {
-            output[place(request->output_format, c, i, n, fourth)] = marker;
-        }
-    }
-    return count;
+    return chosen == -1 ? request->pixel_count : static_cast<int32_t>(chosen);
 }
 
 }  // namespace
@@ -75,14 +47,14 @@ KV_MODULE_EXPORT int32_t KV_FAKE_JOIN(kv_color_processing_vector_, KV_FAKE_ISA,
 #if !defined(KV_FAKE_OMIT_TRANSFORM_8)
 KV_MODULE_EXPORT int32_t KV_FAKE_JOIN(kv_color_processing_transform_8_bit_output_vector_,
                                       KV_FAKE_ISA, )(const kv::transform_request* request) {
-    return transform<uint8_t>(request, "transform_8", marker_8);
+    return transform(request, "transform_8");
 }
 #endif
 
 #if !defined(KV_FAKE_OMIT_TRANSFORM_16)
 KV_MODULE_EXPORT int32_t KV_FAKE_JOIN(kv_color_processing_transform_16_bit_output_vector_,
                                       KV_FAKE_ISA, )(const kv::transform_request* request) {
-    return transform<uint16_t>(request, "transform_16", marker_16);
+    return transform(request, "transform_16");
 }
 #endif
 

@@ -40,16 +40,12 @@ foreach(_entry ${KV_FAKE_LUT_ENTRIES})
 endforeach()
 
 set(KV_FAKE_VECTOR_NAMES INITIALIZE TRANSFORM_8 TRANSFORM_16 TERMINATE)
-set(_kv_marker_sse 0x51)
-set(_kv_marker_avx2 0x52)
-set(_kv_marker_avx512 0x53)
 foreach(_isa sse avx2 avx512)
-  kv_fake_variant(fake_vector_${_isa} fake_vector.cpp KV_FAKE_ISA=${_isa}
-                  KV_FAKE_MARKER=${_kv_marker_${_isa}})
+  kv_fake_variant(fake_vector_${_isa} fake_vector.cpp KV_FAKE_ISA=${_isa})
   foreach(_name ${KV_FAKE_VECTOR_NAMES})
     string(TOLOWER ${_name} _lower)
     kv_fake_variant(fake_vector_${_isa}_no_${_lower} fake_vector.cpp KV_FAKE_ISA=${_isa}
-                    KV_FAKE_MARKER=${_kv_marker_${_isa}} KV_FAKE_OMIT_${_name})
+                    KV_FAKE_OMIT_${_name})
   endforeach()
 endforeach()
 

@@ -62,11 +62,6 @@ KV_JOURNAL_API void kv_journal_reset(void) {
     setting_count = 0;
 }
 
-KV_JOURNAL_API size_t kv_journal_size(void) {
-    std::lock_guard<std::mutex> lock(journal_mutex);
-    return entry_count;
-}
-
 KV_JOURNAL_API int kv_journal_entry_at(size_t index, kv_journal_entry* entry) {
     std::lock_guard<std::mutex> lock(journal_mutex);
     if (index >= entry_count) {

@@ -35,8 +35,6 @@ KV_JOURNAL_API void kv_journal_record(const char* module, const char* event, con
 // Forgets all events and settings.
 KV_JOURNAL_API void kv_journal_reset(void);
 
-KV_JOURNAL_API size_t kv_journal_size(void);
-
 // Copies entry `index` out; false past the end.
 KV_JOURNAL_API int kv_journal_entry_at(size_t index, struct kv_journal_entry* entry);
 

@@ -4,6 +4,10 @@
 
 namespace kv_test {
 
+kv::color_correction* object_of(kv_color_processor_handle handle) {
+    return reinterpret_cast<kv::color_correction*>(handle);
+}
+
 void library_test::SetUp() {
     kv_journal_reset();
     ASSERT_EQ(kv::module_logger, nullptr) << "a previous test left the module initialised";

@@ -1,7 +1,6 @@
 // What reaches the logging module: the log's ids, the timing line and its place after an error
 // line, and the adapter's own answers.
-#include <cstdlib>
-#include <cstring>
+#include <string>
 
 #include "kelvane_qor_color_processing_suite/module_state.h"
 #include "tests/suite/test_support.h"
@@ -11,20 +10,18 @@ namespace {
 
 class FullLogging : public initialized_test {};
 
-// "<label> takes <number with six decimals> microseconds."
+// "<label> takes <digits>.<six digits> microseconds."
 bool is_timing_text(const std::string& text, const std::string& label) {
-    const std::string head = label + " takes ";
-    const std::string tail = " microseconds.";
-    if (text.size() <= head.size() + tail.size() || text.compare(0, head.size(), head) != 0 ||
+    const std::string head = label + " takes ", tail = " microseconds.", digits = "0123456789";
+    if (text.size() < head.size() + tail.size() || text.compare(0, head.size(), head) != 0 ||
         text.compare(text.size() - tail.size(), tail.size(), tail) != 0) {
         return false;
     }
     const std::string number = text.substr(head.size(), text.size() - head.size() - tail.size());
-    const size_t point = number.find('.');
-    char* end = nullptr;
-    std::strtod(number.c_str(), &end);
-    return end == number.c_str() + number.size() && point != std::string::npos &&
-           number.size() - point - 1 == 6;
+    const size_t point = number.find_first_not_of(digits);
+    return point > 0 && point != std::string::npos && number[point] == '.' &&
+           number.size() == point + 7 &&
+           number.find_first_not_of(digits, point + 1) == std::string::npos;
 }
 
 TEST_F(FullLogging, LogIsOpenedWithTheModuleIdAndConfigurationName) {
@@ -51,11 +48,8 @@ TEST_F(FullLogging, TimingLineFollowsEveryCallThatPassedThePrologue) {
         SCOPED_TRACE(name_of(e));
         for (bool refused : {false, true}) {
             frame_buffers buffers(e, 3, 5);
-            frame_arguments a;
-            a.handle = p;
-            a.input = refused ? nullptr : buffers.input();
-            a.output = buffers.output();
-            a.pixel_count = 3;
+            frame_arguments a = buffers.arguments(p);
+            a.input = refused ? nullptr : a.input;
             kv_journal_reset();
             EXPECT_EQ(run_transform(e, a), refused ? KV_STATUS_NULL_INPUT_BUFFER : 0);
             const std::vector<event> lines = log_lines();

@@ -13,17 +13,12 @@ const float* stored(kv_color_processor_handle p) {
     return reinterpret_cast<const float*>(p);
 }
 
-uint32_t bits(float f) {
-    uint32_t b;
-    std::memcpy(&b, &f, sizeof b);
-    return b;
-}
-
-// Bit patterns, so -0.0 and +0.0 differ and NaN equals NaN.
+// Bit patterns, so -0.0 and +0.0 differ; every NaN reads as one pattern.
 std::vector<uint32_t> matrix_bits(const float* m) {
-    std::vector<uint32_t> result;
+    std::vector<uint32_t> result(9);
     for (int i = 0; i < 9; ++i) {
-        result.push_back(bits(m[i]));
+        std::memcpy(&result[i], &m[i], sizeof result[i]);
+        result[i] = std::isnan(m[i]) ? 0x7FC00000u : result[i];
     }
     return result;
 }
@@ -41,7 +36,6 @@ struct append_case {
 std::vector<append_case> append_cases() {
     const std::vector<float> identity = {1, 0, 0, 0, 1, 0, 0, 0, 1};
     return {
-        {"identity onto identity", {}, {identity}, identity},
         // Double the red, then copy red into green: red first copied, then only red doubled.
         {"two appends",
          {},
@@ -68,7 +62,6 @@ std::vector<append_case> append_cases() {
          {1, 0, 0, 0, 1, 0, 0, 0, -inf},
          {identity},
          {1, 0, 0, 0, 1, 0, nan_value, nan_value, -inf}},
-        {"zeros", {}, {{0, 0, 0, 0, 0, 0, 0, 0, 0}}, {0, 0, 0, 0, 0, 0, 0, 0, 0}},
         {"products rounded to single precision",
          {1.0f / 3.0f, 0, 0, 0, 1, 0, 0, 0, 1},
          {{3, 0.1f, 0, 0, 1, 0, 0, 0, 1}},
@@ -79,7 +72,8 @@ std::vector<append_case> append_cases() {
 class FullMatrix : public initialized_test {};
 
 TEST_F(FullMatrix, NewAndClearedProcessorsHoldTheIdentityBitForBit) {
-    const std::vector<uint32_t> identity = {0x3F800000, 0, 0, 0, 0x3F800000, 0, 0, 0, 0x3F800000};
+    const float one[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    const std::vector<uint32_t> identity = matrix_bits(one);
     kv_color_processor_handle p = kv_color_create_color_processor_test(1, 1, KV_TIER_SCALAR);
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(matrix_bits(stored(p)), identity);
@@ -103,14 +97,7 @@ TEST_F(FullMatrix, AppendMultipliesTheGivenMatrixOnTheRight) {
         for (const std::vector<float>& g : c.appends) {
             ASSERT_EQ(kv_color_append_matrix(p, g.data()), KV_STATUS_SUCCESS);
         }
-        const std::vector<uint32_t> got = matrix_bits(stored(p));
-        for (int i = 0; i < 9; ++i) {
-            if (std::isnan(c.expected[i])) {
-                EXPECT_TRUE(std::isnan(stored(p)[i])) << "element " << i;
-            } else {
-                EXPECT_EQ(got[i], bits(c.expected[i])) << "element " << i;
-            }
-        }
+        EXPECT_EQ(matrix_bits(stored(p)), matrix_bits(c.expected.data()));
         EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
     }
 }

@@ -9,12 +9,12 @@
 namespace kv_test {
 namespace {
 
-kv::color_correction* object_of(kv_color_processor_handle h) {
-    return reinterpret_cast<kv::color_correction*>(h);
-}
-
-// Every tier runs the whole frame in the scalar kernels, and the result is the pipeline's.
+// Every back-end is marked failed, so every tier runs the whole frame in the scalar kernels. A
+// back-end that ran would claim the frame and leave the output's noise in place.
 void expect_scalar_only_for_every_tier() {
+    for (const char* isa : {"sse", "avx2", "avx512"}) {
+        set_backend(isa, 0, -1);
+    }
     for (int32_t tier : {-1, 0, 1, 2, 3, 4}) {
         SCOPED_TRACE(tier);
         kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, tier);
@@ -25,22 +25,11 @@ void expect_scalar_only_for_every_tier() {
         }
         for (transform_export e : all_exports) {
             frame_buffers buffers(e, 11, 10);
-            frame_arguments a;
-            a.handle = p;
-            a.input = buffers.input();
-            a.output = buffers.output();
-            a.pixel_count = 11;
+            const frame_arguments a = buffers.arguments(p);
             const std::vector<uint8_t> before = buffers.output_copy();
-            kv_journal_set("sse.count", -1);
-            kv_journal_set("avx2.count", -1);
-            kv_journal_set("avx512.count", -1);
             ASSERT_EQ(run_transform(e, a), KV_STATUS_SUCCESS);
             const uint8_t off[3] = {0, 0, 0};
             EXPECT_EQ(buffers.output_copy(), expected_output(e, a, off, off, before, 0));
-        }
-        for (const char* isa : {"sse", "avx2", "avx512"}) {
-            EXPECT_EQ(kv_journal_count(isa, "transform_8"), 0u);
-            EXPECT_EQ(kv_journal_count(isa, "transform_16"), 0u);
         }
         ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
     }
@@ -87,12 +76,9 @@ TEST_F(NoLogger, ExportsAnswerAsWithALogAndStaySilent) {
     EXPECT_EQ(kv_color_append_matrix(nullptr, nullptr), KV_STATUS_NULL_HANDLE);
     kv_color_processor_handle p = kv_color_create_color_processor(2, 2);
     ASSERT_NE(p, nullptr);
-    uint16_t input[3] = {};
-    frame_arguments a;
-    a.handle = p;
-    a.input = input;
+    frame_buffers buffers(transform_export::to_48, 1, 1);
+    frame_arguments a = buffers.arguments(p);
     a.output = nullptr;
-    a.pixel_count = 1;
     EXPECT_EQ(run_transform(transform_export::to_48, a), KV_STATUS_NULL_OUTPUT_BUFFER);
     EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
     EXPECT_FALSE(kv::platform::module_is_loaded(kv::LOGGER_MODULE_BASE_NAME));

@@ -73,6 +73,16 @@ inline void PrintTo(transform_export e, std::ostream* os) {
     *os << name_of(e);
 }
 
+// The six table getters, blue, green, red input, then blue, green, red output.
+struct LUT_getter {
+    const char* name;
+    uint32_t* (*get)(kv_color_processor_handle);
+};
+extern const LUT_getter LUT_getters[6];
+
+// The processor behind a handle (programs that link the library's objects only).
+kv::color_correction* object_of(kv_color_processor_handle handle);
+
 // The fifteen arguments of a transform, blue, green, red in the arrays.
 struct frame_arguments {
     kv_color_processor_handle handle = nullptr;
@@ -95,19 +105,15 @@ struct frame_buffers {
 
     uint16_t* input() { return reinterpret_cast<uint16_t*>(in.data()); }
     void* output() { return out.data(); }
-    size_t output_bytes() const { return out.size(); }
     std::vector<uint8_t> input_copy() const { return in.copy(); }
     std::vector<uint8_t> output_copy() const { return out.copy(); }
     bool guards_intact() const { return in.guards_intact() && out.guards_intact(); }
+    // A valid frame over these buffers for `handle`, every other argument at its default.
+    frame_arguments arguments(kv_color_processor_handle handle);
 
     kv::testing::guarded_buffer in, out;
+    int32_t pixel_count;
 };
-
-// A record as the library fills it for `a` on `handle` with the given LUT flags, for the
-// reference model.
-kv::transform_request reference_request(transform_export e, const frame_arguments& a,
-                                        const uint8_t input_enabled[3],
-                                        const uint8_t output_enabled[3]);
 
 // What the pipeline stores for pixels start_index.. of `a`, written into a copy of `before`.
 std::vector<uint8_t> expected_output(transform_export e, const frame_arguments& a,

@@ -1,7 +1,6 @@
-// The tier decision and the routing rule as pure functions, with expectations written from the
-// rules: each feature bit and each system-state bit missing in turn, and every tier against every
-// combination of failed back-ends. And what identify_processor reads, over a made-up processor.
-#include <climits>
+// The tier decision as a pure function, with expectations written from the rules: each feature bit
+// and each system-state bit missing in turn. And what identify_processor reads, over a made-up
+// processor.
 #include <string>
 #include <vector>
 
@@ -111,45 +110,6 @@ TEST(UnitTierSelection, XgetbvIsReadOnlyAfterOsxsaveAndAvx) {
         EXPECT_EQ(id.leaf1_edx, 0x1114u);
         EXPECT_EQ(id.leaf7_ebx, 0x7772u);
         EXPECT_EQ(id.xcr0, c.reads_xgetbv ? 0xE7u : 0u);
-    }
-}
-
-TEST(UnitTierSelection, RunningProcessorGivesTheSameTierEachTime) {
-    const int32_t first = kv::select_processor_tier();
-    EXPECT_GE(first, 0);
-    EXPECT_LE(first, 3);
-    EXPECT_EQ(kv::select_processor_tier(), first);
-}
-
-// Routing, written from the rules. Columns: the failed flags, as bits avx512 = 1, avx2 = 2,
-// sse = 4 (so column 0 has every back-end good, column 7 none).
-constexpr kv::vector_route N = kv::vector_route::scalar_only, S = kv::vector_route::sse,
-                           A2 = kv::vector_route::avx2, A5 = kv::vector_route::avx512;
-struct route_row {
-    int32_t tier;
-    kv::vector_route by_failures[8];
-};
-const route_row route_rows[] = {
-    {0, {N, N, N, N, N, N, N, N}},
-    {1, {S, S, S, S, N, N, N, N}},
-    {2, {A2, A2, S, S, A2, A2, N, N}},
-    {3, {A5, S, A5, S, A5, N, A5, N}},  // a failed AVX-512 goes to SSE, never to AVX2
-    // Values outside the enumeration: at or below zero scalar, above three the SSE route.
-    {-1, {N, N, N, N, N, N, N, N}},
-    {INT32_MIN, {N, N, N, N, N, N, N, N}},
-    {4, {S, S, S, S, N, N, N, N}},
-    {1000, {S, S, S, S, N, N, N, N}},
-    {INT32_MAX, {S, S, S, S, N, N, N, N}},
-};
-
-TEST(UnitRouting, TierAndFailedFlagsChooseOneBackEndOrNone) {
-    for (const route_row& row : route_rows) {
-        for (int flags = 0; flags < 8; ++flags) {
-            const kv::backend_failures failed = {(flags & 4) != 0, (flags & 2) != 0,
-                                                 (flags & 1) != 0};
-            EXPECT_EQ(kv::route_frame(row.tier, failed), row.by_failures[flags])
-                << "tier " << row.tier << ", failed flags " << flags;
-        }
     }
 }
 
