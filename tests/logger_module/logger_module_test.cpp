@@ -2,6 +2,7 @@
 // at once. Each test runs in a fresh temporary current directory.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -21,7 +22,6 @@
 #include <vector>
 
 #include "modules/logger/kelvane_qor_logger.h"
-#include "modules/logger/log_settings.h"
 #include "services/module_abi.h"
 #include "tests/module_support/loaded_module.h"
 
@@ -127,13 +127,11 @@ class LoggerTest : public testing::Test {
   protected:
     void SetUp() override {
         previous_ = fs::current_path();
-        std::random_device random;  // a free name only, shared with parallel runs
-        for (;;) {
-            directory_ = fs::temp_directory_path() / ("kv_logger_test_" + std::to_string(random()));
-            if (fs::create_directory(directory_)) {
-                break;
-            }
-        }
+        // A name of its own: the same test may run at once in another build.
+        const auto* test = testing::UnitTest::GetInstance()->current_test_info();
+        directory_ = fs::temp_directory_path() / ("kv_logger_" + std::string(test->name()) + "_" +
+                                                  std::to_string(std::random_device()()));
+        ASSERT_TRUE(fs::create_directory(directory_)) << directory_;
         fs::current_path(directory_);
     }
     void TearDown() override {
@@ -292,31 +290,15 @@ TEST_F(LoggerTest, ConfigurationChoosesLevelsAndDestination) {
             continue;
         }
         ASSERT_EQ(others.size(), 1u) << l.err;
+        // A system's reason, where the warning has one, is taken as it comes.
         const std::string want = warning_start + c.config + c.warning;
-        const std::size_t any = want.find('*');
-        if (any == std::string::npos) {
-            EXPECT_EQ(others[0], want);
-        } else {
-            const std::string head = want.substr(0, any), tail = want.substr(any + 1);
-            const std::string& got = others[0];
-            EXPECT_TRUE(got.size() >= want.size() - 1 && got.rfind(head, 0) == 0 &&
-                        got.compare(got.size() - tail.size(), tail.size(), tail) == 0)
-                << got;
-        }
+        const std::size_t any = std::min(want.find('*'), want.size());
+        const std::size_t tail = want.size() - std::min(any + 1, want.size());
+        std::string got = others[0];
+        if (any < want.size() && got.size() > any + tail)
+            got.replace(any, got.size() - any - tail, "*");
+        EXPECT_EQ(got, want);
     }
-}
-
-// Parsing alone, as a fuzzer drives it: no text is echoed beyond its excerpt, however long.
-TEST(LoggerSettings, AHugeValueIsQuotedAsAShortExcerpt) {
-    const kv::logger::settings_outcome outcome =
-        kv::logger::parse_settings("dir/x.cfg", "level = " + std::string(20 << 20, 'x'));
-    EXPECT_EQ(outcome.warning, "dir/x.cfg:1: bad level \"" + std::string(60, 'x') +
-                                   "...\" (give 0 to 7, or a name from emergency to debug)" +
-                                   defaults_note);
-    const kv::logger::settings_outcome good =
-        kv::logger::parse_settings("dir/x.cfg", "destination = out.log");
-    EXPECT_EQ(good.warning, "");
-    EXPECT_EQ(good.settings.file_path, "dir/out.log");
 }
 
 // Copies the built module into `folder` and loads the copy, a module of its own with its own
@@ -407,15 +389,11 @@ TEST_F(LoggerTest, LineCarriesTimestampLevelIdsPlaceFunctionAndMessage) {
         const char* expected;  // the line after the timestamp
     };
     const message_case cases[] = {
-        {plain, 2, "kelvane_qor_color_processing", 412, "kv_color_append_matrix",
-         "ERROR:  The specified color processor handle is NULL!",
+        {plain, 2, "kelvane_qor_color_processing", 412, "kv_color_append_matrix", "ERROR:  x!",
          "CRITICAL KELVANE_QOR_COLOR_PROCESSING kelvane_qor_color_processing:412 "
-         "kv_color_append_matrix: ERROR:  The specified color processor handle is NULL!"},
-        {plain, 7, "color_correction", 9, "`anonymous-namespace'::create_color_processor_impl",
-         "Creating a color processor instance!",
-         "DEBUG KELVANE_QOR_COLOR_PROCESSING color_correction:9 "
-         "`anonymous-namespace'::create_color_processor_impl: Creating a color processor "
-         "instance!"},
+         "kv_color_append_matrix: ERROR:  x!"},
+        {plain, 7, "c", 9, "`anonymous-namespace'::f", "y",
+         "DEBUG KELVANE_QOR_COLOR_PROCESSING c:9 `anonymous-namespace'::f: y"},
         {second, 0, "a.cpp", 0, "f", "",
          "EMERGENCY KELVANE_QOR_COLOR_PROCESSING/unit 2 a.cpp:0 f: "},
         {plain, 4, "b.cpp", -1, "g", "trailing line breaks go\r\n\n",

@@ -2,7 +2,6 @@
 // link as the output, a failed write), inputs that are not regular files or too large, and the
 // escaping of text that reaches the terminal.
 #include <cstring>
-#include <iterator>
 #include <map>
 
 #include "curves.h"
@@ -20,11 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string contents(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // What a folder holds: each name with its link target or its bytes.
 std::map<std::string, std::string> listing(const fs::path& dir) {
     std::map<std::string, std::string> out;
@@ -35,15 +29,6 @@ std::map<std::string, std::string> listing(const fs::path& dir) {
     }
     return out;
 }
-
-#if !defined(_WIN32)
-kv_tool::file_writer writing(const std::string& bytes) {
-    return [bytes](std::FILE* out) {
-        std::fwrite(bytes.data(), 1, bytes.size(), out);
-        return std::string();
-    };
-}
-#endif
 
 struct planting_case {
     const char* name;
@@ -82,21 +67,19 @@ TEST(OutputFiles, NothingPlantedIsFollowedOrReplaced) {
         const auto names = [&](int attempt) {
             return attempt < 2 ? planted[attempt + 1] : out + ".2";
         };
+        // The writer puts its bytes and then succeeds, or reports a broken PNG.
+        const auto writer = [&c](std::FILE* f) {
+            std::fputs(c.writer_fails ? "half" : "new bytes", f);
+            return std::string(c.writer_fails ? "PNG: broken" : "");
+        };
         if (c.writer_fails) {
-            const kv_tool::tool_error e = error_of([&] {
-                kv_tool::replace_file(
-                    out,
-                    [](std::FILE* f) {
-                        std::fputs("half", f);
-                        return std::string("PNG: broken");
-                    },
-                    names);
-            });
+            const kv_tool::tool_error e =
+                error_of([&] { kv_tool::replace_file(out, writer, names); });
             EXPECT_EQ(std::string(e.what()), out + ": PNG: broken");
             EXPECT_EQ(listing(dir), before);
             continue;
         }
-        kv_tool::replace_file(out, writing("new bytes"), names);
+        kv_tool::replace_file(out, writer, names);
         before.erase("out.raw");
         auto after = listing(dir);
         EXPECT_EQ(after["out.raw"], "new bytes");
