@@ -36,10 +36,9 @@ TEST(Options, GoodCommandLines) {
          }},
         {{"--matrix", "1,0,0, 0,1,0, 0,0,1", "--matrix", "2 0 0 0 2 0 0 0 -0.5"},
          [](const settings& s) {
-             ASSERT_EQ(s.matrices.size(), 2u);
-             EXPECT_EQ(s.matrices[0][4], 1.0f);
-             EXPECT_EQ(s.matrices[1][0], 2.0f);
-             EXPECT_EQ(s.matrices[1][8], -0.5f);
+             EXPECT_EQ(s.matrices,
+                       (std::vector<std::array<float, 9>>{{1, 0, 0, 0, 1, 0, 0, 0, 1},
+                                                          {2, 0, 0, 0, 2, 0, 0, 0, -0.5f}}));
          }},
         {{"--input-lut", "srgb", "--input-lut", "r=gamma:2.2", "--output-lut", "bg=scale:0.5"},
          [](const settings& s) {
@@ -53,13 +52,10 @@ TEST(Options, GoodCommandLines) {
          }},
         {{"--clamp", "100:200", "--clamp", "green=5:6", "--shift", "rb=-3"},
          [](const settings& s) {
-             EXPECT_EQ(*s.clamp_min[0], 100);
-             EXPECT_EQ(*s.clamp_max[2], 200);
-             EXPECT_EQ(*s.clamp_min[1], 5);
-             EXPECT_EQ(*s.clamp_max[1], 6);
-             EXPECT_EQ(*s.shift[0], -3);
-             EXPECT_FALSE(s.shift[1].has_value());
-             EXPECT_EQ(*s.shift[2], -3);
+             using limits = std::array<std::optional<uint16_t>, 3>;
+             EXPECT_EQ(s.clamp_min, (limits{100, 5, 100}));
+             EXPECT_EQ(s.clamp_max, (limits{200, 6, 200}));
+             EXPECT_EQ(s.shift, (std::array<std::optional<int32_t>, 3>{-3, std::nullopt, -3}));
          }},
         {{"--info", "--tier", "avx2", "--input-layout", "planes", "--output-layout", "7"},
          [](const settings& s) {
