@@ -141,7 +141,7 @@ TEST(Messages, ControlBytesAreEscaped) {
     const escape_case cases[] = {
         {"\x1b]0;title\x07", "\\x1B]0;title\\x07"},
         {"tab\there\r\n", "tab\\x09here\\x0D\\x0A"},
-        {"del\x7f", "del\\x7F"},
+        {"del\x7f unit\x1f", "del\\x7F unit\\x1F"},
         {"nul\0end"s, "nul\\x00end"},
         {"csi \xc2\x9b"
          "31m",
