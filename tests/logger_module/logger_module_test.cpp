@@ -14,6 +14,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <optional>
 #include <random>
 #include <set>
@@ -142,10 +143,8 @@ std::vector<int> levels_in(const std::string& text, std::vector<std::string>* ot
 }
 
 std::vector<int> levels_up_to(int highest) {
-    std::vector<int> levels;
-    for (int level = 0; level <= highest; ++level) {
-        levels.push_back(level);
-    }
+    std::vector<int> levels(highest + 1);
+    std::iota(levels.begin(), levels.end(), 0);
     return levels;
 }
 
