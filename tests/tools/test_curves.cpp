@@ -47,24 +47,6 @@ TEST(Curves, ValuesAtChosenPoints) {
     }
 }
 
-TEST(Curves, SrgbAndItsInverseUndoEachOtherInSixteenBits) {
-    std::vector<uint32_t> encode(65536), decode(65536);
-    kv_tool::fill_table(parsed("srgb"), 0, encode.data(), 65536, 65535);
-    kv_tool::fill_table(parsed("inverse-srgb"), 0, decode.data(), 65536, 65535);
-    uint32_t worst = 0;
-    for (uint32_t i = 0; i < 65536; ++i) {
-        const uint32_t back = decode[encode[i]];
-        worst = std::max(worst, back > i ? back - i : i - back);
-        ASSERT_LE(encode[i], 65535u);
-        if (i > 0) {
-            ASSERT_GE(encode[i], encode[i - 1]) << "not monotonic at " << i;
-        }
-    }
-    // The encoding is steep near black, so one code of it spans about 0.08 codes of the linear side
-    // there, and several codes near white.
-    EXPECT_LE(worst, 3u);
-}
-
 struct table_case {
     const char* curve_text;
     uint32_t entries;

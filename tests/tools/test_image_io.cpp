@@ -1,15 +1,10 @@
 // Image files: round trips through every writer at 8 and 16 bits, Netpbm maximum values other
 // than 255 and 65535, gray and alpha, TIFF, and the messages for broken files.
-#include <cmath>
-#include <iterator>
 #include <random>
+#include <tuple>
 
 #include "image_io.h"
 #include "tool_test_support.h"
-
-#if defined(KV_TOOL_HAVE_TIFF)
-#include <tiffio.h>
-#endif
 
 namespace kv_tool_test {
 namespace {
@@ -58,18 +53,11 @@ TEST(ImageFiles, RoundTripsWidenEightBitSamples) {
         const std::string path = (dir / ("picture" + std::string(c.extension))).string();
         kv_tool::write_image(path, c.type, written);
         const image read = kv_tool::read_image(path);
-        ASSERT_EQ(read.width, written.width);
-        ASSERT_EQ(read.height, written.height);
-        ASSERT_EQ(read.channels, written.channels);
-        EXPECT_EQ(read.bits, 16);
-        ASSERT_EQ(read.samples.size(), written.samples.size());
-        size_t differences = 0;
-        for (size_t i = 0; i < written.samples.size(); ++i) {
-            const uint16_t expected =
-                c.bits == 8 ? uint16_t(written.samples[i] * 257) : written.samples[i];
-            differences += read.samples[i] != expected;
-        }
-        EXPECT_EQ(differences, 0u);
+        EXPECT_EQ(std::make_tuple(read.width, read.height, read.channels, read.bits),
+                  std::make_tuple(written.width, written.height, written.channels, 16));
+        std::vector<uint16_t> widened = written.samples;
+        for (uint16_t& v : widened) v = uint16_t(c.bits == 8 ? v * 257 : v);
+        EXPECT_EQ(read.samples, widened);
     }
     // Every file was renamed into place: no temporary is left beside them.
     for (const auto& entry : std::filesystem::directory_iterator(dir)) {
@@ -77,77 +65,18 @@ TEST(ImageFiles, RoundTripsWidenEightBitSamples) {
     }
 }
 
-struct maxval_case {
-    uint32_t maxval;
-    uint32_t value;
-    uint16_t expected;
-};
-
-TEST(ImageFiles, NetpbmMaximumValuesScaleToSixteenBits) {
-    const maxval_case cases[] = {
-        {1, 0, 0},         {1, 1, 65535},         {3, 1, 21845},         {255, 1, 257},
-        {255, 128, 32896}, {1023, 512, 32800},    {1023, 1023, 65535},   {4095, 1, 16},
-        {256, 255, 65279}, {65535, 12345, 12345}, {65535, 65535, 65535},
-    };
-    const auto dir = scratch_dir();
-    for (const maxval_case& c : cases) {
-        SCOPED_TRACE("maxval " + std::to_string(c.maxval) + ", value " + std::to_string(c.value));
-        // A 1x1 gray image with a comment in its header, read back as RGB.
-        std::string bytes = "P5\n# comment\n1 1\n" + std::to_string(c.maxval) + "\n";
-        if (c.maxval > 255) bytes += char(c.value >> 8);
-        bytes += char(c.value & 0xFF);
-        const image read = kv_tool::read_image(write_text(dir / "gray.pgm", bytes));
-        ASSERT_EQ(read.channels, 3);
-        EXPECT_EQ(read.samples, (std::vector<uint16_t>{c.expected, c.expected, c.expected}));
-        EXPECT_EQ(c.expected, uint16_t(std::lround(double(c.value) * 65535 / c.maxval)));
-    }
+// A 1x1 gray Netpbm image, with a comment in its header, of one sample below `maxval`.
+std::string gray_pixel(uint32_t maxval, uint32_t value) {
+    std::string bytes = "P5\n# comment\n1 1\n" + std::to_string(maxval) + "\n";
+    if (maxval > 255) bytes += char(value >> 8);
+    return bytes + char(value & 0xFF);
 }
 
-TEST(ImageFiles, GrayAlphaPamSpreadsToRgba) {
-    const auto dir = scratch_dir();
-    const std::string header =
-        "P7\nWIDTH 2\nHEIGHT 1\nDEPTH 2\nMAXVAL 255\nTUPLTYPE GRAYSCALE_ALPHA\nENDHDR\n";
-    const image read = kv_tool::read_image(write_text(dir / "ga.pam", header + "\x10\x20\x30\xFF"));
-    ASSERT_EQ(read.channels, 4);
-    EXPECT_EQ(read.samples, (std::vector<uint16_t>{0x1010, 0x1010, 0x1010, 0x2020, 0x3030, 0x3030,
-                                                   0x3030, 0xFFFF}));
-}
-
-#if defined(KV_TOOL_HAVE_TIFF)
-TEST(ImageFiles, SixteenBitRgbTiffIsRead) {
-    const auto dir = scratch_dir();
-    const std::string path = (dir / "rgb16.tif").string();
-    const uint16_t samples[2][6] = {{0, 1, 2, 65535, 40000, 3}, {7, 8, 9, 10, 11, 12}};
-    TIFF* tiff = TIFFOpen(path.c_str(), "w");
-    ASSERT_NE(tiff, nullptr);
-    TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, 2);
-    TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, 2);
-    TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 16);
-    TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 3);
-    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
-    TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-    for (uint32_t y = 0; y < 2; ++y) {
-        ASSERT_GE(TIFFWriteScanline(tiff, const_cast<uint16_t*>(samples[y]), y, 0), 0);
-    }
-    TIFFClose(tiff);
-    const image read = kv_tool::read_image(path);
-    ASSERT_EQ(read.width, 2);
-    ASSERT_EQ(read.channels, 3);
-    EXPECT_EQ(read.samples, (std::vector<uint16_t>{0, 1, 2, 65535, 40000, 3, 7, 8, 9, 10, 11, 12}));
-}
-#endif
-
-struct broken_case {
-    const char* name;
-    std::string bytes;
-    std::string message;
-};
-
-// A little-endian RGB TIFF of 2x2 8-bit pixels in one uncompressed strip at `offset`.
-std::string strip_tiff(uint32_t offset, const std::string& data) {
-    const uint32_t entries[][3] = {{256, 4, 2}, {257, 4, 2}, {258, 3, 8},
+// A little-endian RGB TIFF of 2x2 pixels of `bits` bits in one uncompressed strip at `offset`.
+std::string strip_tiff(uint32_t bits, uint32_t offset, const std::string& data) {
+    const uint32_t entries[][3] = {{256, 4, 2}, {257, 4, 2}, {258, 3, bits},
                                    {259, 3, 1}, {262, 3, 2}, {273, 4, offset},
-                                   {277, 3, 3}, {278, 4, 2}, {279, 4, 12}};
+                                   {277, 3, 3}, {278, 4, 2}, {279, 4, 12 * bits / 8}};
     std::string out("II*\0\x08\0\0\0\x09\0", 10);
     auto put = [&out](uint32_t value, int bytes) {
         for (int i = 0; i < bytes; ++i) out += char(value >> (8 * i));
@@ -162,13 +91,63 @@ std::string strip_tiff(uint32_t offset, const std::string& data) {
     return out + data;
 }
 
-// A PNG header claiming `width`x`height` RGB pixels, with almost no image data after it.
+struct decode_case {
+    const char* name;
+    std::string bytes;
+    int channels;
+    std::vector<uint16_t> samples;
+};
+
+// Samples of every depth and maximum value arrive as 16 bits; gray spreads to RGB.
+TEST(ImageFiles, SamplesAreReadAsSixteenBits) {
+    std::vector<decode_case> cases = {
+        {"ga.pam",
+         "P7\nWIDTH 2\nHEIGHT 1\nDEPTH 2\nMAXVAL 255\nTUPLTYPE GRAYSCALE_ALPHA\nENDHDR\n"
+         "\x10\x20\x30\xFF"s,
+         4,
+         {0x1010, 0x1010, 0x1010, 0x2020, 0x3030, 0x3030, 0x3030, 0xFFFF}},
+    };
+    // Maximum value, sample, and the sample scaled to 65535.
+    const uint32_t maxvals[][3] = {
+        {1, 0, 0},         {1, 1, 65535},         {3, 1, 21845},         {255, 1, 257},
+        {255, 128, 32896}, {1023, 512, 32800},    {1023, 1023, 65535},   {4095, 1, 16},
+        {256, 255, 65279}, {65535, 12345, 12345}, {65535, 65535, 65535},
+    };
+    for (const auto& m : maxvals) {
+        const auto v = uint16_t(m[2]);
+        cases.push_back({"gray.pgm", gray_pixel(m[0], m[1]), 3, {v, v, v}});
+    }
+    if (kv_tool::tiff_supported()) {
+        const std::vector<uint16_t> samples = {0, 1, 2, 65535, 40000, 3, 7, 8, 9, 10, 11, 12};
+        std::string data;
+        for (uint16_t v : samples) data += {char(v & 0xFF), char(v >> 8)};
+        cases.push_back({"rgb16.tif", strip_tiff(16, 122, data), 3, samples});
+    }
+    const auto dir = scratch_dir();
+    for (const decode_case& c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(c.bytes));
+        const image read = kv_tool::read_image(write_text(dir / c.name, c.bytes));
+        EXPECT_EQ(read.channels, c.channels);
+        EXPECT_EQ(read.samples, c.samples);
+    }
+}
+
+struct broken_case {
+    const char* name;
+    std::string bytes;
+    std::string message;
+};
+
+// The bytes of `picture` written as a PNG file.
+std::string png_of(const image& picture) {
+    const std::string path = (scratch_dir() / "written.png").string();
+    kv_tool::write_image(path, file_type::png, picture);
+    return contents(path);
+}
+
+// A PNG whose header claims `width`x`height` RGB pixels, with almost no image data after it.
 std::string png_claiming(uint32_t width, uint32_t height) {
-    const image tiny = random_image(1, 1, 3, 8, 3);
-    const std::string path = (scratch_dir() / "tiny.png").string();
-    kv_tool::write_image(path, file_type::png, tiny);
-    std::ifstream in(path, std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string bytes = png_of(random_image(1, 1, 3, 8, 3));
     auto put = [&bytes](size_t at, uint32_t value) {
         for (int i = 0; i < 4; ++i) bytes[at + i] = char(value >> (24 - 8 * i));
     };
@@ -180,15 +159,6 @@ std::string png_claiming(uint32_t width, uint32_t height) {
         for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
     }
     put(29, ~crc);
-    return bytes;
-}
-
-// A PNG of random pixels.
-std::string random_png() {
-    const std::string path = (scratch_dir() / "whole.png").string();
-    kv_tool::write_image(path, file_type::png, random_image(64, 64, 3, 8, 4));
-    std::ifstream in(path, std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     return bytes;
 }
 
@@ -221,7 +191,7 @@ TEST(ImageFiles, BrokenFilesNameTheFileAndTheFault) {
         cases.push_back({"claims.png", png_claiming(40000, 40000),
                          "PNG: its header claims 40000x40000 pixels, which need at least 4651201 "
                          "bytes of compressed data, but the file has"});
-        const std::string png = random_png();
+        const std::string png = png_of(random_image(64, 64, 3, 8, 4));
         cases.push_back({"cut.png", png.substr(0, 3000),
                          "PNG: the file ends before its image data is complete (at byte offset "
                          "3000)"});
@@ -230,10 +200,10 @@ TEST(ImageFiles, BrokenFilesNameTheFileAndTheFault) {
                          "PNG: the file ends after the image data, before its end chunk (IEND)"});
     }
     if (kv_tool::tiff_supported()) {
-        cases.push_back({"far.tif", strip_tiff(0xFFFFFF00, ""),
+        cases.push_back({"far.tif", strip_tiff(8, 0xFFFFFF00, ""),
                          "TIFF: strip 0 (rows 0 to 1) lies past the end of the file: it claims "
                          "bytes 4294967040 to 4294967052 of a 122-byte file"});
-        cases.push_back({"short.tif", strip_tiff(122, "\x01\x02\x03"),
+        cases.push_back({"short.tif", strip_tiff(8, 122, "\x01\x02\x03"),
                          "claims bytes 122 to 134 of a 125-byte file"});
     }
     const auto dir = scratch_dir();

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,11 @@ inline std::filesystem::path scratch_dir() {
 inline std::string write_text(const std::filesystem::path& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
     return path.string();
+}
+
+inline std::string contents(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 // The error `action` throws; fails the test when it throws none.
