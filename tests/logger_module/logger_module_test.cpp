@@ -16,7 +16,6 @@
 #include <memory>
 #include <numeric>
 #include <optional>
-#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -152,10 +151,11 @@ class LoggerTest : public testing::Test {
   protected:
     void SetUp() override {
         previous_ = fs::current_path();
-        // A name of its own: the same test may run at once in another build.
+        // Inside the build folder CTest runs the test in, so that the same test running at once in
+        // another build has a folder of its own; a run that crashed leaves its folder to remove.
         const auto* test = testing::UnitTest::GetInstance()->current_test_info();
-        directory_ = fs::temp_directory_path() / ("kv_logger_" + std::string(test->name()) + "_" +
-                                                  std::to_string(std::random_device()()));
+        directory_ = previous_ / ("kv_logger_" + std::string(test->name()));
+        fs::remove_all(directory_);
         ASSERT_TRUE(fs::create_directory(directory_)) << directory_;
         fs::current_path(directory_);
     }
