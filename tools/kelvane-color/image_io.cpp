@@ -15,6 +15,7 @@
 #include <system_error>
 
 #include "file_access.h"
+#include "image_codec.h"
 #include "tool_error.h"
 
 #if defined(KV_TOOL_HAVE_PNG)
@@ -25,13 +26,6 @@
 #endif
 
 namespace kv_tool {
-namespace {
-
-// The pixel count of one frame travels as a 32-bit signed number.
-constexpr uint64_t max_pixels = uint64_t(std::numeric_limits<int32_t>::max());
-// The largest frame as 16-bit RGBA samples plus room for a header: no image file the tool can use
-// is larger, so a larger one (a sparse file, a device) is refused before anything is read.
-constexpr uint64_t max_image_file = max_pixels * 8 + (uint64_t(1) << 20);
 
 void check_size(const std::string& path, uint64_t width, uint64_t height) {
     if (width == 0 || height == 0) throw file_error(path, "image has no pixels");
@@ -41,23 +35,23 @@ void check_size(const std::string& path, uint64_t width, uint64_t height) {
     }
 }
 
-std::string megabytes(uint64_t bytes) {
-    return std::to_string((bytes + 999999) / 1000000) + " MB";
-}
-
 tool_error no_memory(const std::string& path, uint64_t width, uint64_t height, int channels) {
+    const uint64_t bytes = width * height * channels * 2;
     return file_error(path, "not enough memory for the samples of its " + std::to_string(width) +
                                 "x" + std::to_string(height) + " pixels (" +
-                                megabytes(width * height * channels * 2) + ")");
+                                std::to_string((bytes + 999999) / 1000000) + " MB)");
 }
 
-// Samples of maximum value `maxval` to 16 bits, rounding to nearest.
-uint16_t widen(uint32_t value, uint32_t maxval) {
-    return static_cast<uint16_t>((uint64_t(value) * 65535u + maxval / 2) / maxval);
+std::string png_size_fault(uint32_t width, uint32_t height, int channels, int bit_depth,
+                           uint64_t file_size) {
+    const uint64_t row_bits = uint64_t(width) * channels * bit_depth;
+    const uint64_t decoded = ((row_bits + 7) / 8 + 1) * height;  // a filter byte a row
+    if (decoded / 1032 <= file_size) return std::string();
+    return "its header claims " + std::to_string(width) + "x" + std::to_string(height) +
+           " pixels, which need at least " + std::to_string(decoded / 1032) +
+           " bytes of compressed data, but the file has " + std::to_string(file_size) + " bytes";
 }
 
-// Appends one row of `depth` samples a pixel (gray, gray + alpha, RGB, RGBA) to an image of 3 or
-// 4 channels, spreading gray to RGB.
 void append_row(image* out, const uint16_t* row, uint32_t width, int depth) {
     if (depth == out->channels) {
         out->samples.insert(out->samples.end(), row, row + size_t(width) * depth);
@@ -77,6 +71,17 @@ image empty_image(uint32_t width, uint32_t height, int depth) {
     out.bits = 16;
     out.channels = depth == 2 || depth == 4 ? 4 : 3;
     return out;
+}
+
+namespace {
+
+// The largest frame as 16-bit RGBA samples plus room for a header: no image file the tool can use
+// is larger, so a larger one (a sparse file, a device) is refused before anything is read.
+constexpr uint64_t max_image_file = max_pixels * 8 + (uint64_t(1) << 20);
+
+// Samples of maximum value `maxval` to 16 bits, rounding to nearest.
+uint16_t widen(uint32_t value, uint32_t maxval) {
+    return static_cast<uint16_t>((uint64_t(value) * 65535u + maxval / 2) / maxval);
 }
 
 // --- Netpbm -------------------------------------------------------------------------------------
@@ -354,18 +359,10 @@ bool png_read_into(png_context* context, uint64_t file_size, image* out, std::ve
     if (uint64_t(width) * height > max_pixels) {
         png_error(png, "more pixels than one frame can hold (2^31 - 1)");
     }
-    // Deflate packs at most about 1032 bytes into one, so the file must hold at least this much
-    // to decode to the rows (each with its filter byte) the header claims.
-    const uint64_t row_bits =
-        uint64_t(width) * png_get_channels(png, info) * png_get_bit_depth(png, info);
-    const uint64_t decoded = ((row_bits + 7) / 8 + 1) * height;
-    if (decoded / 1032 > file_size) {
-        std::snprintf(context->message, sizeof context->message,
-                      "its header claims %ux%u pixels, which need at least %llu bytes of "
-                      "compressed data, but the file has %llu bytes",
-                      unsigned(width), unsigned(height),
-                      static_cast<unsigned long long>(decoded / 1032),
-                      static_cast<unsigned long long>(file_size));
+    const std::string too_small = png_size_fault(width, height, png_get_channels(png, info),
+                                                 png_get_bit_depth(png, info), file_size);
+    if (!too_small.empty()) {
+        std::snprintf(context->message, sizeof context->message, "%s", too_small.c_str());
         context->plain_message = true;
         png_destroy_read_struct(&png, &info, nullptr);
         return false;
@@ -732,20 +729,65 @@ std::string write_bytes(std::FILE* out, const void* data, size_t size) {
 
 }  // namespace
 
-bool png_supported() {
+#if !defined(_WIN32)
+bool codec_handles(coded_format format, bool writing) {
+    switch (format) {
+        case coded_format::png:
 #if defined(KV_TOOL_HAVE_PNG)
-    return true;
+            return true;
 #else
-    return false;
+            return false;
 #endif
+        case coded_format::tiff:
+#if defined(KV_TOOL_HAVE_TIFF)
+            return !writing;
+#else
+            return false;
+#endif
+        case coded_format::other:
+            break;
+    }
+    return false;
+}
+
+image codec_read(const std::string& path, coded_format format, std::FILE* file, uint64_t size) {
+#if defined(KV_TOOL_HAVE_PNG)
+    if (format == coded_format::png) return read_png(path, file, size);
+#endif
+#if defined(KV_TOOL_HAVE_TIFF)
+    if (format == coded_format::tiff) return read_tiff(path, file, size);
+#endif
+    (void)file;
+    (void)size;
+    throw file_error(path, std::string(format == coded_format::tiff ? "TIFF" : "PNG") +
+                               " support is not built into this kelvane-color");
+}
+
+void codec_write(const std::string& path, coded_format format, const image& picture) {
+#if defined(KV_TOOL_HAVE_PNG)
+    if (format == coded_format::png) {
+        replace_file(path, [&](std::FILE* out) { return png_to_stream(out, picture); });
+        return;
+    }
+#endif
+    (void)picture;
+    throw usage_error(path + ": " + (format == coded_format::tiff ? "TIFF" : "PNG") +
+                      " support is not built into this kelvane-color");
+}
+#endif
+
+bool png_supported() {
+    return codec_handles(coded_format::png, false);
 }
 
 bool tiff_supported() {
-#if defined(KV_TOOL_HAVE_TIFF)
+    return codec_handles(coded_format::tiff, false);
+}
+
+bool can_write(file_type type) {
+    if (type == file_type::png) return codec_handles(coded_format::png, true);
+    if (type == file_type::tiff) return codec_handles(coded_format::tiff, true);
     return true;
-#else
-    return false;
-#endif
 }
 
 file_type file_type_of(const std::string& path, const char* option) {
@@ -803,39 +845,32 @@ image read_image(const std::string& path) {
     }
     static const unsigned char png_magic[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
     if (got >= 8 && std::memcmp(magic, png_magic, 8) == 0) {
-#if defined(KV_TOOL_HAVE_PNG)
-        return read_png(path, in.file.get(), in.size);
-#else
-        throw file_error(path, "PNG support is not built into this kelvane-color");
-#endif
+        return codec_read(path, coded_format::png, in.file.get(), in.size);
     }
     if (got >= 4 && ((magic[0] == 'I' && magic[1] == 'I' && magic[2] == 42) ||
                      (magic[0] == 'M' && magic[1] == 'M' && magic[3] == 42))) {
-#if defined(KV_TOOL_HAVE_TIFF)
-        return read_tiff(path, in.file.get(), in.size);
-#else
-        throw file_error(path, "TIFF support is not built into this kelvane-color");
-#endif
+        return codec_read(path, coded_format::tiff, in.file.get(), in.size);
     }
     if (got >= 2 && magic[0] == 'P' && magic[1] >= '1' && magic[1] <= '4') {
         throw file_error(path,
                          "plain-text and bitmap Netpbm files (P1 to P4) are not read; "
                          "use binary P5, P6 or P7");
     }
-    throw file_error(path, got == 0 ? "empty file" : "not a PNG, PPM, PGM, PAM or TIFF image");
+    if (got == 0) throw file_error(path, "empty file");
+    // The system's decoders (JPEG, BMP and others on Windows) have the last word.
+    if (codec_handles(coded_format::other, false)) {
+        return codec_read(path, coded_format::other, in.file.get(), in.size);
+    }
+    throw file_error(path, "not a PNG, PPM, PGM, PAM or TIFF image");
 }
 
 void write_image(const std::string& path, file_type type, const image& picture) {
     if (type == file_type::ppm && picture.channels != 3) {
         throw usage_error(path + ": PPM holds three channels; write four to .pam, .png or .raw");
     }
-    if (type == file_type::png) {
-#if defined(KV_TOOL_HAVE_PNG)
-        replace_file(path, [&](std::FILE* out) { return png_to_stream(out, picture); });
+    if (type == file_type::png || (type == file_type::tiff && can_write(type))) {
+        codec_write(path, type == file_type::png ? coded_format::png : coded_format::tiff, picture);
         return;
-#else
-        throw usage_error(path + ": PNG support is not built into this kelvane-color");
-#endif
     }
     if (type != file_type::ppm && type != file_type::pam) {
         throw usage_error(path + ": cannot write " + file_type_name(type) + " images");
