@@ -1,15 +1,19 @@
 // PNG, TIFF and the other formats Windows decodes, through the Windows Imaging Component. The file
 // is read (within its size bound) into memory and decoded from there; an encoded image is built in
 // memory and written through replace_file, so this file never opens a path itself.
+#include "platform/windows_api.h"
+// The COM and imaging headers need <windows.h> before them.
+#include <objbase.h>
 #include <objidl.h>
 #include <wincodec.h>
-#include <windows.h>
 #include <wrl/client.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <string>
+#include <vector>
 
 #include "file_access.h"
 #include "image_codec.h"
@@ -201,9 +205,6 @@ image decode(const std::string& path, coded_format format, const std::string& by
         const std::string fault = png_header_fault(bytes);
         if (!fault.empty()) throw file_error(path, prefix + fault);
     }
-    if (bytes.size() > 0xFFFFFFFFu) {
-        throw file_error(path, "is more than 4 GiB; the Windows decoders read at most 4 GiB");
-    }
     const com_session com;
     HRESULT hr = com.result();
     ComPtr<IWICImagingFactory> factory;
@@ -386,6 +387,11 @@ bool codec_handles(coded_format format, bool) {
 }
 
 image codec_read(const std::string& path, coded_format format, std::FILE* file, uint64_t size) {
+    // The memory stream the decoders read counts its bytes in 32 bits.
+    if (size > 0xFFFFFFFFu) {
+        throw file_error(path, "is " + std::to_string(size) +
+                                   " bytes; the Windows decoders read files of at most 4 GiB");
+    }
     return decode(path, format, read_whole(path, file, size));
 }
 
