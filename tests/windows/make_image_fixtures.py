@@ -74,7 +74,7 @@ def tiff(depth, bits, values, big_endian=False, width=WIDTH, height=HEIGHT):
     return head + struct.pack(order + 'H', len(entries)) + body + b'\0' * 4 + extra + strip
 
 
-def bmp(depth, bits, values):
+def bmp(depth, bits, values, width=WIDTH, height=HEIGHT):
     assert (depth, bits) == (3, 8)
     row = WIDTH * 3
     padded = (row + 3) // 4 * 4
@@ -83,7 +83,7 @@ def bmp(depth, bits, values):
         px = values[y * row:(y + 1) * row]
         rows += bytes(c for i in range(0, row, 3) for c in (px[i + 2], px[i + 1], px[i]))
         rows += b'\0' * (padded - row)
-    header = struct.pack('<IiiHHIIiiII', 40, WIDTH, HEIGHT, 1, 24, 0, len(rows), 2835, 2835, 0, 0)
+    header = struct.pack('<IiiHHIIiiII', 40, width, height, 1, 24, 0, len(rows), 2835, 2835, 0, 0)
     return b'BM' + struct.pack('<IHHI', 14 + len(header) + len(rows), 0, 0, 54) + header + rows
 
 
@@ -122,6 +122,7 @@ def main():
     files['huge.png'] = (good[:8] + chunk(b'IHDR', struct.pack('>IIBBBBB', 40000, 40000, 16, 2,
                                                                0, 0, 0)) + good[33:])
     files['huge.tif'] = tiff(3, 16, samples(3, 16), width=60000, height=30000)
+    files['huge.bmp'] = bmp(3, 8, samples(3, 8), width=60000, height=30000)
     for name, data in files.items():
         with open(os.path.join(out, name), 'wb') as f:
             f.write(data)

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "image_io.h"
 #include "tool_error.h"
@@ -40,6 +41,25 @@ tool_error no_memory(const std::string& path, uint64_t width, uint64_t height, i
 // the filtered rows its header claims. Returns "" or the reason, in words, to refuse it.
 std::string png_size_fault(uint32_t width, uint32_t height, int channels, int bit_depth,
                            uint64_t file_size);
+
+// A PNG that ends early: after all its image data (`image_complete`, only IEND missing) or within
+// it, with `rows_done` of `height` rows decoded when known (0 otherwise); `offset` is where it
+// ends.
+std::string png_cut_fault(bool image_complete, uint32_t rows_done, uint32_t height,
+                          uint64_t offset);
+
+// Where a TIFF's strips lie, as its first directory says.
+struct tiff_strips {
+    uint32_t height = 0;
+    uint32_t rows_per_strip = 0;  // 0 or more than `height`: one strip holds every row
+    uint64_t row_bytes = 0;       // one decoded row
+    uint32_t compression = 1;     // as TIFF numbers it: 1 none, 5 LZW, 8 Deflate, ...
+    std::vector<uint64_t> offsets, counts;
+};
+
+// Checked before anything is decoded: every strip lies inside the file and holds enough bytes to
+// decode to its rows at its codec's largest expansion. Returns "" or the reason, in words.
+std::string tiff_strips_fault(const tiff_strips& layout, uint64_t file_size);
 
 // An image of `width` x `height` pixels with room for `depth` samples a pixel (gray, gray + alpha,
 // RGB, RGBA) once gray is spread to RGB; no samples yet.

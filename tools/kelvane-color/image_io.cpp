@@ -52,6 +52,66 @@ std::string png_size_fault(uint32_t width, uint32_t height, int channels, int bi
            " bytes of compressed data, but the file has " + std::to_string(file_size) + " bytes";
 }
 
+std::string png_cut_fault(bool image_complete, uint32_t rows_done, uint32_t height,
+                          uint64_t offset) {
+    const std::string where = " (at byte offset " + std::to_string(offset) + ")";
+    if (image_complete) {
+        return "the file ends after the image data, before its end chunk (IEND): it was cut "
+               "short" +
+               where;
+    }
+    return rows_done < height && rows_done > 0
+               ? "the file ends before its image data is complete: row " +
+                     std::to_string(rows_done) + " of " + std::to_string(height) + " is missing" +
+                     where
+               : "the file ends before its image data is complete" + where;
+}
+
+// The most bytes one byte of a strip can decode to: PackBits repeats a byte at most 128 times
+// for two, Deflate about 1032 to one, LZW strings reach 4096 bytes for a 12-bit code; any other
+// codec gets a generous bound. Compression codes as TIFF numbers them.
+uint64_t tiff_expansion(uint32_t compression) {
+    switch (compression) {
+        case 1:  // none
+            return 1;
+        case 32773:  // PackBits
+            return 64;
+        case 8:      // Deflate
+        case 32946:  // Deflate, the older code
+            return 1032;
+        case 5:  // LZW
+            return 4096;
+        default:
+            return 65536;
+    }
+}
+
+std::string tiff_strips_fault(const tiff_strips& layout, uint64_t file_size) {
+    const uint64_t height = layout.height;
+    const uint64_t rows_per_strip =
+        std::max<uint64_t>(1, std::min<uint64_t>(layout.rows_per_strip, height));
+    const size_t strips = std::min(layout.offsets.size(), layout.counts.size());
+    for (size_t i = 0; i < strips; ++i) {
+        const uint64_t first_row = uint64_t(i) * rows_per_strip;
+        if (first_row >= height) break;
+        const uint64_t rows = std::min<uint64_t>(rows_per_strip, height - first_row);
+        const uint64_t offset = layout.offsets[i], count = layout.counts[i];
+        const std::string strip = "strip " + std::to_string(i) + " (rows " +
+                                  std::to_string(first_row) + " to " +
+                                  std::to_string(first_row + rows - 1) + ")";
+        if (offset > file_size || count > file_size - offset) {
+            return strip + " lies past the end of the file: it claims bytes " +
+                   std::to_string(offset) + " to " + std::to_string(offset + count) + " of a " +
+                   std::to_string(file_size) + "-byte file";
+        }
+        if (rows * layout.row_bytes / tiff_expansion(layout.compression) > count) {
+            return strip + " holds " + std::to_string(count) + " bytes, too few for its rows of " +
+                   std::to_string(layout.row_bytes) + " bytes each";
+        }
+    }
+    return std::string();
+}
+
 void append_row(image* out, const uint16_t* row, uint32_t width, int depth) {
     if (depth == out->channels) {
         out->samples.insert(out->samples.end(), row, row + size_t(width) * depth);
@@ -413,19 +473,11 @@ bool png_read_into(png_context* context, uint64_t file_size, image* out, std::ve
 
 // libpng's own words for the faults a damaged file shows most, put plainly.
 std::string png_fault(const png_context& context, uint32_t height) {
-    const std::string where = " (at byte offset " + std::to_string(context.offset) + ")";
-    if (context.ended && context.rows_done == height && height > 0) {
-        return "the file ends after the image data, before its end chunk (IEND): it was cut "
-               "short" +
-               where;
-    }
     if (context.ended) {
-        return context.rows_done < height && context.rows_done > 0
-                   ? "the file ends before its image data is complete: row " +
-                         std::to_string(context.rows_done) + " of " + std::to_string(height) +
-                         " is missing" + where
-                   : "the file ends before its image data is complete" + where;
+        return png_cut_fault(context.rows_done == height && height > 0, context.rows_done, height,
+                             context.offset);
     }
+    const std::string where = " (at byte offset " + std::to_string(context.offset) + ")";
     const std::string text = context.message;
     if (context.plain_message) return text;
     struct wording {
@@ -580,62 +632,30 @@ std::string tiff_fault(const tiff_source& source, const std::string& what) {
     return what + " [libtiff: " + tiff_message + "]";
 }
 
-// The most bytes one byte of a strip can decode to: PackBits repeats a byte at most 128 times
-// for two, Deflate about 1032 to one, LZW strings reach 4096 bytes for a 12-bit code; any other
-// codec gets a generous bound.
-uint64_t tiff_expansion(uint16_t compression) {
-    switch (compression) {
-        case COMPRESSION_NONE:
-            return 1;
-        case COMPRESSION_PACKBITS:
-            return 64;
-        case COMPRESSION_ADOBE_DEFLATE:
-        case COMPRESSION_DEFLATE:
-            return 1032;
-        case COMPRESSION_LZW:
-            return 4096;
-        default:
-            return 65536;
-    }
-}
-
 // Before anything is allocated for the rows: every strip lies inside the file and holds enough
 // bytes to decode to the rows it claims.
 void check_strips(const std::string& path, TIFF* tiff, uint64_t file_size) {
+    tiff_strips layout;
     uint16_t compression = COMPRESSION_NONE;
     TIFFGetFieldDefaulted(tiff, TIFFTAG_COMPRESSION, &compression);
+    uint32_t rows_per_strip = 0;
+    TIFFGetField(tiff, TIFFTAG_IMAGELENGTH, &layout.height);
+    TIFFGetFieldDefaulted(tiff, TIFFTAG_ROWSPERSTRIP, &rows_per_strip);
     const uint64_t* offsets = nullptr;
     const uint64_t* counts = nullptr;
-    uint32_t rows_per_strip = 0, height = 0;
-    TIFFGetField(tiff, TIFFTAG_IMAGELENGTH, &height);
-    TIFFGetFieldDefaulted(tiff, TIFFTAG_ROWSPERSTRIP, &rows_per_strip);
     if (!TIFFGetField(tiff, TIFFTAG_STRIPOFFSETS, &offsets) ||
         !TIFFGetField(tiff, TIFFTAG_STRIPBYTECOUNTS, &counts) || offsets == nullptr ||
         counts == nullptr) {
         throw file_error(path, "TIFF: the file does not say where its image data lies");
     }
-    rows_per_strip = std::max<uint32_t>(1, std::min(rows_per_strip, height));
-    const uint64_t row_bytes = uint64_t(TIFFScanlineSize64(tiff));
+    layout.compression = compression;
+    layout.rows_per_strip = rows_per_strip;
+    layout.row_bytes = uint64_t(TIFFScanlineSize64(tiff));
     const uint32_t strips = TIFFNumberOfStrips(tiff);
-    for (uint32_t i = 0; i < strips; ++i) {
-        const uint64_t first_row = uint64_t(i) * rows_per_strip;
-        if (first_row >= height) break;
-        const uint64_t rows = std::min<uint64_t>(rows_per_strip, height - first_row);
-        const std::string strip = "strip " + std::to_string(i) + " (rows " +
-                                  std::to_string(first_row) + " to " +
-                                  std::to_string(first_row + rows - 1) + ")";
-        if (offsets[i] > file_size || counts[i] > file_size - offsets[i]) {
-            throw file_error(path, "TIFF: " + strip + " lies past the end of the file: it " +
-                                       "claims bytes " + std::to_string(offsets[i]) + " to " +
-                                       std::to_string(offsets[i] + counts[i]) + " of a " +
-                                       std::to_string(file_size) + "-byte file");
-        }
-        if (rows * row_bytes / tiff_expansion(compression) > counts[i]) {
-            throw file_error(path, "TIFF: " + strip + " holds " + std::to_string(counts[i]) +
-                                       " bytes, too few for its rows of " +
-                                       std::to_string(row_bytes) + " bytes each");
-        }
-    }
+    layout.offsets.assign(offsets, offsets + strips);
+    layout.counts.assign(counts, counts + strips);
+    const std::string fault = tiff_strips_fault(layout, file_size);
+    if (!fault.empty()) throw file_error(path, "TIFF: " + fault);
 }
 
 image read_tiff(const std::string& path, std::FILE* file, uint64_t file_size) {

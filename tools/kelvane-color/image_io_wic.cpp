@@ -164,23 +164,123 @@ HRESULT layout_of(IWICImagingFactory* factory, IWICBitmapFrameDecode* frame, lay
 
 // The first bytes of a PNG give its size before any decoder sees it: some decode the whole image
 // as soon as they open the file, so the bound against the file's size is applied here first.
+uint32_t big_endian_32(const std::string& bytes, size_t at) {
+    const auto byte = [&](size_t i) { return uint32_t(static_cast<unsigned char>(bytes[at + i])); };
+    return byte(0) << 24 | byte(1) << 16 | byte(2) << 8 | byte(3);
+}
+
 std::string png_header_fault(const std::string& bytes) {
-    const auto at = [&](size_t i) { return static_cast<unsigned char>(bytes[i]); };
     if (bytes.size() < 26 || bytes.compare(12, 4, "IHDR") != 0) return std::string();
-    const auto word = [&](size_t i) {
-        return uint32_t(at(i)) << 24 | uint32_t(at(i + 1)) << 16 | uint32_t(at(i + 2)) << 8 |
-               at(i + 3);
-    };
     static const int channels_of_type[7] = {1, 0, 3, 1, 2, 0, 4};
-    const int type = at(25);
+    const int type = static_cast<unsigned char>(bytes[25]);
     const int channels = type < 7 ? channels_of_type[type] : 0;
     if (channels == 0) return std::string();  // the decoder refuses it in its own words
-    const uint32_t width = word(16), height = word(20);
+    const uint32_t width = big_endian_32(bytes, 16), height = big_endian_32(bytes, 20);
     if (uint64_t(width) * height > max_pixels) {
         return std::to_string(width) + "x" + std::to_string(height) +
                " pixels is more than one frame can hold (2^31 - 1)";
     }
-    return png_size_fault(width, height, channels, at(24), bytes.size());
+    return png_size_fault(width, height, channels, static_cast<unsigned char>(bytes[24]),
+                          bytes.size());
+}
+
+// Where a PNG's list of chunks stops short of its end chunk (IEND): libpng refuses such a file
+// wherever it was cut, some system decoders accept one cut after its image data.
+struct png_chunks {
+    bool cut = false;
+    bool after_image_data = false;  // the cut comes after the last image data chunk (IDAT)
+};
+
+png_chunks walk_png(const std::string& bytes) {
+    png_chunks walk;
+    bool seen_data = false;
+    for (uint64_t at = 8;;) {
+        if (at + 8 > bytes.size()) {
+            walk.cut = true;
+            walk.after_image_data = seen_data;
+            return walk;
+        }
+        if (bytes.compare(size_t(at) + 4, 4, "IEND") == 0) return walk;
+        const bool data = bytes.compare(size_t(at) + 4, 4, "IDAT") == 0;
+        const uint64_t end = at + 12 + big_endian_32(bytes, size_t(at));
+        if (end > bytes.size()) {
+            walk.cut = true;
+            walk.after_image_data = seen_data && !data;
+            return walk;
+        }
+        seen_data = seen_data || data;
+        at = end;
+    }
+}
+
+// The strips of a TIFF's first directory, read from its bytes with every position checked, so
+// they are checked against the file as libtiff's reader checks them. False for a file laid out
+// otherwise (tiles, separate planes, BigTIFF, a damaged directory): its decoder then judges it.
+bool read_tiff_strips(const std::string& bytes, tiff_strips* out) {
+    const bool big = bytes.size() >= 8 && bytes[0] == 'M';
+    const auto number = [&](uint64_t at, int size, uint64_t* value) {
+        if (at > bytes.size() || uint64_t(size) > bytes.size() - at) return false;
+        *value = 0;
+        for (int i = 0; i < size; ++i) {
+            const uint64_t byte = static_cast<unsigned char>(bytes[size_t(at) + i]);
+            *value |= byte << (8 * (big ? size - 1 - i : i));
+        }
+        return true;
+    };
+    uint64_t directory = 0, entries = 0, magic = 0;
+    if (!number(2, 2, &magic) || magic != 42 || !number(4, 4, &directory) ||
+        !number(directory, 2, &entries)) {
+        return false;
+    }
+    uint64_t width = 0, samples = 1, bits = 1, planar = 1;
+    for (uint64_t e = 0; e < entries; ++e) {
+        const uint64_t at = directory + 2 + 12 * e;
+        uint64_t tag = 0, type = 0, count = 0;
+        if (!number(at, 2, &tag) || !number(at + 2, 2, &type) || !number(at + 4, 4, &count)) {
+            return false;
+        }
+        const int size = type == 3 ? 2 : type == 4 ? 4 : 0;  // SHORT or LONG
+        if (size == 0 || count == 0) continue;
+        uint64_t values = at + 8;
+        if (count * size > 4 && !number(at + 8, 4, &values)) return false;
+        if (count > (bytes.size() - std::min<uint64_t>(values, bytes.size())) / size) return false;
+        uint64_t first = 0;
+        number(values, size, &first);
+        switch (tag) {
+            case 256:
+                width = first;
+                break;
+            case 257:
+                out->height = uint32_t(first);
+                break;
+            case 258:
+                bits = first;
+                break;
+            case 259:
+                out->compression = uint32_t(first);
+                break;
+            case 277:
+                samples = first;
+                break;
+            case 278:
+                out->rows_per_strip = uint32_t(first);
+                break;
+            case 284:
+                planar = first;
+                break;
+            case 273:
+            case 279: {
+                std::vector<uint64_t>& list = tag == 273 ? out->offsets : out->counts;
+                list.resize(size_t(count));
+                for (uint64_t i = 0; i < count; ++i) number(values + i * size, size, &list[i]);
+                break;
+            }
+            default:
+                break;
+        }
+    }
+    out->row_bytes = (width * samples * bits + 7) / 8;
+    return planar == 1 && !out->offsets.empty() && out->offsets.size() == out->counts.size();
 }
 
 // Rows a band of CopyPixels or WritePixels holds: about 4 MiB, at least one row.
@@ -201,8 +301,17 @@ image decode(const std::string& path, coded_format format, const std::string& by
         return file_error(path, prefix + "not " + (format == coded_format::other ? "an" : "a") +
                                     " " + kind + " file the tool can read: " + hresult_words(hr));
     };
+    const png_chunks chunks = format == coded_format::png ? walk_png(bytes) : png_chunks{};
     if (format == coded_format::png) {
         const std::string fault = png_header_fault(bytes);
+        if (!fault.empty()) throw file_error(path, prefix + fault);
+        if (chunks.cut && !chunks.after_image_data) {
+            throw file_error(path, prefix + png_cut_fault(false, 0, 0, bytes.size()));
+        }
+    }
+    tiff_strips strips;
+    if (format == coded_format::tiff && read_tiff_strips(bytes, &strips)) {
+        const std::string fault = tiff_strips_fault(strips, bytes.size());
         if (!fault.empty()) throw file_error(path, prefix + fault);
     }
     const com_session com;
@@ -289,6 +398,9 @@ image decode(const std::string& path, coded_format format, const std::string& by
     } catch (const std::bad_alloc&) {
         throw no_memory(path, width, height, out.channels);
     }
+    // Decoded whole, yet cut short after its image data: refused as libpng refuses it.
+    if (chunks.cut)
+        throw file_error(path, prefix + png_cut_fault(true, height, height, bytes.size()));
     return out;
 }
 
