@@ -51,7 +51,7 @@ std::string png_cut_fault(bool image_complete, uint32_t rows_done, uint32_t heig
 // Where a TIFF's strips lie, as its first directory says.
 struct tiff_strips {
     uint32_t height = 0;
-    uint32_t rows_per_strip = 0;  // 0 or more than `height`: one strip holds every row
+    uint32_t rows_per_strip = 0xFFFFFFFFu;  // rows in every strip but the last
     uint64_t row_bytes = 0;       // one decoded row
     uint32_t compression = 1;     // as TIFF numbers it: 1 none, 5 LZW, 8 Deflate, ...
     std::vector<uint64_t> offsets, counts;
