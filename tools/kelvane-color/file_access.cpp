@@ -155,15 +155,19 @@ input_file open_input(const std::string& path, uint64_t limit, const char* what)
 
 std::string read_small_file(const std::string& path, uint64_t limit, const char* what) {
     input_file in = open_input(path, limit, what);
+    return read_whole(path, in.file.get(), in.size);
+}
+
+std::string read_whole(const std::string& path, std::FILE* file, uint64_t size) {
     std::string text;
     try {
-        text.resize(size_t(in.size));
+        text.resize(size_t(size));
     } catch (const std::bad_alloc&) {
-        throw file_error(path,
-                         "not enough memory to read its " + std::to_string(in.size) + " bytes");
+        throw file_error(path, "not enough memory to read its " + std::to_string(size) + " bytes");
     }
-    const size_t got = std::fread(&text[0], 1, text.size(), in.file.get());
-    if (std::ferror(in.file.get())) throw file_error(path, "read error: " + error_text(errno));
+    if (!seek_to(file, 0)) throw file_error(path, "read error: " + error_text(errno));
+    const size_t got = std::fread(&text[0], 1, text.size(), file);
+    if (std::ferror(file)) throw file_error(path, "read error: " + error_text(errno));
     // A file that shrank while it was read ends where the reading did; one that grows is read
     // only to the size it had when opened.
     text.resize(got);

@@ -31,6 +31,9 @@ input_file open_input(const std::string& path, uint64_t limit, const char* what)
 // The whole of a regular file of at most `limit` bytes.
 std::string read_small_file(const std::string& path, uint64_t limit, const char* what);
 
+// The whole of an opened file of `size` bytes (as found when it was opened), from its start.
+std::string read_whole(const std::string& path, std::FILE* file, uint64_t size);
+
 // Moves the reading position to `offset` bytes from the start; false when that fails.
 bool seek_to(std::FILE* file, uint64_t offset);
 

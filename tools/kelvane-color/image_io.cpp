@@ -15,6 +15,7 @@
 #include <system_error>
 
 #include "file_access.h"
+#include "image_codec.h"
 #include "tool_error.h"
 
 #if defined(KV_TOOL_HAVE_PNG)
@@ -25,13 +26,6 @@
 #endif
 
 namespace kv_tool {
-namespace {
-
-// The pixel count of one frame travels as a 32-bit signed number.
-constexpr uint64_t max_pixels = uint64_t(std::numeric_limits<int32_t>::max());
-// The largest frame as 16-bit RGBA samples plus room for a header: no image file the tool can use
-// is larger, so a larger one (a sparse file, a device) is refused before anything is read.
-constexpr uint64_t max_image_file = max_pixels * 8 + (uint64_t(1) << 20);
 
 void check_size(const std::string& path, uint64_t width, uint64_t height) {
     if (width == 0 || height == 0) throw file_error(path, "image has no pixels");
@@ -41,23 +35,83 @@ void check_size(const std::string& path, uint64_t width, uint64_t height) {
     }
 }
 
-std::string megabytes(uint64_t bytes) {
-    return std::to_string((bytes + 999999) / 1000000) + " MB";
-}
-
 tool_error no_memory(const std::string& path, uint64_t width, uint64_t height, int channels) {
+    const uint64_t bytes = width * height * channels * 2;
     return file_error(path, "not enough memory for the samples of its " + std::to_string(width) +
                                 "x" + std::to_string(height) + " pixels (" +
-                                megabytes(width * height * channels * 2) + ")");
+                                std::to_string((bytes + 999999) / 1000000) + " MB)");
 }
 
-// Samples of maximum value `maxval` to 16 bits, rounding to nearest.
-uint16_t widen(uint32_t value, uint32_t maxval) {
-    return static_cast<uint16_t>((uint64_t(value) * 65535u + maxval / 2) / maxval);
+std::string png_size_fault(uint32_t width, uint32_t height, int channels, int bit_depth,
+                           uint64_t file_size) {
+    const uint64_t row_bits = uint64_t(width) * channels * bit_depth;
+    const uint64_t decoded = ((row_bits + 7) / 8 + 1) * height;  // a filter byte a row
+    if (decoded / 1032 <= file_size) return std::string();
+    return "its header claims " + std::to_string(width) + "x" + std::to_string(height) +
+           " pixels, which need at least " + std::to_string(decoded / 1032) +
+           " bytes of compressed data, but the file has " + std::to_string(file_size) + " bytes";
 }
 
-// Appends one row of `depth` samples a pixel (gray, gray + alpha, RGB, RGBA) to an image of 3 or
-// 4 channels, spreading gray to RGB.
+std::string png_cut_fault(bool image_complete, uint32_t rows_done, uint32_t height,
+                          uint64_t offset) {
+    const std::string where = " (at byte offset " + std::to_string(offset) + ")";
+    if (image_complete) {
+        return "the file ends after the image data, before its end chunk (IEND): it was cut "
+               "short" +
+               where;
+    }
+    return rows_done < height && rows_done > 0
+               ? "the file ends before its image data is complete: row " +
+                     std::to_string(rows_done) + " of " + std::to_string(height) + " is missing" +
+                     where
+               : "the file ends before its image data is complete" + where;
+}
+
+// The most bytes one byte of a strip can decode to: PackBits repeats a byte at most 128 times
+// for two, Deflate about 1032 to one, LZW strings reach 4096 bytes for a 12-bit code; any other
+// codec gets a generous bound. Compression codes as TIFF numbers them.
+uint64_t tiff_expansion(uint32_t compression) {
+    switch (compression) {
+        case 1:  // none
+            return 1;
+        case 32773:  // PackBits
+            return 64;
+        case 8:      // Deflate
+        case 32946:  // Deflate, the older code
+            return 1032;
+        case 5:  // LZW
+            return 4096;
+        default:
+            return 65536;
+    }
+}
+
+std::string tiff_strips_fault(const tiff_strips& layout, uint64_t file_size) {
+    const uint64_t height = layout.height;
+    const uint64_t rows_per_strip =
+        std::max<uint64_t>(1, std::min<uint64_t>(layout.rows_per_strip, height));
+    const size_t strips = std::min(layout.offsets.size(), layout.counts.size());
+    for (size_t i = 0; i < strips; ++i) {
+        const uint64_t first_row = uint64_t(i) * rows_per_strip;
+        if (first_row >= height) break;
+        const uint64_t rows = std::min<uint64_t>(rows_per_strip, height - first_row);
+        const uint64_t offset = layout.offsets[i], count = layout.counts[i];
+        const std::string strip = "strip " + std::to_string(i) + " (rows " +
+                                  std::to_string(first_row) + " to " +
+                                  std::to_string(first_row + rows - 1) + ")";
+        if (offset > file_size || count > file_size - offset) {
+            return strip + " lies past the end of the file: it claims bytes " +
+                   std::to_string(offset) + " to " + std::to_string(offset + count) + " of a " +
+                   std::to_string(file_size) + "-byte file";
+        }
+        if (rows * layout.row_bytes / tiff_expansion(layout.compression) > count) {
+            return strip + " holds " + std::to_string(count) + " bytes, too few for its rows of " +
+                   std::to_string(layout.row_bytes) + " bytes each";
+        }
+    }
+    return std::string();
+}
+
 void append_row(image* out, const uint16_t* row, uint32_t width, int depth) {
     if (depth == out->channels) {
         out->samples.insert(out->samples.end(), row, row + size_t(width) * depth);
@@ -77,6 +131,17 @@ image empty_image(uint32_t width, uint32_t height, int depth) {
     out.bits = 16;
     out.channels = depth == 2 || depth == 4 ? 4 : 3;
     return out;
+}
+
+namespace {
+
+// The largest frame as 16-bit RGBA samples plus room for a header: no image file the tool can use
+// is larger, so a larger one (a sparse file, a device) is refused before anything is read.
+constexpr uint64_t max_image_file = max_pixels * 8 + (uint64_t(1) << 20);
+
+// Samples of maximum value `maxval` to 16 bits, rounding to nearest.
+uint16_t widen(uint32_t value, uint32_t maxval) {
+    return static_cast<uint16_t>((uint64_t(value) * 65535u + maxval / 2) / maxval);
 }
 
 // --- Netpbm -------------------------------------------------------------------------------------
@@ -354,18 +419,10 @@ bool png_read_into(png_context* context, uint64_t file_size, image* out, std::ve
     if (uint64_t(width) * height > max_pixels) {
         png_error(png, "more pixels than one frame can hold (2^31 - 1)");
     }
-    // Deflate packs at most about 1032 bytes into one, so the file must hold at least this much
-    // to decode to the rows (each with its filter byte) the header claims.
-    const uint64_t row_bits =
-        uint64_t(width) * png_get_channels(png, info) * png_get_bit_depth(png, info);
-    const uint64_t decoded = ((row_bits + 7) / 8 + 1) * height;
-    if (decoded / 1032 > file_size) {
-        std::snprintf(context->message, sizeof context->message,
-                      "its header claims %ux%u pixels, which need at least %llu bytes of "
-                      "compressed data, but the file has %llu bytes",
-                      unsigned(width), unsigned(height),
-                      static_cast<unsigned long long>(decoded / 1032),
-                      static_cast<unsigned long long>(file_size));
+    const std::string too_small = png_size_fault(width, height, png_get_channels(png, info),
+                                                 png_get_bit_depth(png, info), file_size);
+    if (!too_small.empty()) {
+        std::snprintf(context->message, sizeof context->message, "%s", too_small.c_str());
         context->plain_message = true;
         png_destroy_read_struct(&png, &info, nullptr);
         return false;
@@ -416,19 +473,11 @@ bool png_read_into(png_context* context, uint64_t file_size, image* out, std::ve
 
 // libpng's own words for the faults a damaged file shows most, put plainly.
 std::string png_fault(const png_context& context, uint32_t height) {
-    const std::string where = " (at byte offset " + std::to_string(context.offset) + ")";
-    if (context.ended && context.rows_done == height && height > 0) {
-        return "the file ends after the image data, before its end chunk (IEND): it was cut "
-               "short" +
-               where;
-    }
     if (context.ended) {
-        return context.rows_done < height && context.rows_done > 0
-                   ? "the file ends before its image data is complete: row " +
-                         std::to_string(context.rows_done) + " of " + std::to_string(height) +
-                         " is missing" + where
-                   : "the file ends before its image data is complete" + where;
+        return png_cut_fault(context.rows_done == height && height > 0, context.rows_done, height,
+                             context.offset);
     }
+    const std::string where = " (at byte offset " + std::to_string(context.offset) + ")";
     const std::string text = context.message;
     if (context.plain_message) return text;
     struct wording {
@@ -583,62 +632,30 @@ std::string tiff_fault(const tiff_source& source, const std::string& what) {
     return what + " [libtiff: " + tiff_message + "]";
 }
 
-// The most bytes one byte of a strip can decode to: PackBits repeats a byte at most 128 times
-// for two, Deflate about 1032 to one, LZW strings reach 4096 bytes for a 12-bit code; any other
-// codec gets a generous bound.
-uint64_t tiff_expansion(uint16_t compression) {
-    switch (compression) {
-        case COMPRESSION_NONE:
-            return 1;
-        case COMPRESSION_PACKBITS:
-            return 64;
-        case COMPRESSION_ADOBE_DEFLATE:
-        case COMPRESSION_DEFLATE:
-            return 1032;
-        case COMPRESSION_LZW:
-            return 4096;
-        default:
-            return 65536;
-    }
-}
-
 // Before anything is allocated for the rows: every strip lies inside the file and holds enough
 // bytes to decode to the rows it claims.
 void check_strips(const std::string& path, TIFF* tiff, uint64_t file_size) {
+    tiff_strips layout;
     uint16_t compression = COMPRESSION_NONE;
     TIFFGetFieldDefaulted(tiff, TIFFTAG_COMPRESSION, &compression);
+    uint32_t rows_per_strip = 0;
+    TIFFGetField(tiff, TIFFTAG_IMAGELENGTH, &layout.height);
+    TIFFGetFieldDefaulted(tiff, TIFFTAG_ROWSPERSTRIP, &rows_per_strip);
     const uint64_t* offsets = nullptr;
     const uint64_t* counts = nullptr;
-    uint32_t rows_per_strip = 0, height = 0;
-    TIFFGetField(tiff, TIFFTAG_IMAGELENGTH, &height);
-    TIFFGetFieldDefaulted(tiff, TIFFTAG_ROWSPERSTRIP, &rows_per_strip);
     if (!TIFFGetField(tiff, TIFFTAG_STRIPOFFSETS, &offsets) ||
         !TIFFGetField(tiff, TIFFTAG_STRIPBYTECOUNTS, &counts) || offsets == nullptr ||
         counts == nullptr) {
         throw file_error(path, "TIFF: the file does not say where its image data lies");
     }
-    rows_per_strip = std::max<uint32_t>(1, std::min(rows_per_strip, height));
-    const uint64_t row_bytes = uint64_t(TIFFScanlineSize64(tiff));
+    layout.compression = compression;
+    layout.rows_per_strip = rows_per_strip;
+    layout.row_bytes = uint64_t(TIFFScanlineSize64(tiff));
     const uint32_t strips = TIFFNumberOfStrips(tiff);
-    for (uint32_t i = 0; i < strips; ++i) {
-        const uint64_t first_row = uint64_t(i) * rows_per_strip;
-        if (first_row >= height) break;
-        const uint64_t rows = std::min<uint64_t>(rows_per_strip, height - first_row);
-        const std::string strip = "strip " + std::to_string(i) + " (rows " +
-                                  std::to_string(first_row) + " to " +
-                                  std::to_string(first_row + rows - 1) + ")";
-        if (offsets[i] > file_size || counts[i] > file_size - offsets[i]) {
-            throw file_error(path, "TIFF: " + strip + " lies past the end of the file: it " +
-                                       "claims bytes " + std::to_string(offsets[i]) + " to " +
-                                       std::to_string(offsets[i] + counts[i]) + " of a " +
-                                       std::to_string(file_size) + "-byte file");
-        }
-        if (rows * row_bytes / tiff_expansion(compression) > counts[i]) {
-            throw file_error(path, "TIFF: " + strip + " holds " + std::to_string(counts[i]) +
-                                       " bytes, too few for its rows of " +
-                                       std::to_string(row_bytes) + " bytes each");
-        }
-    }
+    layout.offsets.assign(offsets, offsets + strips);
+    layout.counts.assign(counts, counts + strips);
+    const std::string fault = tiff_strips_fault(layout, file_size);
+    if (!fault.empty()) throw file_error(path, "TIFF: " + fault);
 }
 
 image read_tiff(const std::string& path, std::FILE* file, uint64_t file_size) {
@@ -732,20 +749,65 @@ std::string write_bytes(std::FILE* out, const void* data, size_t size) {
 
 }  // namespace
 
-bool png_supported() {
+#if !defined(_WIN32)
+bool codec_handles(coded_format format, bool writing) {
+    switch (format) {
+        case coded_format::png:
 #if defined(KV_TOOL_HAVE_PNG)
-    return true;
+            return true;
 #else
-    return false;
+            return false;
 #endif
+        case coded_format::tiff:
+#if defined(KV_TOOL_HAVE_TIFF)
+            return !writing;
+#else
+            return false;
+#endif
+        case coded_format::other:
+            break;
+    }
+    return false;
+}
+
+image codec_read(const std::string& path, coded_format format, std::FILE* file, uint64_t size) {
+#if defined(KV_TOOL_HAVE_PNG)
+    if (format == coded_format::png) return read_png(path, file, size);
+#endif
+#if defined(KV_TOOL_HAVE_TIFF)
+    if (format == coded_format::tiff) return read_tiff(path, file, size);
+#endif
+    (void)file;
+    (void)size;
+    throw file_error(path, std::string(format == coded_format::tiff ? "TIFF" : "PNG") +
+                               " support is not built into this kelvane-color");
+}
+
+void codec_write(const std::string& path, coded_format format, const image& picture) {
+#if defined(KV_TOOL_HAVE_PNG)
+    if (format == coded_format::png) {
+        replace_file(path, [&](std::FILE* out) { return png_to_stream(out, picture); });
+        return;
+    }
+#endif
+    (void)picture;
+    throw usage_error(path + ": " + (format == coded_format::tiff ? "TIFF" : "PNG") +
+                      " support is not built into this kelvane-color");
+}
+#endif
+
+bool png_supported() {
+    return codec_handles(coded_format::png, false);
 }
 
 bool tiff_supported() {
-#if defined(KV_TOOL_HAVE_TIFF)
+    return codec_handles(coded_format::tiff, false);
+}
+
+bool can_write(file_type type) {
+    if (type == file_type::png) return codec_handles(coded_format::png, true);
+    if (type == file_type::tiff) return codec_handles(coded_format::tiff, true);
     return true;
-#else
-    return false;
-#endif
 }
 
 file_type file_type_of(const std::string& path, const char* option) {
@@ -803,39 +865,32 @@ image read_image(const std::string& path) {
     }
     static const unsigned char png_magic[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
     if (got >= 8 && std::memcmp(magic, png_magic, 8) == 0) {
-#if defined(KV_TOOL_HAVE_PNG)
-        return read_png(path, in.file.get(), in.size);
-#else
-        throw file_error(path, "PNG support is not built into this kelvane-color");
-#endif
+        return codec_read(path, coded_format::png, in.file.get(), in.size);
     }
     if (got >= 4 && ((magic[0] == 'I' && magic[1] == 'I' && magic[2] == 42) ||
                      (magic[0] == 'M' && magic[1] == 'M' && magic[3] == 42))) {
-#if defined(KV_TOOL_HAVE_TIFF)
-        return read_tiff(path, in.file.get(), in.size);
-#else
-        throw file_error(path, "TIFF support is not built into this kelvane-color");
-#endif
+        return codec_read(path, coded_format::tiff, in.file.get(), in.size);
     }
     if (got >= 2 && magic[0] == 'P' && magic[1] >= '1' && magic[1] <= '4') {
         throw file_error(path,
                          "plain-text and bitmap Netpbm files (P1 to P4) are not read; "
                          "use binary P5, P6 or P7");
     }
-    throw file_error(path, got == 0 ? "empty file" : "not a PNG, PPM, PGM, PAM or TIFF image");
+    if (got == 0) throw file_error(path, "empty file");
+    // The system's decoders (JPEG, BMP and others on Windows) have the last word.
+    if (codec_handles(coded_format::other, false)) {
+        return codec_read(path, coded_format::other, in.file.get(), in.size);
+    }
+    throw file_error(path, "not a PNG, PPM, PGM, PAM or TIFF image");
 }
 
 void write_image(const std::string& path, file_type type, const image& picture) {
     if (type == file_type::ppm && picture.channels != 3) {
         throw usage_error(path + ": PPM holds three channels; write four to .pam, .png or .raw");
     }
-    if (type == file_type::png) {
-#if defined(KV_TOOL_HAVE_PNG)
-        replace_file(path, [&](std::FILE* out) { return png_to_stream(out, picture); });
+    if (type == file_type::png || (type == file_type::tiff && can_write(type))) {
+        codec_write(path, type == file_type::png ? coded_format::png : coded_format::tiff, picture);
         return;
-#else
-        throw usage_error(path + ": PNG support is not built into this kelvane-color");
-#endif
     }
     if (type != file_type::ppm && type != file_type::pam) {
         throw usage_error(path + ": cannot write " + file_type_name(type) + " images");

@@ -1,5 +1,7 @@
-// Image files in and out: binary PPM, PGM and PAM, PNG (with libpng) and TIFF (with libtiff, read
-// only). Every image read becomes 16-bit samples; writers take 8 or 16 bits, RGB or RGBA.
+// Image files in and out: binary PPM, PGM and PAM by hand; PNG and TIFF through libpng and libtiff
+// (TIFF read only) or, on Windows, through the Windows Imaging Component, which also reads JPEG,
+// BMP and whatever else the system decodes. Every image read becomes 16-bit samples; writers take
+// 8 or 16 bits, RGB or RGBA.
 #pragma once
 
 #include <cstdint>
@@ -28,6 +30,16 @@ const char* file_type_name(file_type type);
 const char* file_type_extension(file_type type);
 bool png_supported();
 bool tiff_supported();
+// Whether this build writes files of `type` (TIFF only on Windows).
+bool can_write(file_type type);
+
+// Windows builds read and write PNG and TIFF through the system's codecs, which decode JPEG, BMP
+// and more besides; the help text says so.
+#if defined(_WIN32)
+constexpr bool system_codecs = true;
+#else
+constexpr bool system_codecs = false;
+#endif
 
 // Reads any supported image, telling the type by the file's first bytes. Samples come back at 16
 // bits: a file of maximum value M holds v, which becomes round(v * 65535 / M), so 8-bit samples
@@ -35,8 +47,8 @@ bool tiff_supported();
 // names the path and what was wrong.
 image read_image(const std::string& path);
 
-// Writes `picture` (8 or 16 bits, 3 or 4 channels) as PPM (3 channels), PAM or PNG. The file is
-// written beside its final name and renamed into place, so a failed write leaves no half file.
+// Writes `picture` (8 or 16 bits, 3 or 4 channels) as PPM (3 channels), PAM, PNG or TIFF. The file
+// is written beside its final name and renamed into place, so a failed write leaves no half file.
 void write_image(const std::string& path, file_type type, const image& picture);
 
 // Writes bytes as they are (raw buffers), with the same replace-on-success rule.

@@ -172,7 +172,8 @@ constexpr const char* other_section = "Other:";
 
 const option_spec options[] = {
     {"-o", "--output", "FILE", output_section,
-     "one output: .png, .ppm, .pam or .raw (the library's buffer as is)",
+     system_codecs ? "one output: .png, .tif, .ppm, .pam or .raw (the library's buffer as is)"
+                   : "one output: .png, .ppm, .pam or .raw (the library's buffer as is)",
      [](parse_state& p, const std::string& name, const std::string& value) {
          p.s.output = value;
          if (p.s.output.empty()) throw usage_error(name + ": empty file name");
@@ -186,10 +187,11 @@ const option_spec options[] = {
          p.output_options = true;
      }},
     {nullptr, "--output-type", "TYPE", output_section,
-     "png (default), ppm, pam or raw, with --output-dir",
+     system_codecs ? "png (default), tif, ppm, pam or raw, with --output-dir"
+                   : "png (default), ppm, pam or raw, with --output-dir",
      [](parse_state& p, const std::string&, const std::string& value) {
          p.s.output_type = file_type_of("x." + value, "--output-type");
-         if (p.s.output_type == file_type::tiff) {
+         if (!can_write(p.s.output_type)) {
              throw usage_error("--output-type: TIFF is read only (use png, ppm, pam or raw)");
          }
          p.s.output_type_given = true;
@@ -345,7 +347,11 @@ std::string build_usage_text() {
        kelvane-color --info                     tier, modules and back-end of this machine
 
 Input: PNG, PPM/PGM/PAM (binary, maximum value up to 65535), TIFF; read as 16-bit samples.
-       Regular files only (no FIFOs or devices); .cube files up to 64 MiB.
+)" +
+        std::string(system_codecs
+                        ? "       On Windows also JPEG, BMP and any other format Windows decodes.\n"
+                        : "") +
+        R"(       Regular files only (no FIFOs or devices); .cube files up to 64 MiB.
 )";
     const char* section = nullptr;
     for (const option_spec& o : options) {
@@ -444,7 +450,7 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
     }
     if (!s.output.empty()) {
         const file_type type = file_type_of(s.output, "-o");
-        if (type == file_type::tiff) {
+        if (!can_write(type)) {
             throw usage_error("-o: TIFF is read only (use .png, .ppm, .pam or .raw)");
         }
         if (type == file_type::ppm && s.channels == 4) {

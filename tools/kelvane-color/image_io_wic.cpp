@@ -1,0 +1,514 @@
+// PNG, TIFF and the other formats Windows decodes, through the Windows Imaging Component. The file
+// is read (within its size bound) into memory and decoded from there; an encoded image is built in
+// memory and written through replace_file, so this file never opens a path itself.
+#include "platform/windows_api.h"
+// The COM and imaging headers need <windows.h> before them.
+#include <objbase.h>
+#include <objidl.h>
+#include <wincodec.h>
+#include <wrl/client.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "file_access.h"
+#include "image_codec.h"
+
+namespace kv_tool {
+namespace {
+
+using Microsoft::WRL::ComPtr;
+
+const char* format_name(coded_format format) {
+    switch (format) {
+        case coded_format::png:
+            return "PNG";
+        case coded_format::tiff:
+            return "TIFF";
+        case coded_format::other:
+            break;
+    }
+    return "image";
+}
+
+// What a decoder's or encoder's failure means to the user; the code follows in brackets.
+std::string hresult_words(HRESULT hr) {
+    struct wording {
+        HRESULT code;
+        const char* plain;
+    };
+    static const wording table[] = {
+        {WINCODEC_ERR_COMPONENTNOTFOUND, "no codec on this system handles it"},
+        {WINCODEC_ERR_UNKNOWNIMAGEFORMAT, "the codec does not recognise it: it is damaged"},
+        {WINCODEC_ERR_BADHEADER, "its header is damaged"},
+        {WINCODEC_ERR_BADIMAGE, "its image data is damaged"},
+        {WINCODEC_ERR_BADSTREAMDATA, "its image data is damaged"},
+        {WINCODEC_ERR_BADMETADATAHEADER, "its metadata is damaged"},
+        {WINCODEC_ERR_FRAMEMISSING, "it holds no image"},
+        {WINCODEC_ERR_STREAMREAD, "the file ends before its image data is complete"},
+        {HRESULT_FROM_WIN32(ERROR_HANDLE_EOF), "the file ends before its image data is complete"},
+        {WINCODEC_ERR_UNSUPPORTEDPIXELFORMAT, "its pixel format cannot be converted"},
+        {WINCODEC_ERR_UNSUPPORTEDOPERATION, "the codec does not support this"},
+        {WINCODEC_ERR_IMAGESIZEOUTOFRANGE, "its size is out of the codec's range"},
+        {WINCODEC_ERR_VALUEOUTOFRANGE, "a value in it is out of range"},
+        {E_OUTOFMEMORY, "not enough memory"},
+        {E_NOTIMPL, "the codec does not support this"},
+        {E_FAIL, "the codec gave up (the file may be damaged)"},
+    };
+    const char* plain = "the Windows Imaging Component failed";
+    for (const wording& w : table) {
+        if (w.code == hr) {
+            plain = w.plain;
+            break;
+        }
+    }
+    char code[32];
+    std::snprintf(code, sizeof code, " [WIC error 0x%08lX]", static_cast<unsigned long>(hr));
+    return plain + std::string(code);
+}
+
+// COM for the length of one read or write, on whatever thread a batch runs it. A thread that
+// already chose another apartment keeps it; COM is still usable there.
+class com_session {
+  public:
+    com_session() : result_(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}
+    ~com_session() {
+        if (SUCCEEDED(result_)) CoUninitialize();
+    }
+    com_session(const com_session&) = delete;
+    com_session& operator=(const com_session&) = delete;
+    HRESULT result() const { return result_ == RPC_E_CHANGED_MODE ? S_OK : result_; }
+
+  private:
+    HRESULT result_;
+};
+
+// The samples a pixel format decodes to, as the tool keeps them: `depth` 1 (gray), 3 (RGB) or 4
+// (RGBA), of `bits` 8 or 16, and the format WIC delivers them in.
+struct layout {
+    int depth;
+    int bits;
+};
+
+const GUID& wic_format(layout l) {
+    switch (l.depth * 100 + l.bits) {
+        case 108:
+            return GUID_WICPixelFormat8bppGray;
+        case 116:
+            return GUID_WICPixelFormat16bppGray;
+        case 308:
+            return GUID_WICPixelFormat24bppRGB;
+        case 316:
+            return GUID_WICPixelFormat48bppRGB;
+        case 408:
+            return GUID_WICPixelFormat32bppRGBA;
+        default:
+            return GUID_WICPixelFormat64bppRGBA;
+    }
+}
+
+// The layout a decoded pixel format maps to, so that a file reads as libpng and libtiff read it:
+// gray stays gray (spread to RGB later), gray + alpha and palettes with transparency gain RGBA,
+// 8 bits stay 8 (widened later), anything deeper becomes 16.
+HRESULT layout_of(IWICImagingFactory* factory, IWICBitmapFrameDecode* frame, layout* out) {
+    WICPixelFormatGUID format{};
+    HRESULT hr = frame->GetPixelFormat(&format);
+    if (FAILED(hr)) return hr;
+    struct known {
+        const GUID* format;
+        layout l;
+    };
+    static const known table[] = {
+        {&GUID_WICPixelFormatBlackWhite, {1, 8}}, {&GUID_WICPixelFormat2bppGray, {1, 8}},
+        {&GUID_WICPixelFormat4bppGray, {1, 8}},   {&GUID_WICPixelFormat8bppGray, {1, 8}},
+        {&GUID_WICPixelFormat16bppGray, {1, 16}}, {&GUID_WICPixelFormat24bppRGB, {3, 8}},
+        {&GUID_WICPixelFormat24bppBGR, {3, 8}},   {&GUID_WICPixelFormat32bppBGR, {3, 8}},
+        {&GUID_WICPixelFormat48bppRGB, {3, 16}},  {&GUID_WICPixelFormat48bppBGR, {3, 16}},
+    };
+    for (const known& k : table) {
+        if (IsEqualGUID(format, *k.format)) {
+            *out = k.l;
+            return S_OK;
+        }
+    }
+    if (IsEqualGUID(format, GUID_WICPixelFormat1bppIndexed) ||
+        IsEqualGUID(format, GUID_WICPixelFormat2bppIndexed) ||
+        IsEqualGUID(format, GUID_WICPixelFormat4bppIndexed) ||
+        IsEqualGUID(format, GUID_WICPixelFormat8bppIndexed)) {
+        ComPtr<IWICPalette> palette;
+        BOOL alpha = FALSE;
+        hr = factory->CreatePalette(&palette);
+        if (SUCCEEDED(hr)) hr = frame->CopyPalette(palette.Get());
+        if (SUCCEEDED(hr)) hr = palette->HasAlpha(&alpha);
+        *out = layout{alpha ? 4 : 3, 8};
+        return hr;
+    }
+    // Anything else by what the system says of it: 8-bit channels stay 8, deeper ones become 16.
+    ComPtr<IWICComponentInfo> info;
+    ComPtr<IWICPixelFormatInfo2> pixel_info;
+    UINT bits = 0, channels = 0;
+    BOOL alpha = FALSE;
+    hr = factory->CreateComponentInfo(format, &info);
+    if (SUCCEEDED(hr)) hr = info.As(&pixel_info);
+    if (SUCCEEDED(hr)) hr = pixel_info->GetBitsPerPixel(&bits);
+    if (SUCCEEDED(hr)) hr = pixel_info->GetChannelCount(&channels);
+    if (SUCCEEDED(hr)) hr = pixel_info->SupportsTransparency(&alpha);
+    if (FAILED(hr)) return hr;
+    *out = layout{alpha ? 4 : 3, channels != 0 && bits / channels <= 8 ? 8 : 16};
+    return S_OK;
+}
+
+// The first bytes of a PNG give its size before any decoder sees it: some decode the whole image
+// as soon as they open the file, so the bound against the file's size is applied here first.
+uint32_t big_endian_32(const std::string& bytes, size_t at) {
+    const auto byte = [&](size_t i) { return uint32_t(static_cast<unsigned char>(bytes[at + i])); };
+    return byte(0) << 24 | byte(1) << 16 | byte(2) << 8 | byte(3);
+}
+
+std::string png_header_fault(const std::string& bytes) {
+    if (bytes.size() < 26 || bytes.compare(12, 4, "IHDR") != 0) return std::string();
+    static const int channels_of_type[7] = {1, 0, 3, 1, 2, 0, 4};
+    const int type = static_cast<unsigned char>(bytes[25]);
+    const int channels = type < 7 ? channels_of_type[type] : 0;
+    if (channels == 0) return std::string();  // the decoder refuses it in its own words
+    const uint32_t width = big_endian_32(bytes, 16), height = big_endian_32(bytes, 20);
+    if (uint64_t(width) * height > max_pixels) {
+        return std::to_string(width) + "x" + std::to_string(height) +
+               " pixels is more than one frame can hold (2^31 - 1)";
+    }
+    return png_size_fault(width, height, channels, static_cast<unsigned char>(bytes[24]),
+                          bytes.size());
+}
+
+// Where a PNG's list of chunks stops short of its end chunk (IEND): libpng refuses such a file
+// wherever it was cut, some system decoders accept one cut after its image data.
+struct png_chunks {
+    bool cut = false;
+    bool after_image_data = false;  // the cut comes after the last image data chunk (IDAT)
+};
+
+png_chunks walk_png(const std::string& bytes) {
+    png_chunks walk;
+    bool seen_data = false;
+    for (uint64_t at = 8;;) {
+        if (at + 8 > bytes.size()) {
+            walk.cut = true;
+            walk.after_image_data = seen_data;
+            return walk;
+        }
+        if (bytes.compare(size_t(at) + 4, 4, "IEND") == 0) return walk;
+        const bool data = bytes.compare(size_t(at) + 4, 4, "IDAT") == 0;
+        const uint64_t end = at + 12 + big_endian_32(bytes, size_t(at));
+        if (end > bytes.size()) {
+            walk.cut = true;
+            walk.after_image_data = seen_data && !data;
+            return walk;
+        }
+        seen_data = seen_data || data;
+        at = end;
+    }
+}
+
+// The strips of a TIFF's first directory, read from its bytes with every position checked, so
+// they are checked against the file as libtiff's reader checks them. False for a file laid out
+// otherwise (tiles, separate planes, BigTIFF, a damaged directory): its decoder then judges it.
+bool read_tiff_strips(const std::string& bytes, tiff_strips* out) {
+    const bool big = bytes.size() >= 8 && bytes[0] == 'M';
+    const auto number = [&](uint64_t at, int size, uint64_t* value) {
+        if (at > bytes.size() || uint64_t(size) > bytes.size() - at) return false;
+        *value = 0;
+        for (int i = 0; i < size; ++i) {
+            const uint64_t byte = static_cast<unsigned char>(bytes[size_t(at) + i]);
+            *value |= byte << (8 * (big ? size - 1 - i : i));
+        }
+        return true;
+    };
+    uint64_t directory = 0, entries = 0, magic = 0;
+    if (!number(2, 2, &magic) || magic != 42 || !number(4, 4, &directory) ||
+        !number(directory, 2, &entries)) {
+        return false;
+    }
+    uint64_t width = 0, samples = 1, bits = 1, planar = 1;
+    for (uint64_t e = 0; e < entries; ++e) {
+        const uint64_t at = directory + 2 + 12 * e;
+        uint64_t tag = 0, type = 0, count = 0;
+        if (!number(at, 2, &tag) || !number(at + 2, 2, &type) || !number(at + 4, 4, &count)) {
+            return false;
+        }
+        const int size = type == 3 ? 2 : type == 4 ? 4 : 0;  // SHORT or LONG
+        if (size == 0 || count == 0) continue;
+        uint64_t values = at + 8;
+        if (count * size > 4 && !number(at + 8, 4, &values)) return false;
+        if (count > (bytes.size() - std::min<uint64_t>(values, bytes.size())) / size) return false;
+        uint64_t first = 0;
+        number(values, size, &first);
+        switch (tag) {
+            case 256:
+                width = first;
+                break;
+            case 257:
+                out->height = uint32_t(first);
+                break;
+            case 258:
+                bits = first;
+                break;
+            case 259:
+                out->compression = uint32_t(first);
+                break;
+            case 277:
+                samples = first;
+                break;
+            case 278:
+                out->rows_per_strip = uint32_t(first);
+                break;
+            case 284:
+                planar = first;
+                break;
+            case 273:
+            case 279: {
+                std::vector<uint64_t>& list = tag == 273 ? out->offsets : out->counts;
+                list.resize(size_t(count));
+                for (uint64_t i = 0; i < count; ++i) number(values + i * size, size, &list[i]);
+                break;
+            }
+            default:
+                break;
+        }
+    }
+    out->row_bytes = (width * samples * bits + 7) / 8;
+    return planar == 1 && !out->offsets.empty() && out->offsets.size() == out->counts.size();
+}
+
+// Rows a band of CopyPixels or WritePixels holds: about 4 MiB, at least one row.
+uint32_t band_rows(uint64_t row_bytes) {
+    return uint32_t(std::max<uint64_t>(1, (uint64_t(4) << 20) / std::max<uint64_t>(row_bytes, 1)));
+}
+
+image decode(const std::string& path, coded_format format, const std::string& bytes) {
+    const std::string kind = format_name(format);
+    const std::string prefix = format == coded_format::other ? std::string() : kind + ": ";
+    const auto fail = [&](HRESULT hr) {
+        if (format == coded_format::other &&
+            (hr == WINCODEC_ERR_COMPONENTNOTFOUND || hr == WINCODEC_ERR_UNKNOWNIMAGEFORMAT)) {
+            return file_error(path,
+                              "not a PNG, PPM, PGM, PAM or TIFF image, nor one Windows "
+                              "decodes");
+        }
+        return file_error(path, prefix + "not " + (format == coded_format::other ? "an" : "a") +
+                                    " " + kind + " file the tool can read: " + hresult_words(hr));
+    };
+    const png_chunks chunks = format == coded_format::png ? walk_png(bytes) : png_chunks{};
+    if (format == coded_format::png) {
+        const std::string fault = png_header_fault(bytes);
+        if (!fault.empty()) throw file_error(path, prefix + fault);
+        if (chunks.cut && !chunks.after_image_data) {
+            throw file_error(path, prefix + png_cut_fault(false, 0, 0, bytes.size()));
+        }
+    }
+    tiff_strips strips;
+    if (format == coded_format::tiff && read_tiff_strips(bytes, &strips)) {
+        const std::string fault = tiff_strips_fault(strips, bytes.size());
+        if (!fault.empty()) throw file_error(path, prefix + fault);
+    }
+    const com_session com;
+    HRESULT hr = com.result();
+    ComPtr<IWICImagingFactory> factory;
+    ComPtr<IWICStream> stream;
+    ComPtr<IWICBitmapDecoder> decoder;
+    ComPtr<IWICBitmapFrameDecode> frame;
+    if (SUCCEEDED(hr)) {
+        hr = CoCreateInstance(CLSID_WICImagingFactory, nullptr, CLSCTX_INPROC_SERVER,
+                              IID_PPV_ARGS(&factory));
+    }
+    if (SUCCEEDED(hr)) hr = factory->CreateStream(&stream);
+    if (SUCCEEDED(hr)) {
+        hr = stream->InitializeFromMemory(reinterpret_cast<BYTE*>(const_cast<char*>(bytes.data())),
+                                          DWORD(bytes.size()));
+    }
+    // A file whose first bytes name its format goes to that format's decoder, which then speaks
+    // for the file rather than "no decoder knows it"; anything else to whichever accepts it.
+    if (SUCCEEDED(hr) && format == coded_format::other) {
+        hr = factory->CreateDecoderFromStream(stream.Get(), nullptr, WICDecodeMetadataCacheOnDemand,
+                                              &decoder);
+    } else if (SUCCEEDED(hr)) {
+        hr = factory->CreateDecoder(
+            format == coded_format::png ? GUID_ContainerFormatPng : GUID_ContainerFormatTiff,
+            nullptr, &decoder);
+        if (SUCCEEDED(hr)) hr = decoder->Initialize(stream.Get(), WICDecodeMetadataCacheOnDemand);
+    }
+    if (SUCCEEDED(hr)) hr = decoder->GetFrame(0, &frame);
+    UINT width = 0, height = 0;
+    if (SUCCEEDED(hr)) hr = frame->GetSize(&width, &height);
+    layout l{};
+    if (SUCCEEDED(hr)) hr = layout_of(factory.Get(), frame.Get(), &l);
+    if (FAILED(hr)) throw fail(hr);
+    check_size(path, width, height);
+    // No codec the system has packs more than 65536 bytes of samples into one byte of file (the
+    // bound the TIFF reader uses for its unknown codecs); a header claiming more is refused unread.
+    const uint64_t row_bytes = uint64_t(width) * l.depth * (l.bits / 8);
+    if (row_bytes * height / 65536 > bytes.size()) {
+        throw file_error(path, prefix + "its header claims " + std::to_string(width) + "x" +
+                                   std::to_string(height) + " pixels, more than a " +
+                                   std::to_string(bytes.size()) + "-byte file can hold");
+    }
+    if (row_bytes > 0xFFFFFFFFu) throw file_error(path, prefix + "its rows are too long to decode");
+    ComPtr<IWICBitmapSource> source = frame;
+    WICPixelFormatGUID delivered{};
+    hr = frame->GetPixelFormat(&delivered);
+    if (SUCCEEDED(hr) && !IsEqualGUID(delivered, wic_format(l))) {
+        ComPtr<IWICFormatConverter> converter;
+        hr = factory->CreateFormatConverter(&converter);
+        if (SUCCEEDED(hr)) {
+            hr = converter->Initialize(frame.Get(), wic_format(l), WICBitmapDitherTypeNone, nullptr,
+                                       0.0, WICBitmapPaletteTypeCustom);
+        }
+        if (SUCCEEDED(hr)) source = converter;
+    }
+    if (FAILED(hr)) throw fail(hr);
+    image out = empty_image(width, height, l.depth);
+    const uint32_t band = std::min<uint32_t>(band_rows(row_bytes), height);
+    const size_t row_samples = size_t(width) * l.depth;
+    try {
+        std::vector<unsigned char> bytes_of_band(size_t(row_bytes) * band);
+        std::vector<uint16_t> row(row_samples);
+        for (uint32_t y = 0; y < height; y += band) {
+            const uint32_t rows = std::min(band, height - y);
+            const WICRect rect{0, INT(y), INT(width), INT(rows)};
+            hr = source->CopyPixels(&rect, UINT(row_bytes), UINT(row_bytes * rows),
+                                    bytes_of_band.data());
+            if (FAILED(hr)) {
+                throw file_error(path, prefix + "rows " + std::to_string(y) + " to " +
+                                           std::to_string(y + rows - 1) +
+                                           " cannot be read: " + hresult_words(hr));
+            }
+            for (uint32_t r = 0; r < rows; ++r) {
+                const unsigned char* from = bytes_of_band.data() + size_t(r) * row_bytes;
+                if (l.bits == 16) {
+                    std::memcpy(row.data(), from, row_samples * 2);  // little-endian, as the host
+                } else {
+                    for (size_t i = 0; i < row_samples; ++i) row[i] = uint16_t(from[i] * 257);
+                }
+                append_row(&out, row.data(), width, l.depth);
+            }
+        }
+    } catch (const std::bad_alloc&) {
+        throw no_memory(path, width, height, out.channels);
+    }
+    // Decoded whole, yet cut short after its image data: refused as libpng refuses it.
+    if (chunks.cut)
+        throw file_error(path, prefix + png_cut_fault(true, height, height, bytes.size()));
+    return out;
+}
+
+// Encodes `picture` into a stream in memory, then writes the bytes to `path`.
+void encode(const std::string& path, coded_format format, const image& picture) {
+    const std::string prefix = std::string(format_name(format)) + ": ";
+    // Samples go in as the encoders take them natively: 8-bit ones in BGR order.
+    const bool wide = picture.bits == 16;
+    const bool alpha = picture.channels == 4;
+    const GUID& wanted = wide
+                             ? (alpha ? GUID_WICPixelFormat64bppRGBA : GUID_WICPixelFormat48bppRGB)
+                             : (alpha ? GUID_WICPixelFormat32bppBGRA : GUID_WICPixelFormat24bppBGR);
+    const com_session com;
+    HRESULT hr = com.result();
+    ComPtr<IWICImagingFactory> factory;
+    ComPtr<IStream> stream;
+    ComPtr<IWICBitmapEncoder> encoder;
+    ComPtr<IWICBitmapFrameEncode> frame;
+    ComPtr<IPropertyBag2> options;
+    if (SUCCEEDED(hr)) {
+        hr = CoCreateInstance(CLSID_WICImagingFactory, nullptr, CLSCTX_INPROC_SERVER,
+                              IID_PPV_ARGS(&factory));
+    }
+    if (SUCCEEDED(hr)) hr = CreateStreamOnHGlobal(nullptr, TRUE, &stream);
+    if (SUCCEEDED(hr)) {
+        hr = factory->CreateEncoder(
+            format == coded_format::png ? GUID_ContainerFormatPng : GUID_ContainerFormatTiff,
+            nullptr, &encoder);
+    }
+    if (SUCCEEDED(hr)) hr = encoder->Initialize(stream.Get(), WICBitmapEncoderNoCache);
+    if (SUCCEEDED(hr)) hr = encoder->CreateNewFrame(&frame, &options);
+    if (SUCCEEDED(hr) && format == coded_format::tiff) {
+        // Deflate, lossless at both depths; an encoder without the option keeps its default.
+        PROPBAG2 option{};
+        option.pstrName = const_cast<LPOLESTR>(L"TiffCompressionMethod");
+        VARIANT value{};
+        value.vt = VT_UI1;
+        value.bVal = WICTiffCompressionZIP;
+        options->Write(1, &option, &value);
+    }
+    if (SUCCEEDED(hr)) hr = frame->Initialize(options.Get());
+    if (SUCCEEDED(hr)) hr = frame->SetSize(UINT(picture.width), UINT(picture.height));
+    WICPixelFormatGUID offered = wanted;
+    if (SUCCEEDED(hr)) hr = frame->SetPixelFormat(&offered);
+    if (SUCCEEDED(hr) && !IsEqualGUID(offered, wanted)) {
+        throw file_error(path, prefix + "this system's encoder cannot write " +
+                                   std::to_string(picture.bits) + "-bit " +
+                                   (alpha ? "RGBA" : "RGB") + " samples");
+    }
+    const uint64_t row_samples = uint64_t(picture.width) * picture.channels;
+    const uint64_t row_bytes = row_samples * (wide ? 2 : 1);
+    if (row_bytes > 0xFFFFFFFFu) throw file_error(path, prefix + "its rows are too long to encode");
+    const uint32_t band = std::min<uint32_t>(band_rows(row_bytes), uint32_t(picture.height));
+    std::vector<unsigned char> packed;
+    try {
+        packed.resize(size_t(row_bytes) * band);
+    } catch (const std::bad_alloc&) {
+        throw file_error(path, prefix + "not enough memory to encode");
+    }
+    for (uint32_t y = 0; SUCCEEDED(hr) && y < uint32_t(picture.height); y += band) {
+        const uint32_t rows = std::min(band, uint32_t(picture.height) - y);
+        const uint16_t* from = picture.samples.data() + size_t(y) * row_samples;
+        const size_t count = size_t(row_samples) * rows;
+        if (wide) {
+            std::memcpy(packed.data(), from, count * 2);
+        } else {
+            for (size_t i = 0; i < count; ++i) packed[i] = static_cast<unsigned char>(from[i]);
+            for (size_t i = 0; i < count; i += picture.channels)
+                std::swap(packed[i], packed[i + 2]);
+        }
+        hr = frame->WritePixels(rows, UINT(row_bytes), UINT(row_bytes * rows), packed.data());
+    }
+    if (SUCCEEDED(hr)) hr = frame->Commit();
+    if (SUCCEEDED(hr)) hr = encoder->Commit();
+    STATSTG status{};
+    if (SUCCEEDED(hr)) hr = stream->Stat(&status, STATFLAG_NONAME);
+    HGLOBAL memory = nullptr;
+    if (SUCCEEDED(hr)) hr = GetHGlobalFromStream(stream.Get(), &memory);
+    if (FAILED(hr)) throw file_error(path, prefix + "cannot encode: " + hresult_words(hr));
+    struct locked {
+        HGLOBAL memory;
+        const void* data;
+        ~locked() {
+            if (data != nullptr) GlobalUnlock(memory);
+        }
+    } bytes{memory, GlobalLock(memory)};
+    if (bytes.data == nullptr) throw file_error(path, prefix + "cannot encode: no memory to read");
+    write_file(path, bytes.data, size_t(status.cbSize.QuadPart));
+}
+
+}  // namespace
+
+bool codec_handles(coded_format format, bool) {
+    return format == coded_format::png || format == coded_format::tiff ||
+           format == coded_format::other;
+}
+
+image codec_read(const std::string& path, coded_format format, std::FILE* file, uint64_t size) {
+    // The memory stream the decoders read counts its bytes in 32 bits.
+    if (size > 0xFFFFFFFFu) {
+        throw file_error(path, "is " + std::to_string(size) +
+                                   " bytes; the Windows decoders read files of at most 4 GiB");
+    }
+    return decode(path, format, read_whole(path, file, size));
+}
+
+void codec_write(const std::string& path, coded_format format, const image& picture) {
+    encode(path, format, picture);
+}
+
+}  // namespace kv_tool
