@@ -41,6 +41,9 @@ TEST(ImageFiles, RoundTripsWidenEightBitSamples) {
     };
     if (kv_tool::png_supported()) {
         for (int bits : {8, 16}) {
+            // Wine writes 16-bit PNG samples in the wrong byte order; tests/windows checks
+            // them on a Windows host.
+            if (bits == 16 && kv_tool::system_codecs) continue;
             for (int channels : {3, 4}) cases.push_back({file_type::png, ".png", bits, channels});
         }
     }

@@ -124,7 +124,6 @@ TEST(Options, BadCommandLinesNameTheOption) {
         {{"a.png", "b.png", "-o", "c.png"}, "-o names one file, but there are 2 inputs"},
         {{"-o", "c.png", "--output-dir", "d"}, "-o and --output-dir: give one of them"},
         {{"-o", "c.jpg"}, "-o: cannot tell the file type of 'c.jpg'"},
-        {{"-o", "c.tif"}, "-o: TIFF is read only"},
         {{"-o", "c.ppm", "--channels", "4"}, "-o: PPM holds three channels"},
         {{"--output-type", "png"}, "--output-type goes with --output-dir"},
         {{"--output-dir", "d", "--output-type", "gif"}, "--output-type: cannot tell the file type"},
@@ -136,6 +135,14 @@ TEST(Options, BadCommandLinesNameTheOption) {
         {{"--info", "a.png"}, "--info: takes no input files"},
         {{"--input-lut", "no_such_file.cube"}, "no_such_file.cube: cannot open"},
     };
+    // TIFF is written only where the system's codecs write it (Windows).
+    if (!kv_tool::can_write(kv_tool::file_type::tiff)) {
+        EXPECT_NE(std::string(error_of([&] {
+                                  parse({"-o", "c.tif"});
+                              }).what())
+                      .find("-o: TIFF is read only"),
+                  std::string::npos);
+    }
     for (const bad_case& c : cases) {
         SCOPED_TRACE(::testing::PrintToString(c.arguments));
         const kv_tool::tool_error e = error_of([&] { parse(c.arguments); });
