@@ -233,6 +233,7 @@ TEST_F(Lifetime, AnyReleaseOrderKeepsTheLibraryUpUntilTheLastObject) {
         EXPECT_FALSE(moved);
         EXPECT_THROW(kelvane::processor(moved, 8, 8), kelvane::error);
         sessions[1].emplace();
+        *sessions[1] = kelvane::session();  // lets go of the reference it held
         processors[0].emplace(*sessions[0], 4, 4);
         processors[1].emplace(*sessions[1], 8, 8);
         *processors[1] = kelvane::processor(*sessions[1], 4, 4, KV_TIER_SCALAR);

@@ -55,11 +55,11 @@ void PrintTo(const layout_case& c, std::ostream* os) {
         << (c.fourth ? " + fourth" : "");
 }
 
-class Layouts : public ::testing::TestWithParam<layout_case> {};
+class LayoutExamples : public ::testing::TestWithParam<layout_case> {};
 
 // Two pixels (blue 1 2, green 3 4, red 5 6) through an identity pass, by the kernels and by the
 // model, with a sentinel after the frame.
-TEST_P(Layouts, IdentityPassPlacesEveryElement) {
+TEST_P(LayoutExamples, IdentityPassPlacesEveryElement) {
     const layout_case c = GetParam();
     testing::frame_settings s;
     s.input_format = c.input_format;
@@ -79,7 +79,7 @@ TEST_P(Layouts, IdentityPassPlacesEveryElement) {
 
 const std::vector<uint16_t> planes = {1, 2, 3, 4, 5, 6};
 INSTANTIATE_TEST_SUITE_P(
-    Examples, Layouts,
+    Examples, LayoutExamples,
     ::testing::Values(layout_case{0, planes, 0, false, {1, 2, 3, 4, 5, 6}},
                       layout_case{0, planes, 0, true, {1, 2, 3, 4, 5, 6, 0, 0}},
                       layout_case{0, planes, 1, false, {1, 3, 5, 2, 4, 6}},

@@ -80,11 +80,11 @@ TEST(LUTRefusals, BadCountsHandlesAndBuffersWriteNothing) {
         for (const int32_t avx2_flag : {0, 1})
             EXPECT_EQ(kv_create_LUT_test(count, avx2_flag), nullptr) << "count " << count;
     }
+    table live(16);  // made first: a table made after the stale one could take its address
     void* stale = kv_create_LUT_test(64, 0);
     ASSERT_NE(stale, nullptr);
     ASSERT_EQ(kv_destroy_LUT(stale), 0);
     alignas(64) unsigned char foreign[128] = {};
-    table live(16);
     uint16_t source[2] = {1, 2};
     uint16_t destination[2] = {0xAAAA, 0xAAAA};
     for (void* handle : {static_cast<void*>(nullptr), stale, static_cast<void*>(foreign)}) {
