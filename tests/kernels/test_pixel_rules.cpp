@@ -4,10 +4,8 @@
 
 #include <cctype>
 #include <cstring>
-#include <limits>
 
 #include "kernels/dispatch.h"
-#include "kernels/pixel_pipeline.h"
 #include "tests/common/pixel_cases.h"
 #include "tests/common/reference_model.h"
 
@@ -53,30 +51,6 @@ INSTANTIATE_TEST_SUITE_P(Cases, PixelRules, ::testing::ValuesIn(testing::pixel_c
                                  name += std::isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
                              return name + "_" + std::to_string(info.index);
                          });
-
-TEST(RoundingStep, ValuesBeforeTheClamp) {
-    const float inf = std::numeric_limits<float>::infinity();
-    struct {
-        float sum;
-        int32_t rounded;
-    } const rows[] = {
-        {0.5f, 1},
-        {-1.7f, -1},
-        {-0.4f, 0},
-        {0.49999997f, 0},
-        {2147483520.0f, 2147483520},
-        {2147483648.0f, INT32_MIN},
-        {-2147483648.0f, -2147483647},
-        {-3.0e9f, INT32_MIN},
-        {inf, INT32_MIN},
-        {-inf, INT32_MIN},
-        {std::numeric_limits<float>::quiet_NaN(), INT32_MIN},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(reference::round_to_int32(row.sum), row.rounded) << row.sum;
-        EXPECT_EQ(round_sum(row.sum), row.rounded) << row.sum;
-    }
-}
 
 }  // namespace
 }  // namespace kv

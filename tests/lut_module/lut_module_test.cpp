@@ -1,6 +1,7 @@
 // Tests of kelvane_qor_LUT: loaded by file name as the library does, and called directly.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstdint>
@@ -32,9 +33,7 @@ struct table {
     explicit table(int32_t count, int32_t avx2_flag = 0)
         : handle(kv_create_LUT_test(count, avx2_flag)) {}
     ~table() {
-        if (handle != nullptr) {
-            kv_destroy_LUT(handle);
-        }
+        if (handle != nullptr) kv_destroy_LUT(handle);
     }
     table(const table&) = delete;
     table& operator=(const table&) = delete;
@@ -61,12 +60,8 @@ TEST_P(LUTCreation, TableIsAlignedZeroFilledWritableAndStable) {
     uint32_t* entries = t.data();
     ASSERT_NE(entries, nullptr);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(entries) % 64, 0u);
-    for (int32_t i = 0; i < padded_count(count); ++i) {
-        ASSERT_EQ(entries[i], 0u) << "entry " << i;
-    }
-    for (int32_t i = 0; i < count; ++i) {
-        entries[i] = 0x9E3779B9u * static_cast<uint32_t>(i + 1);
-    }
+    for (int32_t i = 0; i < padded_count(count); ++i) ASSERT_EQ(entries[i], 0u) << "entry " << i;
+    for (int32_t i = 0; i < count; ++i) entries[i] = 0x9E3779B9u * static_cast<uint32_t>(i + 1);
     EXPECT_EQ(t.data(), entries);
     for (int32_t i = 0; i < count; ++i) {
         ASSERT_EQ(entries[i], 0x9E3779B9u * static_cast<uint32_t>(i + 1)) << "entry " << i;
@@ -78,30 +73,34 @@ INSTANTIATE_TEST_SUITE_P(Counts, LUTCreation,
                                                           65535, 65536),
                                           testing::Values(0, 1)));
 
-TEST(LUTCreation, CountsOutsideOneTo65536AreRefused) {
+// Counts outside 1 to 65,536, handles that are not live tables and missing buffers: each entry
+// point refuses without touching memory.
+TEST(LUTRefusals, BadCountsHandlesAndBuffersWriteNothing) {
     for (const int32_t count : {0, -1, -65536, INT32_MIN, 65537, 131072, INT32_MAX}) {
-        for (const int32_t avx2_flag : {0, 1}) {
+        for (const int32_t avx2_flag : {0, 1})
             EXPECT_EQ(kv_create_LUT_test(count, avx2_flag), nullptr) << "count " << count;
-        }
     }
-}
-
-// Handles that are not live tables: each entry point must refuse them without touching memory.
-TEST(LUTHandles, NullAndStaleAndForeignHandlesAreRefused) {
+    table live(16);  // made first: a table made after the stale one could take its address
     void* stale = kv_create_LUT_test(64, 0);
     ASSERT_NE(stale, nullptr);
     ASSERT_EQ(kv_destroy_LUT(stale), 0);
     alignas(64) unsigned char foreign[128] = {};
-
     uint16_t source[2] = {1, 2};
     uint16_t destination[2] = {0xAAAA, 0xAAAA};
     for (void* handle : {static_cast<void*>(nullptr), stale, static_cast<void*>(foreign)}) {
         EXPECT_EQ(kv_get_LUT_data(handle), nullptr);
         EXPECT_EQ(kv_destroy_LUT(handle), KV_LUT_BAD_ARGUMENT);
         EXPECT_EQ(kv_LUT_transform_16(handle, source, destination, 2), KV_LUT_BAD_ARGUMENT);
-        EXPECT_EQ(destination[0], 0xAAAA);
-        EXPECT_EQ(destination[1], 0xAAAA);
     }
+    EXPECT_EQ(kv_LUT_transform_16(live.handle, nullptr, destination, 2), KV_LUT_BAD_ARGUMENT);
+    EXPECT_EQ(kv_LUT_transform_16(live.handle, source, nullptr, 2), KV_LUT_BAD_ARGUMENT);
+    for (const int32_t count : {-1, INT32_MIN}) {
+        EXPECT_EQ(kv_LUT_transform_16(live.handle, source, destination, count),
+                  KV_LUT_BAD_ARGUMENT);
+    }
+    EXPECT_EQ(destination[0], 0xAAAA);
+    EXPECT_EQ(destination[1], 0xAAAA);
+    EXPECT_EQ(kv_LUT_transform_16(live.handle, nullptr, nullptr, 0), 0);  // nothing to touch
 }
 
 struct transform_case {
@@ -125,9 +124,7 @@ class LUTTransform16 : public testing::TestWithParam<transform_case> {};
 TEST_P(LUTTransform16, MapsThroughLowHalfOfEntries) {
     const transform_case& c = GetParam();
     table t(c.entry_count);
-    for (int32_t i = 0; i < c.entry_count; ++i) {
-        t.data()[i] = test_entry(i);
-    }
+    for (int32_t i = 0; i < c.entry_count; ++i) t.data()[i] = test_entry(i);
     const int32_t n = static_cast<int32_t>(c.source.size());
 
     std::vector<uint16_t> destination(c.source.size() + 1, 0x5555);  // one sentinel past the end
@@ -152,28 +149,13 @@ INSTANTIATE_TEST_SUITE_P(
         transform_case{"RepeatedValues", 16, {3, 3, 0, 3}, {10, 10, 1, 10}}),
     [](const testing::TestParamInfo<transform_case>& info) { return info.param.name; });
 
-TEST(LUTTransform16, BadArgumentsWriteNothing) {
-    table t(16);
-    uint16_t source[3] = {1, 2, 3};
-    uint16_t destination[3] = {9, 9, 9};
-    EXPECT_EQ(kv_LUT_transform_16(t.handle, nullptr, destination, 3), KV_LUT_BAD_ARGUMENT);
-    EXPECT_EQ(kv_LUT_transform_16(t.handle, source, nullptr, 3), KV_LUT_BAD_ARGUMENT);
-    EXPECT_EQ(kv_LUT_transform_16(t.handle, source, destination, -1), KV_LUT_BAD_ARGUMENT);
-    EXPECT_EQ(kv_LUT_transform_16(t.handle, source, destination, INT32_MIN), KV_LUT_BAD_ARGUMENT);
-    EXPECT_EQ(destination[0], 9);
-    EXPECT_EQ(destination[2], 9);
-    EXPECT_EQ(kv_LUT_transform_16(t.handle, nullptr, nullptr, 0), 0);  // nothing to touch
-}
-
 // The library initialises on every load and terminates once, and may create after terminating.
 TEST(LUTLifecycle, UnbalancedInitialiseAndTerminateKeepTablesWorking) {
     EXPECT_EQ(kv_LUT_module_terminate(), 0);  // before any initialise
     table before(32);
     ASSERT_NE(before.handle, nullptr);
     before.data()[31] = 123;
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(kv_LUT_module_initialize(), 0);
-    }
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(kv_LUT_module_initialize(), 0);
     table between(32);
     EXPECT_EQ(kv_LUT_module_terminate(), 0);
     EXPECT_EQ(before.data()[31], 123u);  // live tables outlive a terminate
@@ -196,6 +178,12 @@ TEST(LUTConcurrency, ManyThreadsCreateAndDestroyTables) {
     for (int t = 0; t < thread_count; ++t) {
         threads.emplace_back([t, &failures] {
             std::vector<std::pair<void*, uint32_t>> held;  // handle and the pattern written
+            // A table must still hold its pattern when it is destroyed.
+            const auto release = [&failures](const std::pair<void*, uint32_t>& h) {
+                if (kv_get_LUT_data(h.first)[0] != h.second || kv_destroy_LUT(h.first) != 0) {
+                    ++failures;
+                }
+            };
             for (int r = 0; r < rounds; ++r) {
                 const int32_t count = 1 + (r * 37 + t * 11) % 600;
                 void* handle = kv_create_LUT_test(count, r & 1);
@@ -206,28 +194,17 @@ TEST(LUTConcurrency, ManyThreadsCreateAndDestroyTables) {
                 }
                 const uint32_t pattern =
                     (static_cast<uint32_t>(t) << 24) | static_cast<uint32_t>(r);
-                for (int32_t i = 0; i < count; ++i) {
-                    entries[i] = pattern;
-                }
+                std::fill(entries, entries + count, pattern);
                 held.emplace_back(handle, pattern);
                 if (held.size() > 4) {  // keep a few alive while others come and go
-                    auto [old, old_pattern] = held.front();
+                    release(held.front());
                     held.erase(held.begin());
-                    if (kv_get_LUT_data(old)[0] != old_pattern || kv_destroy_LUT(old) != 0) {
-                        ++failures;
-                    }
                 }
             }
-            for (auto [handle, pattern] : held) {
-                if (kv_get_LUT_data(handle)[0] != pattern || kv_destroy_LUT(handle) != 0) {
-                    ++failures;
-                }
-            }
+            for (const auto& h : held) release(h);
         });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(failures.load(), 0);
 }
 

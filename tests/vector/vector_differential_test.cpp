@@ -1,10 +1,13 @@
 // Differential runs through every tier this processor has: each frame goes through the module
 // with the scalar tail, through the scalar kernels alone and through the reference model, and all
-// three must agree byte for byte. Seeded; KV_TEST_SEED picks another seed to explore more.
+// three must agree byte for byte. The lookup strategies (gathers, scalar loads) and the separable
+// path (diagonal matrices through one table per channel) are forced through the modules'
+// diagnostic switches, read at initialize. Seeded; KV_TEST_SEED explores other seeds.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <sstream>
+#include <cstring>
+#include <limits>
 
 #include "kernels/pixel_pipeline.h"
 #include "tests/vector/vector_test_support.h"
@@ -13,72 +16,11 @@ namespace kv {
 namespace testing {
 namespace {
 
-uint32_t base_seed() {
-    const char* text = std::getenv("KV_TEST_SEED");
-    return text != nullptr ? static_cast<uint32_t>(std::strtoul(text, nullptr, 0)) : 1234567u;
-}
-
-std::string describe(const frame& f, uint32_t coordinates, uint32_t seed) {
-    const frame_settings& s = f.settings();
-    std::ostringstream text;
-    text << "coordinates " << coordinates << ", seed " << seed << ", pixels " << f.pixel_count()
-         << ", width " << s.width << ", formats " << s.input_format << " -> " << s.output_format
-         << (s.fourth_channel ? " + fourth" : "") << ", matrix";
-    for (float m : s.matrix) text << ' ' << m;
-    for (int c = 0; c < 3; ++c) {
-        text << " | channel " << c << ": in LUT " << (s.input_LUT[c] != nullptr) << ", out LUT "
-             << (s.output_LUT[c] != nullptr) << ", bounds " << s.minimum[c] << ".." << s.maximum[c]
-             << ", shift " << s.shift_distance[c];
-    }
-    return text.str();
-}
-
-// Runs one frame three ways; false (with a failure recorded) when they disagree. A frame of at
-// least `whole_from` pixels must be taken whole: every setting runs vectorised.
-bool check_frame(const vector_module& m, const frame& f, uint32_t coordinates, uint32_t seed,
-                 int32_t whole_from) {
-    int32_t count = -1;
-    const std::vector<uint8_t> routed = f.run_routed(m, &count);
-    const std::vector<uint8_t> reference = f.run_reference();
-    const std::vector<uint8_t> scalar = f.run_scalar();
-    bool good = !::testing::Test::HasFailure();
-    if (scalar != reference) {
-        ADD_FAILURE() << "scalar kernels and reference disagree: "
-                      << describe(f, coordinates, seed);
-        good = false;
-    }
-    if (routed != reference) {
-        const std::vector<uint8_t> mine = f.bytes_of_pixels_from(routed, 0);
-        const std::vector<uint8_t> theirs = f.bytes_of_pixels_from(reference, 0);
-        size_t at = 0;
-        while (at < mine.size() && mine[at] == theirs[at]) ++at;
-        const size_t pixel_bytes = static_cast<size_t>(f.settings().fourth_channel ? 4 : 3) *
-                                   static_cast<size_t>(f.settings().width / 8);
-        const size_t pixel = at / pixel_bytes;
-        std::ostringstream bytes;
-        bytes << std::hex;
-        for (size_t b = pixel * pixel_bytes; b < (pixel + 1) * pixel_bytes; ++b) {
-            bytes << ' ' << int(mine[b]) << '/' << int(theirs[b]);
-        }
-        ADD_FAILURE() << m.suffix << " module (count " << count << ") differs first at pixel "
-                      << pixel << " (bytes module/reference:" << bytes.str()
-                      << "): " << describe(f, coordinates, seed);
-        good = false;
-    }
-    if (f.pixel_count() >= whole_from && count != f.pixel_count()) {
-        ADD_FAILURE() << m.suffix << " module declined (" << count << " of " << f.pixel_count()
-                      << "): " << describe(f, coordinates, seed);
-        good = false;
-    }
-    return good;
-}
-
-constexpr int largest_block = 64;  // 8-bit output on AVX-512
-
 class EveryCoordinate : public tier_test {};
 
-// All 62,208 settings of the scalar kernels, each with its own random frame of one to three
-// blocks and a bit, so every lane position and the block overlap at the end are exercised.
+// All 62,208 settings of the scalar kernels, each with its own random frame of 0 to three blocks
+// plus one pixel, so every lane position and the block overlap at the end are exercised: the
+// module declines a frame shorter than a block or gets every pixel right, never more.
 TEST_P(EveryCoordinate, MatchesReferenceAndScalar) {
     const vector_module& m = module();
     const uint32_t seed = base_seed() + 7919u * static_cast<uint32_t>(GetParam());
@@ -87,67 +29,137 @@ TEST_P(EveryCoordinate, MatchesReferenceAndScalar) {
         std::mt19937 rng(seed ^ (code * 2654435761u));
         const frame_settings s = random_settings(code, rng);
         const int block = m.block(s.width);
-        const int32_t n = block + static_cast<int32_t>(rng() % (2 * block + 2));
+        const int32_t n = static_cast<int32_t>(rng() % (3 * block + 2));
         const frame f(s, random_input(n, rng), code);
-        if (!check_frame(m, f, code, seed, largest_block)) ++failures;
+        if (!check_frame(m, f, seed, block)) ++failures;
     }
 }
 
-// Random settings with lengths up to several thousand pixels, misaligned starts included.
-TEST_P(EveryCoordinate, RandomLengthsUpToSeveralThousand) {
-    const vector_module& m = module();
-    const uint32_t seed = base_seed() + 104729u * static_cast<uint32_t>(GetParam());
-    std::mt19937 rng(seed);
-    int failures = 0;
-    for (int round = 0; round < 400 && failures < 10; ++round) {
-        const uint32_t code = rng() % kernel_count;
-        const frame_settings s = random_settings(code, rng);
-        const int32_t n = static_cast<int32_t>(rng() % 6000);
-        const size_t input_shift = rng() % 32, output_shift = (rng() % 32) * (s.width / 8);
-        const frame f(s, random_input(n, rng), rng(), input_shift, output_shift);
-        if (!check_frame(m, f, code, seed, largest_block)) ++failures;
+// An empty value leaves the choice to the module, as an unset variable does.
+void set_variable(const char* name, const char* value) {
+#if defined(_WIN32)
+    _putenv_s(name, value);
+#else
+    setenv(name, value, 1);
+#endif
+}
+
+// The module re-initialised with a lookup strategy forced and the separable path taken by every
+// diagonal frame or by none; back to its own choice afterwards.
+class forced_strategy {
+  public:
+    forced_strategy(const vector_module& m, const char* lookup, bool separable_always) : m_(m) {
+        set_variable("KV_VECTOR_LOOKUP", lookup);
+        set_variable("KV_VECTOR_SEPARABLE_FROM", separable_always ? "0" : "2000000000");
+        EXPECT_EQ(m_.initialize(), 0);
+    }
+    ~forced_strategy() {
+        set_variable("KV_VECTOR_LOOKUP", "");
+        set_variable("KV_VECTOR_SEPARABLE_FROM", "");
+        m_.initialize();
+    }
+    forced_strategy(const forced_strategy&) = delete;
+    forced_strategy& operator=(const forced_strategy&) = delete;
+
+  private:
+    const vector_module& m_;
+};
+
+// A diagonal matrix whose entries reach every corner of the rounding, with zeros of both signs
+// off it; now and then one entry off the diagonal is not zero, which must keep the full formula.
+void make_diagonal(frame_settings& s, std::mt19937& rng) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    static const float corners[] = {nan,      inf,      -inf,      -0.0f,       0.0f, 3.0e38f,
+                                    40000.0f, 1.0e-40f, -1.0e-40f, 0.49999997f, -1.5f};
+    for (int i = 0; i < 9; ++i) {
+        const bool corner = rng() % 3 == 0;
+        s.matrix[i] = i % 4 != 0 ? (rng() % 2 != 0 ? -0.0f : 0.0f)
+                      : corner   ? corners[rng() % (sizeof corners / sizeof *corners)]
+                                 : random_matrix_value(rng);
+    }
+    if (rng() % 4 == 0) {
+        const float intruders[] = {1.0e-40f, nan, inf, 0.25f};
+        const int off_diagonal[] = {1, 2, 3, 5, 6, 7};
+        s.matrix[off_diagonal[rng() % 6]] = intruders[rng() % 4];
     }
 }
 
-class ShortFrames : public tier_test {};
+class Strategies : public tier_test {};
 
-// Every length from 0 to three blocks plus one, for every pair of layouts at both widths, with
-// all stages on: the module either declines or gets every pixel right, never more.
-TEST_P(ShortFrames, EveryLengthUpToThreeBlocksPlusOne) {
+// Random settings of every kind with each lookup strategy, full matrices on the ordinary path and
+// diagonal ones on the separable path; lengths up to several thousand pixels, past the separable
+// path's chunk, with misaligned starts.
+TEST_P(Strategies, RandomFramesMatchReferenceAndScalar) {
     const vector_module& m = module();
-    std::mt19937 rng(base_seed());
-    for (int width : {8, 16}) {
-        for (int32_t in_format : {0, 1, 2}) {
-            for (int32_t out_format : {0, 1, 2}) {
-                for (bool fourth : {false, true}) {
-                    kernel_coordinates k{width,
-                                         pixel_format(in_format),
-                                         true,
-                                         false,
-                                         true,
-                                         true,
-                                         true,
-                                         false,
-                                         SHIFT_LEFT,
-                                         SHIFT_NONE,
-                                         SHIFT_RIGHT,
-                                         fourth,
-                                         pixel_format(out_format)};
-                    const int block = m.block(width);
-                    for (int32_t n = 0; n <= 3 * block + 1; ++n) {
-                        const frame_settings s = random_settings(k.encode(), rng);
-                        const frame f(s, random_input(n, rng), static_cast<uint32_t>(n));
-                        ASSERT_TRUE(check_frame(m, f, k.encode(), base_seed(), block))
-                            << "length " << n;
-                    }
+    for (const char* strategy : {"gather", "scalar"}) {
+        for (bool separable : {false, true}) {
+            const forced_strategy forced(m, strategy, separable);
+            const uint32_t seed = base_seed() + 31u * static_cast<uint32_t>(GetParam()) +
+                                  (separable ? 100u : 0u) + (*strategy == 's' ? 7u : 0u);
+            SCOPED_TRACE(std::string(strategy) + " lookups" + (separable ? ", separable" : ""));
+            std::mt19937 rng(seed);
+            for (int round = 0; round < 500 && !HasFailure(); ++round) {
+                frame_settings s = random_settings(rng() % kernel_count, rng);
+                if (separable) make_diagonal(s, rng);
+                const int32_t lengths[] = {m.block(s.width) + static_cast<int32_t>(rng() % 700),
+                                           static_cast<int32_t>(rng() % 6000),
+                                           8192 + 1 + static_cast<int32_t>(rng() % 9000)};
+                const int32_t n = lengths[round % (separable ? 3 : 2)];
+                const frame f(s, random_input(n, rng), rng(), rng() % 32,
+                              (rng() % 32) * (s.width / 8));
+                check_frame(m, f, seed, m.block(s.width));
+            }
+        }
+    }
+}
+
+// Input LUTs of fewer than 2^16 entries, each ending at an inaccessible page: only elements below
+// the size occur, the largest only late in the frame (after several chunks), so a table built
+// past what the frame holds would fault. The output LUT ends right after its maximum.
+TEST_P(Strategies, SmallInputLUTsAreReadOnlyUpToTheLargestElement) {
+    const vector_module& m = module();
+    const uint32_t seed = base_seed();
+    for (const char* strategy : {"gather", "scalar"}) {
+        const forced_strategy forced(m, strategy, true);
+        for (uint32_t entries : {1u, 300u, 4097u}) {
+            for (int32_t format : {0, 1, 2}) {
+                std::mt19937 rng(seed + entries);
+                const uint16_t output_max = 1000;
+                guarded_buffer input_LUT(entries * 4), output_LUT((output_max + 1) * 4);
+                std::memcpy(input_LUT.data(), table_pool(1).data(), entries * 4);
+                std::memcpy(output_LUT.data(), table_pool(5).data(), (output_max + 1) * 4);
+                input_LUT.make_read_only();
+                output_LUT.make_read_only();
+                frame_settings s;
+                s.input_format = format;
+                s.output_format = format == 0 ? 2 : 0;
+                s.fourth_channel = format == 2;
+                s.width = format == 1 ? 8 : 16;
+                s.matrix[0] = 0.7f, s.matrix[4] = -0.0f, s.matrix[8] = 1.3f;
+                for (int c = 0; c < 3; ++c) {
+                    s.input_LUT[c] = reinterpret_cast<const uint32_t*>(input_LUT.data());
+                    s.maximum[c] = output_max;
                 }
+                s.output_LUT[2] = reinterpret_cast<const uint32_t*>(output_LUT.data());
+                s.shift_distance[1] = 2;
+                // A ramp that reaches the last entry only in the last pixels of the frame.
+                const int32_t n = 3 * 8192 + 77;
+                std::vector<uint16_t> input(3 * static_cast<size_t>(n));
+                for (size_t i = 0; i < input.size(); ++i) {
+                    input[i] = static_cast<uint16_t>(
+                        (uint64_t(i) * entries / input.size() + rng() % 3) % entries);
+                }
+                input[input.size() - 2] = static_cast<uint16_t>(entries - 1);
+                EXPECT_TRUE(check_frame(m, frame(s, input, seed), seed, n))
+                    << strategy << " lookups, " << entries << " entries";
             }
         }
     }
 }
 
 KV_INSTANTIATE_FOR_TIERS(EveryCoordinate);
-KV_INSTANTIATE_FOR_TIERS(ShortFrames);
+KV_INSTANTIATE_FOR_TIERS(Strategies);
 
 }  // namespace
 }  // namespace testing

@@ -1,16 +1,16 @@
 // The vector test helpers: module loading, tier skipping, frames and the three ways to run them.
 #include "tests/vector/vector_test_support.h"
 
-#include <cmath>
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
-#include <limits>
-#include <memory>
+#include <sstream>
 
 #include "kernels/dispatch.h"
-#include "kernels/pixel_pipeline.h"
+#include "platform/module_loader.h"
+#include "services/module_contract.h"
 #include "tests/common/reference_model.h"
 #include "tests/common/tiers.h"
-#include "tests/module_support/loaded_module.h"
 
 namespace kv {
 namespace testing {
@@ -19,49 +19,41 @@ namespace {
 
 vector_module load(tier_index tier) {
     static const char* const suffixes[3] = {"sse", "avx2", "avx512"};
-    static const vector::instruction_set sets[3] = {vector::instruction_set::sse41,
-                                                    vector::instruction_set::avx2,
-                                                    vector::instruction_set::avx512};
     vector_module m;
     m.suffix = suffixes[tier];
-    m.set = sets[tier];
-    m.missing = vector::missing_feature(m.set);
-    const std::string base = std::string("kelvane_qor_color_processing_vector_") + m.suffix;
-    const std::string path =
-        std::string(KV_VECTOR_MODULE_DIRECTORY) + "/" + base + kv::test::module_suffix;
+    m.lanes = 1 << tier;
+    const module_names& names = VECTOR_MODULES[tier];
+    const std::string path = platform::module_file_in(KV_VECTOR_MODULE_DIRECTORY, names.base_name);
     // Loaded once per process and released at exit: one module serves every test.
-    static std::vector<std::unique_ptr<kv::test::loaded_module>> files;
-    files.push_back(std::make_unique<kv::test::loaded_module>(path));
-    const kv::test::loaded_module* file = files.back().get();
-    if (!file->loaded()) {
-        m.load_error = path + ": cannot be loaded";
+    const platform::module_handle file = platform::load_module_file(path);
+    if (file == nullptr) {
+        m.load_error = path + ": " + platform::last_error();
         return m;
     }
-    const std::string s = m.suffix;
-    m.initialize = file->symbol<abi::vector_initialize_fn>(
-        ("kv_color_processing_vector_" + s + "_module_initialize").c_str());
-    m.transform_8 = file->symbol<abi::vector_transform_fn>(
-        ("kv_color_processing_transform_8_bit_output_vector_" + s).c_str());
-    m.transform_16 = file->symbol<abi::vector_transform_fn>(
-        ("kv_color_processing_transform_16_bit_output_vector_" + s).c_str());
-    m.terminate = file->symbol<abi::vector_terminate_fn>(
-        ("kv_color_processing_vector_" + s + "_module_terminate").c_str());
+    auto entry = [&](vector_entry e) { return platform::module_symbol(file, names.entries[e]); };
+    m.initialize = reinterpret_cast<abi::vector_initialize_fn>(entry(VECTOR_INITIALIZE));
+    m.transform_8 =
+        reinterpret_cast<abi::vector_transform_fn>(entry(VECTOR_TRANSFORM_8_BIT_OUTPUT));
+    m.transform_16 =
+        reinterpret_cast<abi::vector_transform_fn>(entry(VECTOR_TRANSFORM_16_BIT_OUTPUT));
+    m.terminate = reinterpret_cast<abi::vector_terminate_fn>(entry(VECTOR_TERMINATE));
     if (!m.initialize || !m.transform_8 || !m.transform_16 || !m.terminate) {
         m.load_error = path + ": an entry is missing";
-        return m;
+    } else if (tier_missing(m.suffix) == nullptr && m.initialize() != 0) {
+        m.load_error = path + ": initialize refused";
     }
-    if (m.missing == nullptr && m.initialize() != 0) m.load_error = path + ": initialize refused";
     return m;
 }
 
-}  // namespace
-
-int vector_module::block(int width) const {
-    const int lanes = set == vector::instruction_set::sse41  ? 1
-                      : set == vector::instruction_set::avx2 ? 2
-                                                             : 4;
-    return lanes * (width == 8 ? 16 : 8);
+void dispatch(int width, const transform_request& r, int32_t start_index) {
+    if (width == 8) {
+        dispatch_kernel_8(&r, start_index);
+    } else {
+        dispatch_kernel_16(&r, start_index);
+    }
 }
+
+}  // namespace
 
 std::string tier_name(const ::testing::TestParamInfo<tier_index>& info) {
     static const char* const names[3] = {"SSE", "AVX2", "AVX512"};
@@ -71,6 +63,11 @@ std::string tier_name(const ::testing::TestParamInfo<tier_index>& info) {
 const vector_module& module_for(tier_index tier) {
     static const vector_module modules[3] = {load(SSE), load(AVX2), load(AVX512)};
     return modules[tier];
+}
+
+uint32_t base_seed() {
+    const char* text = std::getenv("KV_TEST_SEED");
+    return text != nullptr ? static_cast<uint32_t>(std::strtoul(text, nullptr, 0)) : 1234567u;
 }
 
 void tier_test::SetUp() {
@@ -117,17 +114,33 @@ std::vector<uint8_t> frame::bytes_of_pixels_from(const std::vector<uint8_t>& out
     return bytes;
 }
 
-namespace {
-
-void dispatch(int width, const transform_request& r, int32_t start_index) {
-    if (width == 8) {
-        dispatch_kernel_8(&r, start_index);
-    } else {
-        dispatch_kernel_16(&r, start_index);
+std::string frame::describe(uint32_t seed, const std::vector<uint8_t>& mine,
+                            const std::vector<uint8_t>& theirs) const {
+    const frame_settings& s = settings_;
+    std::ostringstream text;
+    if (!mine.empty() && mine.size() == theirs.size()) {
+        const std::vector<uint8_t> a = bytes_of_pixels_from(mine, 0);
+        const std::vector<uint8_t> b = bytes_of_pixels_from(theirs, 0);
+        const size_t at = size_t(std::mismatch(a.begin(), a.end(), b.begin()).first - a.begin());
+        const size_t pixel_bytes =
+            static_cast<size_t>(s.fourth_channel ? 4 : 3) * static_cast<size_t>(s.width / 8);
+        const size_t pixel = at / pixel_bytes;
+        text << "first difference at pixel " << pixel << " (bytes, this/expected:" << std::hex;
+        for (size_t i = pixel * pixel_bytes; i < std::min(a.size(), (pixel + 1) * pixel_bytes); ++i)
+            text << ' ' << int(a[i]) << '/' << int(b[i]);
+        text << std::dec << "), ";
     }
+    text << "seed " << seed << ", pixels " << pixel_count_ << ", width " << s.width << ", formats "
+         << s.input_format << " -> " << s.output_format << (s.fourth_channel ? " + fourth" : "")
+         << ", matrix";
+    for (float m : s.matrix) text << ' ' << m;
+    for (int c = 0; c < 3; ++c) {
+        text << " | channel " << c << ": in LUT " << (s.input_LUT[c] != nullptr) << ", out LUT "
+             << (s.output_LUT[c] != nullptr) << ", bounds " << s.minimum[c] << ".." << s.maximum[c]
+             << ", shift " << s.shift_distance[c];
+    }
+    return text.str();
 }
-
-}  // namespace
 
 std::vector<uint8_t> frame::run_routed(const vector_module& module, int32_t* count) const {
     guarded_buffer out(output_bytes(), seed_, output_misalign_);
@@ -162,6 +175,29 @@ std::vector<uint8_t> frame::run_reference() const {
     guarded_buffer out(output_bytes(), seed_, output_misalign_);
     reference::run_request(request(out.data()), settings_.width, 0);
     return out.copy();
+}
+
+bool check_frame(const vector_module& m, const frame& f, uint32_t seed, int32_t whole_from) {
+    int32_t count = -1;
+    const std::vector<uint8_t> routed = f.run_routed(m, &count);
+    const std::vector<uint8_t> reference = f.run_reference();
+    const std::vector<uint8_t> scalar = f.run_scalar();
+    bool good = !::testing::Test::HasFailure();
+    if (scalar != reference) {
+        ADD_FAILURE() << "scalar kernels: " << f.describe(seed, scalar, reference);
+        good = false;
+    }
+    if (routed != reference) {
+        ADD_FAILURE() << m.suffix << " module (count " << count
+                      << "): " << f.describe(seed, routed, reference);
+        good = false;
+    }
+    if (f.pixel_count() >= whole_from && count != f.pixel_count()) {
+        ADD_FAILURE() << m.suffix << " module declined (" << count << " of " << f.pixel_count()
+                      << "): " << f.describe(seed);
+        good = false;
+    }
+    return good;
 }
 
 }  // namespace testing

@@ -1,29 +1,25 @@
 // Helpers for the vector module tests: the three modules loaded by file name from the build folder
-// and driven through their four entries, the tiers this processor has, frames with guarded output
-// and seeded random settings, and the three ways to run a frame (module + scalar tail, scalar
-// alone, reference model) that every test compares.
+// and driven through their four entries, frames with guarded output and the three ways to run a
+// frame (module + scalar tail, scalar alone, reference model) that every test compares.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "kernels/transform_request.h"
-#include "modules/vector/instruction_sets.h"
 #include "services/module_abi.h"
 #include "tests/common/frames.h"
 
 namespace kv {
 namespace testing {
 
-// One vector module: its file, its entries, and whether this processor can run it.
+// One vector module: its entries, loaded and initialised once per process, never unloaded.
 struct vector_module {
     const char* suffix;  // sse, avx2, avx512
-    vector::instruction_set set;
-    const char* missing;  // null when the processor and system support the set
+    int lanes;           // 128-bit lanes a register holds
     abi::vector_initialize_fn initialize = nullptr;
     abi::vector_transform_fn transform_8 = nullptr;
     abi::vector_transform_fn transform_16 = nullptr;
@@ -34,17 +30,18 @@ struct vector_module {
         return width == 8 ? transform_8(&r) : transform_16(&r);
     }
     // Pixels a module works on at once, largest for 8-bit output.
-    int block(int width) const;
+    int block(int width) const { return lanes * (width == 8 ? 16 : 8); }
 };
 
 enum tier_index { SSE = 0, AVX2 = 1, AVX512 = 2 };
 std::string tier_name(const ::testing::TestParamInfo<tier_index>& info);
-
-// Loaded and initialised once per process; never unloaded.
 const vector_module& module_for(tier_index tier);
 
-// For TEST_P over tier_index: skips a tier the processor lacks, with the reason, and fails if the
-// module cannot be loaded or refuses on a processor that has its set.
+// KV_TEST_SEED picks another seed to explore more; the default keeps runs repeatable.
+uint32_t base_seed();
+
+// For TEST_P over tier_index: skips a tier the processor lacks (fails under KV_REQUIRE_TIERS),
+// and fails if the module cannot be loaded or refuses on a processor that has its set.
 class tier_test : public ::testing::TestWithParam<tier_index> {
   protected:
     void SetUp() override;
@@ -65,7 +62,6 @@ class frame {
           size_t input_misalign_elements = 0, size_t output_misalign_bytes = 0);
 
     int32_t pixel_count() const { return pixel_count_; }
-    const frame_settings& settings() const { return settings_; }
     size_t output_bytes() const;
 
     // The record for this frame with the output at `output`. Reserved bytes hold noise.
@@ -82,6 +78,10 @@ class frame {
     std::vector<uint8_t> bytes_of_pixels_from(const std::vector<uint8_t>& output,
                                               int32_t first) const;
 
+    // The settings, the seed and the first pixel where `mine` and `theirs` differ, for a message.
+    std::string describe(uint32_t seed, const std::vector<uint8_t>& mine = {},
+                         const std::vector<uint8_t>& theirs = {}) const;
+
   private:
     frame_settings settings_;
     std::vector<uint16_t> input_storage_;
@@ -91,6 +91,11 @@ class frame {
     uint32_t seed_;
     size_t output_misalign_;
 };
+
+// Runs `f` three ways (module + tail, scalar alone, reference); false, with a failure recorded
+// naming the seed, when they disagree or when a frame of at least `whole_from` pixels was not
+// taken whole by the module.
+bool check_frame(const vector_module& m, const frame& f, uint32_t seed, int32_t whole_from);
 
 }  // namespace testing
 }  // namespace kv
