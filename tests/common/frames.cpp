@@ -57,35 +57,17 @@ size_t output_bytes(int width, bool fourth_channel, int64_t pixel_count) {
 }
 
 float random_matrix_value(std::mt19937& rng) {
+    constexpr float inf = std::numeric_limits<float>::infinity();
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    // Sums past 2^31 (from 40000) fold to the minimum; 1e-40 is subnormal.
+    const float corners[] = {nan,    inf,   -inf,        3.0e38f,     40000.0f,
+                             1e-40f, -0.0f, 0.49999997f, 16777216.0f, -16777216.0f};
     const uint32_t pick = rng() % 100;
     if (pick < 60) return std::uniform_real_distribution<float>(-1.5f, 2.5f)(rng);
     if (pick < 75) return static_cast<float>(static_cast<int>(rng() % 9) - 2) * 0.25f;  // ties
-    switch (pick % 12) {
-        case 0:
-            return std::numeric_limits<float>::quiet_NaN();
-        case 1:
-            return std::numeric_limits<float>::infinity();
-        case 2:
-            return -std::numeric_limits<float>::infinity();
-        case 3:
-            return 3.0e38f;
-        case 4:
-            return 40000.0f;  // sums past 2^31 fold to the minimum
-        case 5:
-            return 1.0e-40f;  // subnormal
-        case 6:
-            return -0.0f;
-        case 7:
-            return 0.49999997f;
-        case 8:
-            return 16777216.0f;
-        case 9:
-            return -16777216.0f;
-        case 10:
-            return std::ldexp(1.0f, -static_cast<int>(rng() % 30));
-        default:
-            return 1.0f / static_cast<float>(1 + rng() % 7);
-    }
+    if (pick % 12 < 10) return corners[pick % 12];
+    if (pick % 12 == 10) return std::ldexp(1.0f, -static_cast<int>(rng() % 30));
+    return 1.0f / static_cast<float>(1 + rng() % 7);
 }
 
 frame_settings random_settings(uint32_t coordinates, std::mt19937& rng) {
