@@ -3,6 +3,7 @@
 // it also works for a Windows module on Linux.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -19,15 +20,6 @@ struct module_file_view {
     std::vector<std::string> runpath, rpath, needed;  // ELF only
 };
 
-// Throws std::runtime_error for a file that is missing, too large, truncated, or neither a 64-bit
-// ELF nor a PE file. Defined below: header-only, so any test program can include it.
-module_file_view read_module_file(const std::string& path);
-
-}  // namespace testing
-}  // namespace kv
-
-namespace kv {
-namespace testing {
 namespace export_table_detail {
 
 class image {
@@ -60,8 +52,9 @@ class image {
         if (end == nullptr) throw std::runtime_error(path_ + ": unterminated name");
         return std::string(start, static_cast<const char*>(end));
     }
-    bool starts_with(const char* magic, size_t length) const {
-        return bytes_.size() >= length && std::memcmp(bytes_.data(), magic, length) == 0;
+    bool starts_with(const std::string& magic) const {
+        return bytes_.size() >= magic.size() &&
+               std::equal(magic.begin(), magic.end(), bytes_.data());
     }
 
   private:
@@ -143,16 +136,13 @@ inline module_file_view read_pe(const image& f) {
 
 }  // namespace export_table_detail
 
+// Throws std::runtime_error for a file that is missing, too large, truncated, or neither a 64-bit
+// ELF nor a PE file. Header-only, so any test program can include it.
 inline module_file_view read_module_file(const std::string& path) {
-    using namespace export_table_detail;
-    const image f(path);
+    const export_table_detail::image f(path);
     try {
-        if (f.starts_with("\x7f"
-                          "ELF",
-                          4)) {
-            return read_elf(f);
-        }
-        if (f.starts_with("MZ", 2)) return read_pe(f);
+        if (f.starts_with("\177ELF")) return export_table_detail::read_elf(f);
+        if (f.starts_with("MZ")) return export_table_detail::read_pe(f);
     } catch (const std::runtime_error& e) {
         throw std::runtime_error(path + ": " + e.what());
     }

@@ -1,6 +1,7 @@
 // Global allocation functions with a per-thread countdown to one failure.
 #include "tests/common/failing_allocator.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -20,18 +21,14 @@ void* allocate(std::size_t size, std::align_val_t alignment) noexcept {
     if (allocations_left >= 0 && allocations_left-- == 0) {
         return nullptr;  // one failure per arming, so unwinding and reporting can allocate
     }
-    const std::size_t align = static_cast<std::size_t>(alignment);
+    // Every block comes from the aligned allocator, so one release fits them all.
+    const std::size_t align = std::max(static_cast<std::size_t>(alignment), alignof(void*));
     size = size == 0 ? 1 : size;
-    void* memory = nullptr;
-    if (alignment <= plain) {
-        memory = std::malloc(size);
-    } else {
 #if defined(_WIN32)
-        memory = _aligned_malloc(size, align);
+    void* memory = _aligned_malloc(size, align);
 #else
-        memory = std::aligned_alloc(align, (size + align - 1) / align * align);
+    void* memory = std::aligned_alloc(align, (size + align - 1) / align * align);
 #endif
-    }
     if (memory != nullptr) std::memset(memory, 0xA5, size);
     return memory;
 }
@@ -42,15 +39,12 @@ void* allocate_or_throw(std::size_t size, std::align_val_t alignment) {
     return memory;
 }
 
-void release(void* memory, std::align_val_t alignment) noexcept {
+void release(void* memory) noexcept {
 #if defined(_WIN32)
-    if (alignment > plain) {
-        _aligned_free(memory);
-        return;
-    }
-#endif
-    (void)alignment;
+    _aligned_free(memory);
+#else
     std::free(memory);
+#endif
 }
 
 }  // namespace
@@ -73,8 +67,7 @@ void stop_failing_allocations() {
 #pragma GCC visibility push(default)
 #endif
 
-// Every replaceable form comes as a single and an array form of the same shape; `a` names the
-// alignment of the aligned forms.
+// Every replaceable form comes as a single and an array form of the same shape.
 #define KV_BOTH_FORMS(result, keyword, parameters, exceptions, call) \
     result operator keyword parameters exceptions {                  \
         return call;                                                 \
@@ -90,13 +83,13 @@ KV_BOTH_FORMS(void*, new, (std::size_t size, const std::nothrow_t&), noexcept,
               allocate(size, plain))
 KV_BOTH_FORMS(void*, new, (std::size_t size, std::align_val_t a, const std::nothrow_t&), noexcept,
               allocate(size, a))
-KV_BOTH_FORMS(void, delete, (void* p), noexcept, release(p, plain))
-KV_BOTH_FORMS(void, delete, (void* p, std::size_t), noexcept, release(p, plain))
-KV_BOTH_FORMS(void, delete, (void* p, std::align_val_t a), noexcept, release(p, a))
-KV_BOTH_FORMS(void, delete, (void* p, std::size_t, std::align_val_t a), noexcept, release(p, a))
-KV_BOTH_FORMS(void, delete, (void* p, const std::nothrow_t&), noexcept, release(p, plain))
-KV_BOTH_FORMS(void, delete, (void* p, std::align_val_t a, const std::nothrow_t&), noexcept,
-              release(p, a))
+KV_BOTH_FORMS(void, delete, (void* p), noexcept, release(p))
+KV_BOTH_FORMS(void, delete, (void* p, std::size_t), noexcept, release(p))
+KV_BOTH_FORMS(void, delete, (void* p, std::align_val_t), noexcept, release(p))
+KV_BOTH_FORMS(void, delete, (void* p, std::size_t, std::align_val_t), noexcept, release(p))
+KV_BOTH_FORMS(void, delete, (void* p, const std::nothrow_t&), noexcept, release(p))
+KV_BOTH_FORMS(void, delete, (void* p, std::align_val_t, const std::nothrow_t&), noexcept,
+              release(p))
 
 #if defined(__GNUC__)
 #pragma GCC visibility pop

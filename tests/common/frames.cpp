@@ -18,6 +18,21 @@
 
 namespace kv {
 namespace testing {
+namespace {
+
+// Cheap seeded noise (splitmix64).
+void fill_noise(uint8_t* p, size_t bytes, uint64_t seed) {
+    uint64_t state = seed;
+    for (size_t i = 0; i < bytes; i += 8) {
+        uint64_t z = (state += 0x9E3779B97F4A7C15ull);
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+        z ^= z >> 31;
+        std::memcpy(p + i, &z, std::min<size_t>(8, bytes - i));
+    }
+}
+
+}  // namespace
 
 transform_request make_request(const frame_settings& s, const uint16_t* input, int32_t pixel_count,
                                void* output, const color_correction_head* matrix) {
@@ -86,14 +101,11 @@ frame_settings random_settings(uint32_t coordinates, std::mt19937& rng) {
     s.enabled_byte = on_bytes[rng() % 3];
 
     const int matrix_kind = static_cast<int>(rng() % 4);
+    // Image-like, exact halves, or the arithmetic corners.
     for (float& m : s.matrix) {
-        if (matrix_kind == 0) {
-            m = std::uniform_real_distribution<float>(-0.5f, 1.5f)(rng);  // image-like
-        } else if (matrix_kind == 1) {
-            m = static_cast<float>(static_cast<int>(rng() % 5)) * 0.5f;  // exact halves
-        } else {
-            m = random_matrix_value(rng);
-        }
+        m = matrix_kind == 0   ? std::uniform_real_distribution<float>(-0.5f, 1.5f)(rng)
+            : matrix_kind == 1 ? static_cast<float>(static_cast<int>(rng() % 5)) * 0.5f
+                               : random_matrix_value(rng);
     }
 
     const bool input_on[3] = {k.blue_input_LUT, k.green_input_LUT, k.red_input_LUT};
@@ -160,7 +172,7 @@ std::vector<uint16_t> random_input(int32_t pixel_count, std::mt19937& rng) {
 
 const std::vector<uint32_t>& table_pool(int index) {
     static const std::vector<std::vector<uint32_t>> pool = [] {
-        std::vector<std::vector<uint32_t>> tables(table_pool_size, std::vector<uint32_t>(65536));
+        std::vector<std::vector<uint32_t>> tables(6, std::vector<uint32_t>(65536));
         std::mt19937 rng(20240601);
         for (uint32_t i = 0; i < 65536; ++i) {
             tables[0][i] = rng();                                         // anything
@@ -173,17 +185,6 @@ const std::vector<uint32_t>& table_pool(int index) {
         return tables;
     }();
     return pool[static_cast<size_t>(index)];
-}
-
-void fill_noise(uint8_t* p, size_t bytes, uint64_t seed) {
-    uint64_t state = seed;
-    for (size_t i = 0; i < bytes; i += 8) {
-        uint64_t z = (state += 0x9E3779B97F4A7C15ull);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        z ^= z >> 31;
-        std::memcpy(p + i, &z, std::min<size_t>(8, bytes - i));
-    }
 }
 
 guarded_buffer::guarded_buffer(size_t bytes, uint64_t seed, size_t misalign, fence side)

@@ -22,16 +22,13 @@ struct LUT_line {
     uint32_t step = 0;
 };
 
-struct pixel_case {
+// The frame settings of one pixel, its tables as lines (the settings' own table pointers stay
+// unset until case_tables::settings points them at the lines' tables) and what it stores.
+struct pixel_case : frame_settings {
     std::string name;
-    int width = 16;
     bool fourth = false;
-    float matrix[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
     uint16_t element[3] = {0, 0, 0};  // blue, green, red
     LUT_line input[3], output[3];
-    uint16_t minimum[3] = {0, 0, 0};
-    uint16_t maximum[3] = {0xFFFF, 0xFFFF, 0xFFFF};
-    int32_t shift[3] = {0, 0, 0};
     uint32_t expected[3] = {0, 0, 0};  // stored blue, green, red
 };
 
@@ -39,20 +36,13 @@ struct pixel_case {
 struct case_tables {
     std::vector<uint32_t> table[6];
     frame_settings settings(const pixel_case& c) {
-        frame_settings s;
-        s.width = c.width;
+        frame_settings s = c;
         s.fourth_channel = c.fourth;
-        std::memcpy(s.matrix, c.matrix, sizeof s.matrix);
         for (int t = 0; t < 6; ++t) {
             const LUT_line& line = t < 3 ? c.input[t] : c.output[t - 3];
             table[t].assign(65536, 0);
             for (uint32_t i = 0; i < 65536; ++i) table[t][i] = line.base + line.step * i;
             (t < 3 ? s.input_LUT[t] : s.output_LUT[t - 3]) = line.on ? table[t].data() : nullptr;
-        }
-        for (int ch = 0; ch < 3; ++ch) {
-            s.minimum[ch] = c.minimum[ch];
-            s.maximum[ch] = c.maximum[ch];
-            s.shift_distance[ch] = c.shift[ch];
         }
         return s;
     }
@@ -114,10 +104,10 @@ inline std::vector<pixel_case> pixel_cases() {
     pixel_case* c = &plain("narrowing cuts, never saturates", 8, 300, 255, 256);
     c->expected[0] = 44, c->expected[2] = 0;
     c = &plain("three shift signs in one pixel", 16, 0x100, 0x100, 0x100);
-    c->shift[0] = 2, c->shift[2] = -1;
+    c->shift_distance[0] = 2, c->shift_distance[2] = -1;
     c->expected[0] = 0x400, c->expected[2] = 0x80;
     c = &plain("a left shift loses bits at 8 bits", 8, 0x40, 0, 0);
-    c->shift[0] = 2;
+    c->shift_distance[0] = 2;
     c->expected[0] = 0;
     c = &plain("an unfilled input LUT maps its channel to 0", 16, 77, 88, 99);
     c->input[1].on = true;
@@ -153,7 +143,7 @@ inline std::vector<pixel_case> pixel_cases() {
             pixel_case& shifted = plain(row.name, width, 9, 3, 9);
             shifted.name += width == 8 ? ", 8 bits" : ", 16 bits";
             shifted.output[1] = {true, row.entry, 0};
-            shifted.shift[1] = row.distance;
+            shifted.shift_distance[1] = row.distance;
             shifted.expected[1] = width == 8 ? row.stored_8 : row.stored_16;
         }
     }
@@ -174,7 +164,7 @@ inline std::vector<pixel_case> pixel_cases() {
             w.output[0] = {true, 7, 0}, w.output[1] = {true, 0x7Fu - 200u, 1};
             w.output[2] = {true, 0x1234u - 412u, 1};
             w.maximum[0] = w.maximum[1] = w.maximum[2] = 4095;
-            w.shift[1] = -1, w.shift[2] = 2;
+            w.shift_distance[1] = -1, w.shift_distance[2] = 2;
             w.expected[0] = 7;
             w.expected[1] = 0x7F >> 1;
             w.expected[2] = width == 16 ? 0x48D0 : 0xD0;

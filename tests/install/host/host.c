@@ -17,8 +17,7 @@ int main(void) {
     /* Rows red, green, blue: red halved, green kept, blue doubled. */
     static const float matrix[9] = {0.5f, 0, 0, 0, 1, 0, 0, 0, 2};
     /* Nine pixels, blue green red each, so a vector back-end and the scalar tail both work. */
-    uint16_t input[27];
-    uint16_t wide[27];
+    uint16_t input[27], wide[27];
     uint8_t narrow[27];
     kv_color_processor_handle processor;
     int i;
