@@ -17,7 +17,9 @@ namespace testing {
 
 struct module_file_view {
     std::set<std::string> exports;  // ELF: defined global, weak or unique default-visibility names
-    std::vector<std::string> runpath, rpath, needed;  // ELF only
+    std::vector<std::string> runpath, rpath;  // ELF only
+    std::vector<std::string> needed;          // ELF: libraries needed; PE: DLLs imported from
+    uint32_t unnamed_exports = 0;             // PE: exports by ordinal only
 };
 
 namespace export_table_detail {
@@ -103,8 +105,9 @@ inline module_file_view read_elf(const image& f) {
     return view;
 }
 
-// PE32+: the export directory is data directory 0 of the optional header (offset 112); its name
-// table holds addresses relative to the image, mapped to file offsets through the sections.
+// PE32+: the export and import directories are data directories 0 and 1 of the optional header
+// (offsets 112 and 120); they hold addresses relative to the image, mapped to file offsets
+// through the sections.
 inline module_file_view read_pe(const image& f) {
     const uint32_t pe = f.at<uint32_t>(0x3C);
     if (f.at<uint32_t>(pe) != 0x00004550u || f.at<uint16_t>(pe + 24) != 0x20B) {
@@ -123,10 +126,18 @@ inline module_file_view read_pe(const image& f) {
         throw std::runtime_error("address outside every section");
     };
     module_file_view view;
+    if (const uint32_t import_rva = f.at<uint32_t>(optional + 120)) {
+        // Descriptors of 20 bytes with the DLL's name at 12; an empty one ends the table.
+        for (uint64_t d = file_offset(import_rva); f.at<uint32_t>(d + 12) != 0; d += 20) {
+            view.needed.push_back(f.text(file_offset(f.at<uint32_t>(d + 12))));
+        }
+    }
     const uint32_t export_rva = f.at<uint32_t>(optional + 112);
     if (export_rva == 0) return view;
     const uint64_t directory = file_offset(export_rva);
+    const uint32_t address_count = f.at<uint32_t>(directory + 20);
     const uint32_t name_count = f.at<uint32_t>(directory + 24);
+    view.unnamed_exports = address_count > name_count ? address_count - name_count : 0;
     const uint64_t names = file_offset(f.at<uint32_t>(directory + 32));
     for (uint32_t n = 0; n < name_count; ++n) {
         view.exports.insert(f.text(file_offset(f.at<uint32_t>(names + 4u * n))));
@@ -147,6 +158,27 @@ inline module_file_view read_module_file(const std::string& path) {
         throw std::runtime_error(path + ": " + e.what());
     }
     throw std::runtime_error(path + ": neither an ELF nor a PE file");
+}
+
+// The names an import library (a GNU archive, as MinGW writes them) declares: the "__imp_" symbols
+// of its symbol table, the archive's first member, without that prefix.
+inline std::set<std::string> read_import_library(const std::string& path) {
+    const export_table_detail::image f(path);
+    if (!f.starts_with("!<arch>\n/ ")) {
+        throw std::runtime_error(path + ": not an archive that starts with its symbol table");
+    }
+    auto big_endian = [&](uint64_t at) {
+        return uint32_t{f.at<uint8_t>(at)} << 24 | uint32_t{f.at<uint8_t>(at + 1)} << 16 |
+               uint32_t{f.at<uint8_t>(at + 2)} << 8 | f.at<uint8_t>(at + 3);
+    };
+    const uint32_t count = big_endian(68);  // after the magic and the 60-byte member header
+    std::set<std::string> declared;
+    for (uint64_t at = 72 + 4 * uint64_t{count}, n = 0; n < count; ++n) {
+        const std::string symbol = f.text(at);
+        at += symbol.size() + 1;
+        if (symbol.compare(0, 6, "__imp_") == 0) declared.insert(symbol.substr(6));
+    }
+    return declared;
 }
 
 }  // namespace testing
