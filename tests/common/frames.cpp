@@ -18,6 +18,22 @@
 
 namespace kv {
 namespace testing {
+namespace {
+
+// Cheap seeded noise (splitmix64).
+void fill_noise(uint8_t* p, size_t bytes, uint64_t seed) {
+    uint64_t state = seed;
+    for (size_t i = 0; i < bytes; i += 8) {
+        uint64_t z = (state += 0x9E3779B97F4A7C15ull);
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+        z ^= z >> 31;
+        std::memcpy(p + i, &z, std::min<size_t>(8, bytes - i));
+    }
+}
+
+}  // namespace
+
 transform_request make_request(const frame_settings& s, const uint16_t* input, int32_t pixel_count,
                                void* output, const color_correction_head* matrix) {
     transform_request r;
@@ -204,12 +220,8 @@ guarded_buffer::guarded_buffer(size_t bytes, uint64_t seed, size_t misalign, fen
         const size_t end_slack = (64 - (misalign % 64 + bytes) % 64) % 64;
         data_ = first + usable_ - end_slack - bytes;
     }
-    noise_.resize(usable_);  // a whole number of pages, so of 8-byte words
-    std::mt19937_64 noise(seed);
-    for (size_t i = 0; i < usable_; i += 8) {
-        const uint64_t word = noise();
-        std::memcpy(&noise_[i], &word, 8);
-    }
+    noise_.resize(usable_);
+    fill_noise(noise_.data(), usable_, seed);
     std::memcpy(first, noise_.data(), usable_);
 }
 
