@@ -3,6 +3,7 @@
 // it also works for a Windows module on Linux.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -16,18 +17,11 @@ namespace testing {
 
 struct module_file_view {
     std::set<std::string> exports;  // ELF: defined global, weak or unique default-visibility names
-    std::vector<std::string> runpath, rpath, needed;  // ELF only
+    std::vector<std::string> runpath, rpath;  // ELF only
+    std::vector<std::string> needed;          // ELF: libraries needed; PE: DLLs imported from
+    uint32_t unnamed_exports = 0;             // PE: exports by ordinal only
 };
 
-// Throws std::runtime_error for a file that is missing, too large, truncated, or neither a 64-bit
-// ELF nor a PE file. Defined below: header-only, so any test program can include it.
-module_file_view read_module_file(const std::string& path);
-
-}  // namespace testing
-}  // namespace kv
-
-namespace kv {
-namespace testing {
 namespace export_table_detail {
 
 class image {
@@ -60,8 +54,9 @@ class image {
         if (end == nullptr) throw std::runtime_error(path_ + ": unterminated name");
         return std::string(start, static_cast<const char*>(end));
     }
-    bool starts_with(const char* magic, size_t length) const {
-        return bytes_.size() >= length && std::memcmp(bytes_.data(), magic, length) == 0;
+    bool starts_with(const std::string& magic) const {
+        return bytes_.size() >= magic.size() &&
+               std::equal(magic.begin(), magic.end(), bytes_.data());
     }
 
   private:
@@ -110,8 +105,9 @@ inline module_file_view read_elf(const image& f) {
     return view;
 }
 
-// PE32+: the export directory is data directory 0 of the optional header (offset 112); its name
-// table holds addresses relative to the image, mapped to file offsets through the sections.
+// PE32+: the export and import directories are data directories 0 and 1 of the optional header
+// (offsets 112 and 120); they hold addresses relative to the image, mapped to file offsets
+// through the sections.
 inline module_file_view read_pe(const image& f) {
     const uint32_t pe = f.at<uint32_t>(0x3C);
     if (f.at<uint32_t>(pe) != 0x00004550u || f.at<uint16_t>(pe + 24) != 0x20B) {
@@ -130,10 +126,18 @@ inline module_file_view read_pe(const image& f) {
         throw std::runtime_error("address outside every section");
     };
     module_file_view view;
+    if (const uint32_t import_rva = f.at<uint32_t>(optional + 120)) {
+        // Descriptors of 20 bytes with the DLL's name at 12; an empty one ends the table.
+        for (uint64_t d = file_offset(import_rva); f.at<uint32_t>(d + 12) != 0; d += 20) {
+            view.needed.push_back(f.text(file_offset(f.at<uint32_t>(d + 12))));
+        }
+    }
     const uint32_t export_rva = f.at<uint32_t>(optional + 112);
     if (export_rva == 0) return view;
     const uint64_t directory = file_offset(export_rva);
+    const uint32_t address_count = f.at<uint32_t>(directory + 20);
     const uint32_t name_count = f.at<uint32_t>(directory + 24);
+    view.unnamed_exports = address_count > name_count ? address_count - name_count : 0;
     const uint64_t names = file_offset(f.at<uint32_t>(directory + 32));
     for (uint32_t n = 0; n < name_count; ++n) {
         view.exports.insert(f.text(file_offset(f.at<uint32_t>(names + 4u * n))));
@@ -143,20 +147,38 @@ inline module_file_view read_pe(const image& f) {
 
 }  // namespace export_table_detail
 
+// Throws std::runtime_error for a file that is missing, too large, truncated, or neither a 64-bit
+// ELF nor a PE file. Header-only, so any test program can include it.
 inline module_file_view read_module_file(const std::string& path) {
-    using namespace export_table_detail;
-    const image f(path);
+    const export_table_detail::image f(path);
     try {
-        if (f.starts_with("\x7f"
-                          "ELF",
-                          4)) {
-            return read_elf(f);
-        }
-        if (f.starts_with("MZ", 2)) return read_pe(f);
+        if (f.starts_with("\177ELF")) return export_table_detail::read_elf(f);
+        if (f.starts_with("MZ")) return export_table_detail::read_pe(f);
     } catch (const std::runtime_error& e) {
         throw std::runtime_error(path + ": " + e.what());
     }
     throw std::runtime_error(path + ": neither an ELF nor a PE file");
+}
+
+// The names an import library (a GNU archive, as MinGW writes them) declares: the "__imp_" symbols
+// of its symbol table, the archive's first member, without that prefix.
+inline std::set<std::string> read_import_library(const std::string& path) {
+    const export_table_detail::image f(path);
+    if (!f.starts_with("!<arch>\n/ ")) {
+        throw std::runtime_error(path + ": not an archive that starts with its symbol table");
+    }
+    auto big_endian = [&](uint64_t at) {
+        return uint32_t{f.at<uint8_t>(at)} << 24 | uint32_t{f.at<uint8_t>(at + 1)} << 16 |
+               uint32_t{f.at<uint8_t>(at + 2)} << 8 | f.at<uint8_t>(at + 3);
+    };
+    const uint32_t count = big_endian(68);  // after the magic and the 60-byte member header
+    std::set<std::string> declared;
+    for (uint64_t at = 72 + 4 * uint64_t{count}, n = 0; n < count; ++n) {
+        const std::string symbol = f.text(at);
+        at += symbol.size() + 1;
+        if (symbol.compare(0, 6, "__imp_") == 0) declared.insert(symbol.substr(6));
+    }
+    return declared;
 }
 
 }  // namespace testing

@@ -1,6 +1,7 @@
 // Global allocation functions with a per-thread countdown to one failure.
 #include "tests/common/failing_allocator.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -14,42 +15,36 @@ namespace {
 
 thread_local long allocations_left = -1;
 
-constexpr std::size_t plain = alignof(std::max_align_t);
+constexpr std::align_val_t plain{alignof(std::max_align_t)};
 
-void* allocate(std::size_t size, std::size_t alignment) noexcept {
+void* allocate(std::size_t size, std::align_val_t alignment) noexcept {
     if (allocations_left >= 0 && allocations_left-- == 0) {
         return nullptr;  // one failure per arming, so unwinding and reporting can allocate
     }
+    // Every block comes from the aligned allocator, so one release fits them all.
+    const std::size_t align = std::max(static_cast<std::size_t>(alignment), alignof(void*));
     size = size == 0 ? 1 : size;
-    void* memory = nullptr;
-    if (alignment <= plain) {
-        memory = std::malloc(size);
-    } else {
 #if defined(_WIN32)
-        memory = _aligned_malloc(size, alignment);
+    void* memory = _aligned_malloc(size, align);
 #else
-        memory = std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
+    void* memory = std::aligned_alloc(align, (size + align - 1) / align * align);
 #endif
-    }
     if (memory != nullptr) std::memset(memory, 0xA5, size);
     return memory;
 }
 
-void* allocate_or_throw(std::size_t size, std::size_t alignment) {
+void* allocate_or_throw(std::size_t size, std::align_val_t alignment) {
     void* memory = allocate(size, alignment);
     if (memory == nullptr) throw std::bad_alloc();
     return memory;
 }
 
-void release(void* memory, std::size_t alignment) noexcept {
+void release(void* memory) noexcept {
 #if defined(_WIN32)
-    if (alignment > plain) {
-        _aligned_free(memory);
-        return;
-    }
-#endif
-    (void)alignment;
+    _aligned_free(memory);
+#else
     std::free(memory);
+#endif
 }
 
 }  // namespace
@@ -72,66 +67,29 @@ void stop_failing_allocations() {
 #pragma GCC visibility push(default)
 #endif
 
-void* operator new(std::size_t size) {
-    return allocate_or_throw(size, plain);
-}
-void* operator new[](std::size_t size) {
-    return allocate_or_throw(size, plain);
-}
-void* operator new(std::size_t size, std::align_val_t a) {
-    return allocate_or_throw(size, static_cast<std::size_t>(a));
-}
-void* operator new[](std::size_t size, std::align_val_t a) {
-    return allocate_or_throw(size, static_cast<std::size_t>(a));
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size, plain);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size, plain);
-}
-void* operator new(std::size_t size, std::align_val_t a, const std::nothrow_t&) noexcept {
-    return allocate(size, static_cast<std::size_t>(a));
-}
-void* operator new[](std::size_t size, std::align_val_t a, const std::nothrow_t&) noexcept {
-    return allocate(size, static_cast<std::size_t>(a));
-}
-void operator delete(void* p) noexcept {
-    release(p, plain);
-}
-void operator delete[](void* p) noexcept {
-    release(p, plain);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    release(p, plain);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    release(p, plain);
-}
-void operator delete(void* p, std::align_val_t a) noexcept {
-    release(p, static_cast<std::size_t>(a));
-}
-void operator delete[](void* p, std::align_val_t a) noexcept {
-    release(p, static_cast<std::size_t>(a));
-}
-void operator delete(void* p, std::size_t, std::align_val_t a) noexcept {
-    release(p, static_cast<std::size_t>(a));
-}
-void operator delete[](void* p, std::size_t, std::align_val_t a) noexcept {
-    release(p, static_cast<std::size_t>(a));
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept {
-    release(p, plain);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
-    release(p, plain);
-}
-void operator delete(void* p, std::align_val_t a, const std::nothrow_t&) noexcept {
-    release(p, static_cast<std::size_t>(a));
-}
-void operator delete[](void* p, std::align_val_t a, const std::nothrow_t&) noexcept {
-    release(p, static_cast<std::size_t>(a));
-}
+// Every replaceable form comes as a single and an array form of the same shape.
+#define KV_BOTH_FORMS(result, keyword, parameters, exceptions, call) \
+    result operator keyword parameters exceptions {                  \
+        return call;                                                 \
+    }                                                                \
+    result operator keyword[] parameters exceptions {                \
+        return call;                                                 \
+    }
+
+KV_BOTH_FORMS(void*, new, (std::size_t size), noexcept(false), allocate_or_throw(size, plain))
+KV_BOTH_FORMS(void*, new, (std::size_t size, std::align_val_t a), noexcept(false),
+              allocate_or_throw(size, a))
+KV_BOTH_FORMS(void*, new, (std::size_t size, const std::nothrow_t&), noexcept,
+              allocate(size, plain))
+KV_BOTH_FORMS(void*, new, (std::size_t size, std::align_val_t a, const std::nothrow_t&), noexcept,
+              allocate(size, a))
+KV_BOTH_FORMS(void, delete, (void* p), noexcept, release(p))
+KV_BOTH_FORMS(void, delete, (void* p, std::size_t), noexcept, release(p))
+KV_BOTH_FORMS(void, delete, (void* p, std::align_val_t), noexcept, release(p))
+KV_BOTH_FORMS(void, delete, (void* p, std::size_t, std::align_val_t), noexcept, release(p))
+KV_BOTH_FORMS(void, delete, (void* p, const std::nothrow_t&), noexcept, release(p))
+KV_BOTH_FORMS(void, delete, (void* p, std::align_val_t, const std::nothrow_t&), noexcept,
+              release(p))
 
 #if defined(__GNUC__)
 #pragma GCC visibility pop

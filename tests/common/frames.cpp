@@ -18,6 +18,21 @@
 
 namespace kv {
 namespace testing {
+namespace {
+
+// Cheap seeded noise (splitmix64).
+void fill_noise(uint8_t* p, size_t bytes, uint64_t seed) {
+    uint64_t state = seed;
+    for (size_t i = 0; i < bytes; i += 8) {
+        uint64_t z = (state += 0x9E3779B97F4A7C15ull);
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+        z ^= z >> 31;
+        std::memcpy(p + i, &z, std::min<size_t>(8, bytes - i));
+    }
+}
+
+}  // namespace
 
 transform_request make_request(const frame_settings& s, const uint16_t* input, int32_t pixel_count,
                                void* output, const color_correction_head* matrix) {
@@ -57,35 +72,17 @@ size_t output_bytes(int width, bool fourth_channel, int64_t pixel_count) {
 }
 
 float random_matrix_value(std::mt19937& rng) {
+    constexpr float inf = std::numeric_limits<float>::infinity();
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    // Sums past 2^31 (from 40000) fold to the minimum; 1e-40 is subnormal.
+    const float corners[] = {nan,    inf,   -inf,        3.0e38f,     40000.0f,
+                             1e-40f, -0.0f, 0.49999997f, 16777216.0f, -16777216.0f};
     const uint32_t pick = rng() % 100;
     if (pick < 60) return std::uniform_real_distribution<float>(-1.5f, 2.5f)(rng);
     if (pick < 75) return static_cast<float>(static_cast<int>(rng() % 9) - 2) * 0.25f;  // ties
-    switch (pick % 12) {
-        case 0:
-            return std::numeric_limits<float>::quiet_NaN();
-        case 1:
-            return std::numeric_limits<float>::infinity();
-        case 2:
-            return -std::numeric_limits<float>::infinity();
-        case 3:
-            return 3.0e38f;
-        case 4:
-            return 40000.0f;  // sums past 2^31 fold to the minimum
-        case 5:
-            return 1.0e-40f;  // subnormal
-        case 6:
-            return -0.0f;
-        case 7:
-            return 0.49999997f;
-        case 8:
-            return 16777216.0f;
-        case 9:
-            return -16777216.0f;
-        case 10:
-            return std::ldexp(1.0f, -static_cast<int>(rng() % 30));
-        default:
-            return 1.0f / static_cast<float>(1 + rng() % 7);
-    }
+    if (pick % 12 < 10) return corners[pick % 12];
+    if (pick % 12 == 10) return std::ldexp(1.0f, -static_cast<int>(rng() % 30));
+    return 1.0f / static_cast<float>(1 + rng() % 7);
 }
 
 frame_settings random_settings(uint32_t coordinates, std::mt19937& rng) {
@@ -104,14 +101,11 @@ frame_settings random_settings(uint32_t coordinates, std::mt19937& rng) {
     s.enabled_byte = on_bytes[rng() % 3];
 
     const int matrix_kind = static_cast<int>(rng() % 4);
+    // Image-like, exact halves, or the arithmetic corners.
     for (float& m : s.matrix) {
-        if (matrix_kind == 0) {
-            m = std::uniform_real_distribution<float>(-0.5f, 1.5f)(rng);  // image-like
-        } else if (matrix_kind == 1) {
-            m = static_cast<float>(static_cast<int>(rng() % 5)) * 0.5f;  // exact halves
-        } else {
-            m = random_matrix_value(rng);
-        }
+        m = matrix_kind == 0   ? std::uniform_real_distribution<float>(-0.5f, 1.5f)(rng)
+            : matrix_kind == 1 ? static_cast<float>(static_cast<int>(rng() % 5)) * 0.5f
+                               : random_matrix_value(rng);
     }
 
     const bool input_on[3] = {k.blue_input_LUT, k.green_input_LUT, k.red_input_LUT};
@@ -178,7 +172,7 @@ std::vector<uint16_t> random_input(int32_t pixel_count, std::mt19937& rng) {
 
 const std::vector<uint32_t>& table_pool(int index) {
     static const std::vector<std::vector<uint32_t>> pool = [] {
-        std::vector<std::vector<uint32_t>> tables(table_pool_size, std::vector<uint32_t>(65536));
+        std::vector<std::vector<uint32_t>> tables(6, std::vector<uint32_t>(65536));
         std::mt19937 rng(20240601);
         for (uint32_t i = 0; i < 65536; ++i) {
             tables[0][i] = rng();                                         // anything
@@ -191,17 +185,6 @@ const std::vector<uint32_t>& table_pool(int index) {
         return tables;
     }();
     return pool[static_cast<size_t>(index)];
-}
-
-void fill_noise(uint8_t* p, size_t bytes, uint64_t seed) {
-    uint64_t state = seed;
-    for (size_t i = 0; i < bytes; i += 8) {
-        uint64_t z = (state += 0x9E3779B97F4A7C15ull);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        z ^= z >> 31;
-        std::memcpy(p + i, &z, std::min<size_t>(8, bytes - i));
-    }
 }
 
 guarded_buffer::guarded_buffer(size_t bytes, uint64_t seed, size_t misalign, fence side)

@@ -49,13 +49,10 @@ frame_settings random_settings(uint32_t coordinates, std::mt19937& rng);
 // the extremes.
 std::vector<uint16_t> random_input(int32_t pixel_count, std::mt19937& rng);
 
-// Shared 65,536-entry tables, built once: random entries, noise above a smooth low half, identity
-// below a constant high half, small values, negative as int32, a few bits over 16.
+// Six shared 65,536-entry tables (index 0 to 5), built once: random entries, noise above a smooth
+// low half, identity below a constant high half, small values, negative as int32, a few bits over
+// 16.
 const std::vector<uint32_t>& table_pool(int index);
-constexpr int table_pool_size = 6;
-
-// Cheap seeded noise (splitmix64).
-void fill_noise(uint8_t* bytes, size_t count, uint64_t seed);
 
 // Memory whose payload ends (or begins) against an inaccessible page, so a read or write past
 // the frame faults at once; the few bytes between the payload and the fence on the other side are

@@ -22,16 +22,13 @@ struct LUT_line {
     uint32_t step = 0;
 };
 
-struct pixel_case {
+// The frame settings of one pixel, its tables as lines (the settings' own table pointers stay
+// unset until case_tables::settings points them at the lines' tables) and what it stores.
+struct pixel_case : frame_settings {
     std::string name;
-    int width = 16;
     bool fourth = false;
-    float matrix[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
     uint16_t element[3] = {0, 0, 0};  // blue, green, red
     LUT_line input[3], output[3];
-    uint16_t minimum[3] = {0, 0, 0};
-    uint16_t maximum[3] = {0xFFFF, 0xFFFF, 0xFFFF};
-    int32_t shift[3] = {0, 0, 0};
     uint32_t expected[3] = {0, 0, 0};  // stored blue, green, red
 };
 
@@ -39,20 +36,13 @@ struct pixel_case {
 struct case_tables {
     std::vector<uint32_t> table[6];
     frame_settings settings(const pixel_case& c) {
-        frame_settings s;
-        s.width = c.width;
+        frame_settings s = c;
         s.fourth_channel = c.fourth;
-        std::memcpy(s.matrix, c.matrix, sizeof s.matrix);
         for (int t = 0; t < 6; ++t) {
             const LUT_line& line = t < 3 ? c.input[t] : c.output[t - 3];
             table[t].assign(65536, 0);
             for (uint32_t i = 0; i < 65536; ++i) table[t][i] = line.base + line.step * i;
             (t < 3 ? s.input_LUT[t] : s.output_LUT[t - 3]) = line.on ? table[t].data() : nullptr;
-        }
-        for (int ch = 0; ch < 3; ++ch) {
-            s.minimum[ch] = c.minimum[ch];
-            s.maximum[ch] = c.maximum[ch];
-            s.shift_distance[ch] = c.shift[ch];
         }
         return s;
     }
@@ -66,16 +56,24 @@ inline std::vector<pixel_case> pixel_cases() {
     constexpr float inf = std::numeric_limits<float>::infinity();
     const float nan = std::numeric_limits<float>::quiet_NaN();
     std::vector<pixel_case> all;
+    // A case whose elements pass through unchanged, added to the table to be edited in place.
+    auto plain = [&all](const char* name, int width, uint16_t b, uint16_t g,
+                        uint16_t r) -> pixel_case& {
+        all.emplace_back();
+        pixel_case& c = all.back();
+        c.name = name;
+        c.width = width;
+        c.element[0] = b, c.element[1] = g, c.element[2] = r;
+        c.expected[0] = b, c.expected[1] = g, c.expected[2] = r;
+        return c;
+    };
     // The red row fed by R (G and B pass through): sums, rounding, clamping and the fold.
     auto red = [&](const char* name, float m0, float m1, float m2, uint16_t r, uint16_t g,
                    uint16_t b, uint16_t lo, uint16_t hi, uint32_t stored) {
-        pixel_case c;
-        c.name = name;
+        pixel_case& c = plain(name, 16, b, g, r);
         c.matrix[0] = m0, c.matrix[1] = m1, c.matrix[2] = m2;
-        c.element[0] = b, c.element[1] = g, c.element[2] = r;
         c.minimum[2] = lo, c.maximum[2] = hi;
-        c.expected[0] = b, c.expected[1] = g, c.expected[2] = stored;
-        all.push_back(c);
+        c.expected[2] = stored;
     };
     red("0.5 rounds up", 0.5f, 0, 0, 1, 0, 0, 0, 0xFFFF, 1);
     red("1.5 rounds up", 1.5f, 0, 0, 1, 0, 0, 0, 0xFFFF, 2);
@@ -102,45 +100,25 @@ inline std::vector<pixel_case> pixel_cases() {
     red("bounds equal", 1, 0, 0, 300, 0, 0, 42, 42, 42);
     red("crossed bounds: the minimum wins", 1, 0, 0, 300, 0, 0, 500, 100, 500);
 
-    auto plain = [](const char* name, int width, uint16_t b, uint16_t g, uint16_t r) {
-        pixel_case c;
-        c.name = name;
-        c.width = width;
-        c.element[0] = b, c.element[1] = g, c.element[2] = r;
-        c.expected[0] = b, c.expected[1] = g, c.expected[2] = r;
-        return c;
-    };
-    all.push_back(plain("identity keeps 16-bit elements", 16, 0, 1234, 65535));
-    {
-        pixel_case c = plain("narrowing cuts, never saturates", 8, 300, 255, 256);
-        c.expected[0] = 44, c.expected[2] = 0;
-        all.push_back(c);
-    }
-    {
-        pixel_case c = plain("three shift signs in one pixel", 16, 0x100, 0x100, 0x100);
-        c.shift[0] = 2, c.shift[2] = -1;
-        c.expected[0] = 0x400, c.expected[2] = 0x80;
-        all.push_back(c);
-        c = plain("a left shift loses bits at 8 bits", 8, 0x40, 0, 0);
-        c.shift[0] = 2;
-        c.expected[0] = 0;
-        all.push_back(c);
-    }
-    {
-        pixel_case c = plain("an unfilled input LUT maps its channel to 0", 16, 77, 88, 99);
-        c.input[1].on = true;
-        c.expected[1] = 0;
-        all.push_back(c);
-        c = plain("the high half of an input LUT entry is ignored", 16, 5, 0, 0);
-        c.input[0] = {true, 0xFFFF1230u, 0};
-        c.expected[0] = 0x1230;
-        all.push_back(c);
-        c = plain("the output LUT is read at the clamped value", 16, 0, 500, 60000);
-        for (LUT_line& line : c.output) line = {true, 7, 1};
-        c.minimum[0] = 4, c.maximum[2] = 1000;
-        c.expected[0] = 11, c.expected[1] = 507, c.expected[2] = 1007;
-        all.push_back(c);
-    }
+    plain("identity keeps 16-bit elements", 16, 0, 1234, 65535);
+    pixel_case* c = &plain("narrowing cuts, never saturates", 8, 300, 255, 256);
+    c->expected[0] = 44, c->expected[2] = 0;
+    c = &plain("three shift signs in one pixel", 16, 0x100, 0x100, 0x100);
+    c->shift_distance[0] = 2, c->shift_distance[2] = -1;
+    c->expected[0] = 0x400, c->expected[2] = 0x80;
+    c = &plain("a left shift loses bits at 8 bits", 8, 0x40, 0, 0);
+    c->shift_distance[0] = 2;
+    c->expected[0] = 0;
+    c = &plain("an unfilled input LUT maps its channel to 0", 16, 77, 88, 99);
+    c->input[1].on = true;
+    c->expected[1] = 0;
+    c = &plain("the high half of an input LUT entry is ignored", 16, 5, 0, 0);
+    c->input[0] = {true, 0xFFFF1230u, 0};
+    c->expected[0] = 0x1230;
+    c = &plain("the output LUT is read at the clamped value", 16, 0, 500, 60000);
+    for (LUT_line& line : c->output) line = {true, 7, 1};
+    c->minimum[0] = 4, c->maximum[2] = 1000;
+    c->expected[0] = 11, c->expected[1] = 507, c->expected[2] = 1007;
     // Output LUT entry, shift and narrowing on green, at both widths.
     struct shift_row {
         const char* name;
@@ -162,38 +140,34 @@ inline std::vector<pixel_case> pixel_cases() {
     };
     for (const shift_row& row : shift_rows) {
         for (int width : {16, 8}) {
-            pixel_case c = plain(row.name, width, 9, 3, 9);
-            c.name += width == 8 ? ", 8 bits" : ", 16 bits";
-            c.output[1] = {true, row.entry, 0};
-            c.shift[1] = row.distance;
-            c.expected[1] = width == 8 ? row.stored_8 : row.stored_16;
-            all.push_back(c);
+            pixel_case& shifted = plain(row.name, width, 9, 3, 9);
+            shifted.name += width == 8 ? ", 8 bits" : ", 16 bits";
+            shifted.output[1] = {true, row.entry, 0};
+            shifted.shift_distance[1] = row.distance;
+            shifted.expected[1] = width == 8 ? row.stored_8 : row.stored_16;
         }
     }
     // Every stage at once, at both widths, with and without the fourth element.
     for (int width : {16, 8}) {
         for (bool fourth : {false, true}) {
-            pixel_case c;
-            c.name = std::string("worked pixel, ") + (width == 8 ? "8" : "16") + " bits" +
-                     (fourth ? ", fourth element" : "");
-            c.width = width;
-            c.fourth = fourth;
+            pixel_case& w = plain("worked pixel, ", width, 1000, 2000, 3000);
+            w.name +=
+                std::string(width == 8 ? "8" : "16") + " bits" + (fourth ? ", fourth element" : "");
+            w.fourth = fourth;
             const float m[9] = {1.5f, -0.25f, 0.1f, 0.25f, 0.5f, 0.25f, -2.0f, 0.0f, 1.0f};
-            std::memcpy(c.matrix, m, sizeof m);
-            c.element[0] = 1000, c.element[1] = 2000, c.element[2] = 3000;
-            c.input[0] = {true, 0x00010064, 0};  // 100
-            c.input[1] = {true, 0x000000C8, 0};  // 200
-            c.input[2] = {true, 0x0000012D, 0};  // 301
+            std::memcpy(w.matrix, m, sizeof m);
+            w.input[0] = {true, 0x00010064, 0};  // 100
+            w.input[1] = {true, 0x000000C8, 0};  // 200
+            w.input[2] = {true, 0x0000012D, 0};  // 301
             // Red 1.5*301 - 0.25*200 + 0.1*100 = 411.5 -> 412; green 75.25 + 100 + 25 = 200.25
             // -> 200; blue -2*301 + 100 = -502 -> 0. Output LUTs map each to base + index.
-            c.output[0] = {true, 7, 0}, c.output[1] = {true, 0x7Fu - 200u, 1};
-            c.output[2] = {true, 0x1234u - 412u, 1};
-            c.maximum[0] = c.maximum[1] = c.maximum[2] = 4095;
-            c.shift[1] = -1, c.shift[2] = 2;
-            c.expected[0] = 7;
-            c.expected[1] = 0x7F >> 1;
-            c.expected[2] = width == 16 ? 0x48D0 : 0xD0;
-            all.push_back(c);
+            w.output[0] = {true, 7, 0}, w.output[1] = {true, 0x7Fu - 200u, 1};
+            w.output[2] = {true, 0x1234u - 412u, 1};
+            w.maximum[0] = w.maximum[1] = w.maximum[2] = 4095;
+            w.shift_distance[1] = -1, w.shift_distance[2] = 2;
+            w.expected[0] = 7;
+            w.expected[1] = 0x7F >> 1;
+            w.expected[2] = width == 16 ? 0x48D0 : 0xD0;
         }
     }
     return all;

@@ -61,8 +61,8 @@ TEST_P(PublicApiFrames, MatchTheReferenceModel) {
         }
         uint8_t input_on[3], output_on[3];
         for (int c = 0; c < 3; ++c) {
-            input_on[c] = static_cast<uint8_t>(random() % 3 == 0);
-            output_on[c] = static_cast<uint8_t>(random() % 3 == 0);
+            input_on[c] = random() % 3 == 0;
+            output_on[c] = random() % 3 == 0;
         }
         // Any non-zero flag is on.
         ASSERT_EQ(kv_color_enable_input_LUTs(p, input_on[0], input_on[1] * 0x100, input_on[2]),

@@ -4,47 +4,34 @@
 // frames through every tier: tests/common/public_api_frames.cpp.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <string>
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX  // std::min and std::max stay usable
-#endif
-#include <windows.h>
-
+#include "platform/module_loader.h"
 #include "tests/suite/test_support.h"
 
 namespace kv_test {
 namespace {
 
-std::string folder_of(HMODULE module) {
-    char path[MAX_PATH];
-    const DWORD length = GetModuleFileNameA(module, path, MAX_PATH);
-    const std::string text(path, length);
-    return text.substr(0, text.find_last_of('\\') + 1);
-}
+using namespace kv::platform;
 
 // The library and the companion modules the build deployed (the vector modules once they exist),
 // all loaded by the time a processor stands.
 const char* const deployed_modules[] = {
-    "kelvane_qor_color_processing.dll",
-    "kelvane_qor_LUT.dll",
-    "kelvane_qor_logger.dll",
-    "kelvane_qor_color_processing_vector_sse.dll",
-    "kelvane_qor_color_processing_vector_avx2.dll",
-    "kelvane_qor_color_processing_vector_avx512.dll",
+    "kelvane_qor_color_processing",
+    "kelvane_qor_LUT",
+    "kelvane_qor_logger",
+    "kelvane_qor_color_processing_vector_sse",
+    "kelvane_qor_color_processing_vector_avx2",
+    "kelvane_qor_color_processing_vector_avx512",
 };
 constexpr size_t deployed_count = 3 + KV_DEPLOYED_VECTOR_MODULES;
 
 // The log file that kelvane_qor_logger.cfg beside the modules names.
 std::string log_text() {
-    std::ifstream in(folder_of(nullptr) + "kelvane_qor.log", std::ios::binary);
+    std::ifstream in(calling_module_directory() + "kelvane_qor.log", std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
@@ -66,12 +53,14 @@ class DeployedHost : public ::testing::Test {
 TEST_F(DeployedHost, EveryModuleComesFromTheProgramsFolder) {
     kv_color_processor_handle p = kv_color_create_color_processor(8, 8);
     ASSERT_NE(p, nullptr);
-    const std::string home = folder_of(nullptr);
     for (size_t i = 0; i < deployed_count; ++i) {
-        const char* file = deployed_modules[i];
-        HMODULE module = GetModuleHandleA(file);
-        ASSERT_NE(module, nullptr) << file << " is not loaded";
-        EXPECT_EQ(folder_of(module), home) << file;
+        const char* base = deployed_modules[i];
+        ASSERT_TRUE(module_is_loaded(base)) << base << " is not loaded";
+        // Loading a module of a name already loaded gives that module.
+        const module_handle module = load_module(base);
+        const std::string path = module_path(module);
+        release_module(module);
+        EXPECT_EQ(path.substr(0, path.find_last_of('\\') + 1), calling_module_directory()) << base;
     }
     EXPECT_EQ(kv_color_destroy_color_processor(p), 0);
 }

@@ -1,5 +1,6 @@
 /* A minimal C host of the installed library: start it, create a processor, scale the channels
- * with a matrix, transform a few pixels, check them, and stop. Exits non-zero on any mismatch. */
+ * with a matrix, transform a few pixels, check them, and stop. Exits non-zero on any mismatch.
+ * The exports' arithmetic at every width is the suite's; this shows the install serves a host. */
 #include <stdio.h>
 
 #include "kelvane_qor_color_processing.h"
@@ -17,9 +18,7 @@ int main(void) {
     /* Rows red, green, blue: red halved, green kept, blue doubled. */
     static const float matrix[9] = {0.5f, 0, 0, 0, 1, 0, 0, 0, 2};
     /* Nine pixels, blue green red each, so a vector back-end and the scalar tail both work. */
-    uint16_t input[27];
-    uint16_t wide[27];
-    uint8_t narrow[27];
+    uint16_t input[27], wide[27];
     kv_color_processor_handle processor;
     int i;
 
@@ -43,19 +42,12 @@ int main(void) {
                                            65535, 0, 65535, 0, 0, 0, wide,
                                            KV_FORMAT_RGB_INTERLEAVED, 9) == KV_STATUS_SUCCESS,
                "48_to_48");
-        expect(kv_color_transform_48_to_24(processor, input, KV_FORMAT_BGR_INTERLEAVED, 0, 65535, 0,
-                                           65535, 0, 65535, -8, -8, -8, narrow,
-                                           KV_FORMAT_BGR_INTERLEAVED, 9) == KV_STATUS_SUCCESS,
-               "48_to_24");
         for (i = 0; i < 9; ++i) {
             const unsigned red = (unsigned)(301 + 2 * i) / 2 + 1; /* x.5 rounds up */
             const unsigned green = 200u + (unsigned)i;
             const unsigned blue = i == 0 ? 65535u : 2u * (100u + (unsigned)i);
             expect(wide[3 * i + 0] == red && wide[3 * i + 1] == green && wide[3 * i + 2] == blue,
                    "48-bit pixel differs");
-            expect(narrow[3 * i + 0] == (blue >> 8) && narrow[3 * i + 1] == (green >> 8) &&
-                       narrow[3 * i + 2] == (red >> 8),
-                   "24-bit pixel differs");
         }
         expect(kv_color_destroy_color_processor(processor) == KV_STATUS_SUCCESS, "destroy");
     }

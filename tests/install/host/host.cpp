@@ -1,5 +1,6 @@
 // A minimal C++ host of the installed library through kelvane_qor_color_processing.hpp: nine
-// pixels with red halved, one call against three stripes, and a buffer too small refused.
+// pixels with red halved, once whole and once in three stripes on threads (the installed flags
+// must link them). The interface's own behaviour is tested in tests/cpp_api.
 #include <cstdio>
 #include <vector>
 
@@ -21,12 +22,6 @@ int main() {
         if (whole != striped || whole[0] != 500 || whole[1] != 1000) {
             std::fprintf(stderr, "host++: unexpected pixels\n");
             return 1;
-        }
-        try {
-            kelvane::output_frame<uint16_t>(whole, kelvane::layout::bgr_planes, 4, 9);
-            std::fprintf(stderr, "host++: a buffer too small was accepted\n");
-            return 1;
-        } catch (const kelvane::buffer_size_error&) {
         }
         std::printf("host++: 9 pixels checked\n");
         return 0;
