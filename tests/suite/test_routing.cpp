@@ -1,6 +1,5 @@
 // Routing of a frame: which back-end a tier and the failed flags choose, as the pure rule and
-// through a processor, the split between the back-end's count and the scalar tail, and the record
-// as a back-end receives it.
+// through a processor, and the split between the back-end's count and the scalar tail.
 #include <climits>
 #include <cstring>
 
@@ -130,61 +129,6 @@ TEST_F(FullRouting, ScalarKernelsFinishFromTheBackEndsCount) {
                 EXPECT_TRUE(buffers.guards_intact());
             }
         }
-    }
-    ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
-}
-
-template <typename T>
-T read_at(const std::vector<uint8_t>& bytes, size_t offset) {
-    T value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
-
-// The record is a binary contract with separately built modules: each field at its offset.
-TEST_F(FullRouting, BackEndSeesEveryFieldAtItsOffset) {
-    kv_color_processor_handle p = kv_color_create_color_processor_test(16, 12, KV_TIER_SSE);
-    ASSERT_NE(p, nullptr);
-    ASSERT_EQ(kv_color_enable_input_LUTs(p, 0, 0x100, 0), KV_STATUS_SUCCESS);
-    ASSERT_EQ(kv_color_enable_output_LUTs(p, -1, 0, 7), KV_STATUS_SUCCESS);
-    const uint8_t flags[6] = {0, 1, 0, 1, 0, 1};
-    const uint16_t clamps[6] = {1, 2001, 3, 4003, 5, 4095};  // minimum, maximum by channel
-    for (transform_export e : all_exports) {
-        SCOPED_TRACE(name_of(e));
-        frame_buffers buffers(e, 9, 8);
-        frame_arguments a = buffers.arguments(p);
-        a.input_format = -5;
-        for (int c = 0; c < 3; ++c) {
-            a.minimum[c] = clamps[2 * c];
-            a.maximum[c] = clamps[2 * c + 1];
-        }
-        a.shift[0] = -15;
-        a.shift[1] = 7;
-        a.output_format = 2;
-        kv_journal_reset();
-        ASSERT_EQ(run_transform(e, a), KV_STATUS_SUCCESS);
-        const std::vector<event> calls = events("sse");
-        ASSERT_EQ(calls.size(), 1u);
-        const std::vector<uint8_t>& r = calls[0].bytes;
-        ASSERT_EQ(r.size(), 168u);
-        EXPECT_EQ(read_at<uintptr_t>(r, 0), reinterpret_cast<uintptr_t>(a.input));
-        EXPECT_EQ(read_at<int32_t>(r, 8), -5);
-        const size_t LUT_offsets[6] = {16, 32, 48, 88, 104, 120};
-        for (int i = 0; i < 6; ++i) {
-            EXPECT_EQ(read_at<uintptr_t>(r, LUT_offsets[i]),
-                      reinterpret_cast<uintptr_t>(LUT_getters[i].get(p)))
-                << "LUT " << i;
-            EXPECT_EQ(r[LUT_offsets[i] + 8], flags[i]) << "flag " << i;
-            EXPECT_EQ(read_at<uint16_t>(r, 72 + 2 * i), clamps[i]) << "clamp " << i;
-        }
-        EXPECT_EQ(read_at<uintptr_t>(r, 64), reinterpret_cast<uintptr_t>(p));
-        EXPECT_EQ(read_at<int32_t>(r, 132), -15);
-        EXPECT_EQ(read_at<int32_t>(r, 136), 7);
-        EXPECT_EQ(read_at<int32_t>(r, 140), 0);
-        EXPECT_EQ(read_at<uintptr_t>(r, 144), reinterpret_cast<uintptr_t>(a.output));
-        EXPECT_EQ(read_at<int32_t>(r, 152), 2);
-        EXPECT_EQ(r[156], elements_per_pixel(e) == 4 ? 1 : 0);
-        EXPECT_EQ(read_at<int32_t>(r, 160), 9);
     }
     ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
 }

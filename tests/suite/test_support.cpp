@@ -19,7 +19,6 @@ std::vector<event> journal() {
         for (int t = 0; t < KV_JOURNAL_TEXTS; ++t) {
             e.texts[t] = entry.texts[t];
         }
-        e.bytes.assign(entry.bytes, entry.bytes + entry.byte_count);
         result.push_back(e);
     }
     return result;
@@ -74,17 +73,8 @@ int elements_per_pixel(transform_export e) {
 
 namespace {
 
-struct export_names {
-    const char* name;
-    const char* timer_label;
-};
-
-const export_names names[] = {
-    {"kv_color_transform_48_to_24", "color processing transform 48 to 24"},
-    {"kv_color_transform_48_to_32", "color processing transform 48 to 32"},
-    {"kv_color_transform_48_to_48", "color processing transform 48 to 48"},
-    {"kv_color_transform_48_to_64", "color processing transform 48 to 64"},
-};
+const char* const names[] = {"kv_color_transform_48_to_24", "kv_color_transform_48_to_32",
+                             "kv_color_transform_48_to_48", "kv_color_transform_48_to_64"};
 
 // The four exports differ only in the output element type.
 template <typename element>
@@ -99,12 +89,12 @@ int32_t call(kv_status (*transform)(kv_color_processor_handle, const uint16_t*, 
 
 }  // namespace
 
-const char* timer_label_of(transform_export e) {
-    return names[static_cast<int>(e)].timer_label;
+std::string timer_label_of(transform_export e) {
+    return std::string("color processing transform 48 to ") + (name_of(e) + 25);
 }
 
 const char* name_of(transform_export e) {
-    return names[static_cast<int>(e)].name;
+    return names[static_cast<int>(e)];
 }
 
 const LUT_getter LUT_getters[6] = {

@@ -24,7 +24,6 @@ struct event {
     std::string name;
     int64_t values[4];
     std::string texts[KV_JOURNAL_TEXTS];
-    std::vector<uint8_t> bytes;
 };
 
 std::vector<event> journal();
@@ -67,7 +66,7 @@ constexpr transform_export all_exports[] = {transform_export::to_24, transform_e
 
 int output_width_of(transform_export e);  // 8 or 16
 int elements_per_pixel(transform_export e);
-const char* timer_label_of(transform_export e);
+std::string timer_label_of(transform_export e);  // its timing line's label
 const char* name_of(transform_export e);
 inline void PrintTo(transform_export e, std::ostream* os) {
     *os << name_of(e);
