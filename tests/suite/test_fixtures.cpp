@@ -1,4 +1,6 @@
 // The fixtures of the tests that link the library's objects: they see the module state directly.
+#include <cstring>
+
 #include "kelvane_qor_color_processing_suite/module_state.h"
 #include "tests/suite/test_support.h"
 
@@ -25,6 +27,29 @@ void library_test::TearDown() {
 void initialized_test::SetUp() {
     library_test::SetUp();
     ASSERT_EQ(kv_color_processing_module_initialize(), KV_STATUS_SUCCESS);
+}
+
+void expect_route(kv_color_processor_handle p, const char* isa) {
+    for (transform_export e : {transform_export::to_32, transform_export::to_48}) {
+        SCOPED_TRACE(name_of(e));
+        frame_buffers buffers(e, 7, 6);
+        const frame_arguments a = buffers.arguments(p);
+        const std::vector<uint8_t> before = buffers.output_copy();
+        kv_journal_reset();
+        ASSERT_EQ(run_transform(e, a), KV_STATUS_SUCCESS);
+        const bool wide = output_width_of(e) == 16;
+        for (const char* each : {"sse", "avx2", "avx512"}) {
+            const bool chosen = isa != nullptr && std::strcmp(each, isa) == 0;
+            EXPECT_EQ(kv_journal_count(each, wide ? "transform_16" : "transform_8"),
+                      chosen ? 1u : 0u)
+                << each;
+            EXPECT_EQ(kv_journal_count(each, wide ? "transform_8" : "transform_16"), 0u) << each;
+        }
+        // The fakes claim no pixel unless told: the scalar kernels did the whole frame.
+        const uint8_t off[3] = {0, 0, 0};
+        EXPECT_EQ(buffers.output_copy(), expected_output(e, a, off, off, before, 0));
+        EXPECT_TRUE(buffers.guards_intact());
+    }
 }
 
 }  // namespace kv_test

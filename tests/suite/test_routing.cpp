@@ -56,33 +56,13 @@ TEST_F(FullRouting, TierAndRefusedBackEndsChooseOneBackEndOrNone) {
                          std::to_string(flags));
             kv_journal_reset();
             for (int i = 0; i < 3; ++i) {
-                set_backend(isas[i], (flags >> i) & 1 ? refusals[i] : 0, 0);
+                const std::string key = std::string(isas[i]) + ".initialize_result";
+                kv_journal_set(key.c_str(), (flags >> i) & 1 ? refusals[i] : 0);
             }
             kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, row.tier);
             ASSERT_NE(p, nullptr);
             EXPECT_TRUE(log_lines().empty());
-            const char* expected = by_route[static_cast<int>(row.by_failures[flags])];
-            for (transform_export e : {transform_export::to_32, transform_export::to_48}) {
-                SCOPED_TRACE(name_of(e));
-                frame_buffers buffers(e, 7, 6);
-                const frame_arguments a = buffers.arguments(p);
-                const std::vector<uint8_t> before = buffers.output_copy();
-                kv_journal_reset();
-                ASSERT_EQ(run_transform(e, a), KV_STATUS_SUCCESS);
-                const bool wide = output_width_of(e) == 16;
-                for (const char* isa : isas) {
-                    const bool chosen = expected != nullptr && std::strcmp(isa, expected) == 0;
-                    EXPECT_EQ(kv_journal_count(isa, wide ? "transform_16" : "transform_8"),
-                              chosen ? 1u : 0u)
-                        << isa;
-                    EXPECT_EQ(kv_journal_count(isa, wide ? "transform_8" : "transform_16"), 0u)
-                        << isa;
-                }
-                // The back-ends did nothing (count 0): the scalar kernels did the whole frame.
-                const uint8_t off[3] = {0, 0, 0};
-                EXPECT_EQ(buffers.output_copy(), expected_output(e, a, off, off, before, 0));
-                EXPECT_TRUE(buffers.guards_intact());
-            }
+            expect_route(p, by_route[static_cast<int>(row.by_failures[flags])]);
             kv_journal_reset();
             ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
             for (const char* isa : isas) {

@@ -9,12 +9,8 @@
 namespace kv_test {
 namespace {
 
-// Every back-end is marked failed, so every tier runs the whole frame in the scalar kernels. A
-// back-end that ran would claim the frame and leave the output's noise in place.
+// Every back-end is marked failed, so every tier runs the whole frame in the scalar kernels.
 void expect_scalar_only_for_every_tier() {
-    for (const char* isa : {"sse", "avx2", "avx512"}) {
-        set_backend(isa, 0, -1);
-    }
     for (int32_t tier : {-1, 0, 1, 2, 3, 4}) {
         SCOPED_TRACE(tier);
         kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, tier);
@@ -23,14 +19,7 @@ void expect_scalar_only_for_every_tier() {
                                             &object_of(p)->avx512_backend}) {
             EXPECT_EQ(b->failed, 1);
         }
-        for (transform_export e : all_exports) {
-            frame_buffers buffers(e, 11, 10);
-            const frame_arguments a = buffers.arguments(p);
-            const std::vector<uint8_t> before = buffers.output_copy();
-            ASSERT_EQ(run_transform(e, a), KV_STATUS_SUCCESS);
-            const uint8_t off[3] = {0, 0, 0};
-            EXPECT_EQ(buffers.output_copy(), expected_output(e, a, off, off, before, 0));
-        }
+        expect_route(p, nullptr);
         ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
     }
 }

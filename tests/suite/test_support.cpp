@@ -58,11 +58,6 @@ void expect_own_line(std::map<std::string, int64_t>& lines, const std::string& k
     }
 }
 
-void set_backend(const char* isa, int32_t initialize_result, int32_t count) {
-    kv_journal_set((std::string(isa) + ".initialize_result").c_str(), initialize_result);
-    kv_journal_set((std::string(isa) + ".count").c_str(), count);
-}
-
 int output_width_of(transform_export e) {
     return e == transform_export::to_24 || e == transform_export::to_32 ? 8 : 16;
 }

@@ -39,9 +39,6 @@ std::vector<event> log_lines();
 // line.
 void expect_own_line(std::map<std::string, int64_t>& lines, const std::string& key, int64_t line);
 
-// Sets the fake vector modules' answers.
-void set_backend(const char* isa, int32_t initialize_result, int32_t count);
-
 using kv::testing::fail_allocation;
 using kv::testing::stop_failing_allocations;
 
@@ -81,6 +78,10 @@ extern const LUT_getter LUT_getters[6];
 
 // The processor behind a handle (programs that link the library's objects only).
 kv::color_correction* object_of(kv_color_processor_handle handle);
+
+// Runs a frame of each output width through `p` (journal reset): only the back-end `isa` (none
+// for NULL) is asked, and the scalar kernels do every pixel. Programs that link the fakes only.
+void expect_route(kv_color_processor_handle p, const char* isa);
 
 // The fifteen arguments of a transform, blue, green, red in the arrays.
 struct frame_arguments {

@@ -1,5 +1,6 @@
 // Validation of a transform request: every refusing row with its status and message, the order
-// between rows, the edges of each range, and that a refused request touches nothing.
+// between rows, the edges of each range, that a refused request touches nothing, and the timing
+// line that follows.
 #include <climits>
 #include <functional>
 #include <map>
@@ -49,6 +50,37 @@ std::vector<refusal_row> rows() {
     return table;
 }
 
+// "<label> takes <digits>.<six digits> microseconds."
+bool is_timing_text(const std::string& text, const std::string& label) {
+    const std::string head = label + " takes ", tail = " microseconds.", digits = "0123456789";
+    if (text.size() < head.size() + tail.size() || text.compare(0, head.size(), head) != 0 ||
+        text.compare(text.size() - tail.size(), tail.size(), tail) != 0) {
+        return false;
+    }
+    const std::string number = text.substr(head.size(), text.size() - head.size() - tail.size());
+    const size_t point = number.find_first_not_of(digits);
+    return point > 0 && point != std::string::npos && number[point] == '.' &&
+           number.size() == point + 7 &&
+           number.find_first_not_of(digits, point + 1) == std::string::npos;
+}
+
+// The timing line closes every call that passed the prologue, refused or not: one timer for every
+// export and status, logged from the line where it opens, with the whole path of the file.
+int64_t timer_line = 0;
+
+void expect_timing_line(const event& t, transform_export e) {
+    EXPECT_EQ(t.values[0], 7);
+    EXPECT_EQ(t.values[2], 1) << "the handle qor_get_log gave";
+    EXPECT_TRUE(is_timing_text(t.texts[2], timer_label_of(e))) << t.texts[2];
+    EXPECT_EQ(t.texts[1], "`anonymous-namespace'::kv_color_processor_transform_impl");
+    const std::string base = "kelvane_qor_color_processing.cpp";
+    ASSERT_GT(t.texts[0].size(), base.size());
+    EXPECT_EQ(t.texts[0].substr(t.texts[0].size() - base.size()), base);
+    EXPECT_GT(t.values[1], 0);
+    if (timer_line == 0) timer_line = t.values[1];
+    EXPECT_EQ(t.values[1], timer_line);
+}
+
 class FullValidation : public initialized_test,
                        public ::testing::WithParamInterface<transform_export> {
   protected:
@@ -93,8 +125,7 @@ TEST_P(FullValidation, EarlierRowRefusesWithItsStatusAndMessage) {
             EXPECT_EQ(all[0].texts[2], table[first].message);
             expect_own_line(lines, table[first].message, all[0].values[1]);
             ASSERT_EQ(all[1].name, "qor_log");
-            EXPECT_EQ(all[1].values[0], 7);
-            EXPECT_EQ(all[1].texts[2].rfind(timer_label_of(GetParam()), 0), 0u);
+            expect_timing_line(all[1], GetParam());
         }
     }
 }
@@ -136,7 +167,9 @@ TEST_P(FullValidation, RangeEdges) {
         kv_journal_reset();
         EXPECT_EQ(run_transform(GetParam(), a), e.status);
         EXPECT_EQ(kv_journal_count("LUT", "kv_get_LUT_data"), e.status == 0 ? 6u : 0u);
-        EXPECT_EQ(log_lines().size(), e.status == 0 ? 1u : 2u) << "an error line, a timing line";
+        const std::vector<event> logged = log_lines();
+        ASSERT_EQ(logged.size(), e.status == 0 ? 1u : 2u) << "an error line, a timing line";
+        expect_timing_line(logged.back(), GetParam());
         EXPECT_EQ(buffers.input_copy(), input_before);
     }
 }
