@@ -129,14 +129,8 @@ std::vector<prologue_case> prologue_cases() {
     }
     for (transform_export e : all_exports) {
         cases.push_back({transform_label, false, [e](kv_color_processor_handle h) {
-                             uint16_t input[6] = {};
-                             uint16_t output[8] = {};
-                             frame_arguments a;
-                             a.handle = h;
-                             a.input = input;
-                             a.output = output;
-                             a.pixel_count = 1;
-                             return static_cast<int64_t>(run_transform(e, a));
+                             frame_buffers buffers(e, 1, 1);
+                             return static_cast<int64_t>(run_transform(e, buffers.arguments(h)));
                          }});
     }
     return cases;
