@@ -17,7 +17,6 @@ kv_fake::module_lifetime lifetime("LUT");
 
 struct fake_table {
     uint32_t* data;
-    int32_t entry_count;
 };
 
 int64_t address_of(const void* pointer) {
@@ -49,7 +48,6 @@ KV_MODULE_EXPORT kv::abi::LUT_handle kv_create_LUT_test(int32_t entry_count, int
     const size_t bytes = static_cast<size_t>(entry_count) * sizeof(uint32_t);
     table->data = static_cast<uint32_t*>(std::malloc(bytes));
     std::memset(table->data, 0xCD, bytes);
-    table->entry_count = entry_count;
     const int64_t values[] = {entry_count, avx2_flag, address_of(table), address_of(table->data)};
     kv_journal_record("LUT", "kv_create_LUT_test", values, 4);
     return table;

@@ -1,5 +1,6 @@
 // Module lifecycle: nested initialise and terminate, the LUT table that follows every call while
-// the log follows the count, and the prologue of every export before and after initialise.
+// the log (its ids, its release) follows the count, and the prologue of every export before and
+// after initialise.
 #include <cstring>
 #include <functional>
 
@@ -23,7 +24,6 @@ enum class action { initialize, terminate };
 struct lifecycle_step {
     action what;
     int32_t count_after;
-    bool table_complete_after;  // otherwise empty
     size_t LUT_initialize_calls;
     size_t LUT_terminate_calls;
     size_t logs_opened;
@@ -40,18 +40,19 @@ constexpr action init = action::initialize;
 constexpr action term = action::terminate;
 
 const lifecycle_case lifecycle_cases[] = {
-    {"once", {I{init, 1, true, 1, 0, 1, 0}, I{term, 0, false, 1, 1, 1, 1}}},
-    {"terminate without initialise", {I{term, 0, false, 0, 0, 0, 0}}},
-    // The table follows each call, the log follows the count.
+    {"once", {I{init, 1, 1, 0, 1, 0}, I{term, 0, 1, 1, 1, 1}}},
+    {"terminate without initialise", {I{term, 0, 0, 0, 0, 0}}},
+    // The table follows each call (filled by initialise, emptied by terminate), the log follows
+    // the count.
     {"nested",
-     {I{init, 1, true, 1, 0, 1, 0}, I{init, 2, true, 2, 0, 1, 0}, I{term, 1, false, 2, 1, 1, 0},
-      I{term, 0, false, 2, 1, 1, 1}}},
+     {I{init, 1, 1, 0, 1, 0}, I{init, 2, 2, 0, 1, 0}, I{term, 1, 2, 1, 1, 0},
+      I{term, 0, 2, 1, 1, 1}}},
     {"nested, refilled",
-     {I{init, 1, true, 1, 0, 1, 0}, I{init, 2, true, 2, 0, 1, 0}, I{term, 1, false, 2, 1, 1, 0},
-      I{init, 2, true, 3, 1, 1, 0}, I{term, 1, false, 3, 2, 1, 0}, I{term, 0, false, 3, 2, 1, 1}}},
+     {I{init, 1, 1, 0, 1, 0}, I{init, 2, 2, 0, 1, 0}, I{term, 1, 2, 1, 1, 0},
+      I{init, 2, 3, 1, 1, 0}, I{term, 1, 3, 2, 1, 0}, I{term, 0, 3, 2, 1, 1}}},
     {"again after the end",
-     {I{init, 1, true, 1, 0, 1, 0}, I{term, 0, false, 1, 1, 1, 1}, I{term, 0, false, 1, 1, 1, 1},
-      I{init, 1, true, 2, 1, 2, 1}, I{term, 0, false, 2, 2, 2, 2}}},
+     {I{init, 1, 1, 0, 1, 0}, I{term, 0, 1, 1, 1, 1}, I{term, 0, 1, 1, 1, 1},
+      I{init, 1, 2, 1, 2, 1}, I{term, 0, 2, 2, 2, 2}}},
 };
 
 class FullLifecycle : public library_test {};
@@ -69,11 +70,21 @@ TEST_F(FullLifecycle, TransitionsAndNesting) {
             EXPECT_EQ(status, KV_STATUS_SUCCESS);
             EXPECT_EQ(kv::module_reference_count, s.count_after);
             EXPECT_EQ(kv::module_logger != nullptr, s.count_after > 0);
-            EXPECT_EQ(LUT_table_entries(), s.table_complete_after ? 7 : 0);
+            EXPECT_EQ(LUT_table_entries(), s.what == action::initialize ? 7 : 0);
             EXPECT_EQ(kv_journal_count("LUT", "kv_LUT_module_initialize"), s.LUT_initialize_calls);
             EXPECT_EQ(kv_journal_count("LUT", "kv_LUT_module_terminate"), s.LUT_terminate_calls);
             EXPECT_EQ(kv_journal_count("logger", "qor_get_log"), s.logs_opened);
             EXPECT_EQ(kv_journal_count("logger", "qor_free_log"), s.logs_freed);
+        }
+        // Every open and free names the module's log; the logging module goes right after the free.
+        const std::vector<event> logger = events("logger");
+        for (size_t i = 0; i < logger.size(); ++i) {
+            const event& e = logger[i];
+            EXPECT_TRUE(e.name != "unload" || logger[i - 1].name == "qor_free_log");
+            if (e.name != "qor_get_log" && e.name != "qor_free_log") continue;
+            EXPECT_EQ(e.texts[0], "KELVANE_QOR_COLOR_PROCESSING");
+            EXPECT_EQ(e.texts[1], "");
+            EXPECT_EQ(e.texts[2], e.name == "qor_get_log" ? "kelvane_qor_logger.cfg" : "");
         }
         // Nothing ever releases the LUT module.
         EXPECT_EQ(kv_journal_count("LUT", "unload"), 0u);
@@ -101,6 +112,8 @@ struct prologue_case {
     std::function<int64_t(kv_color_processor_handle)> call;
 };
 
+const float zeros[9] = {};
+
 int64_t as_value(const void* pointer) {
     return static_cast<int64_t>(reinterpret_cast<intptr_t>(pointer));
 }
@@ -109,10 +122,7 @@ std::vector<prologue_case> prologue_cases() {
     const char* transform_label = "`anonymous-namespace'::kv_color_processor_transform_impl";
     std::vector<prologue_case> cases = {
         {"kv_color_append_matrix", false,
-         [](kv_color_processor_handle h) {
-             const float m[9] = {};
-             return kv_color_append_matrix(h, m);
-         }},
+         [](kv_color_processor_handle h) { return kv_color_append_matrix(h, zeros); }},
         {"kv_color_clear_matrix", false,
          [](kv_color_processor_handle h) { return kv_color_clear_matrix(h); }},
         {"kv_color_destroy_color_processor", false,

@@ -1,5 +1,5 @@
-// What reaches the logging module: the log's ids and the adapter's own answers. The timing line is
-// checked with validation, which runs every export refused and not.
+// The logging adapter's own answers. The log's ids are checked with the lifecycle, the timing line
+// with validation, which runs every export refused and not.
 #include <string>
 
 #include "kelvane_qor_color_processing_suite/module_state.h"
@@ -9,22 +9,6 @@ namespace kv_test {
 namespace {
 
 class FullLogging : public initialized_test {};
-
-TEST_F(FullLogging, LogIsOpenedWithTheModuleIdAndConfigurationName) {
-    const std::vector<event> opened = events("logger", "qor_get_log");
-    ASSERT_EQ(opened.size(), 1u);
-    EXPECT_EQ(opened[0].texts[0], "KELVANE_QOR_COLOR_PROCESSING");
-    EXPECT_EQ(opened[0].texts[1], "");
-    EXPECT_EQ(opened[0].texts[2], "kelvane_qor_logger.cfg");
-    kv_journal_reset();
-    ASSERT_EQ(kv_color_processing_module_terminate(), KV_STATUS_SUCCESS);
-    const std::vector<event> freed = events("logger", "qor_free_log");
-    ASSERT_EQ(freed.size(), 1u);
-    EXPECT_EQ(freed[0].texts[0], "KELVANE_QOR_COLOR_PROCESSING");
-    EXPECT_EQ(freed[0].texts[1], "");
-    EXPECT_EQ(sequence({"logger"}),
-              (std::vector<std::string>{"logger.qor_free_log", "logger.unload"}));
-}
 
 TEST_F(FullLogging, AdapterFormatsAndReportsWhatTheModuleSaid) {
     kv::logger_adapter* logger = kv::module_logger;

@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <map>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -65,9 +64,6 @@ int output_width_of(transform_export e);  // 8 or 16
 int elements_per_pixel(transform_export e);
 std::string timer_label_of(transform_export e);  // its timing line's label
 const char* name_of(transform_export e);
-inline void PrintTo(transform_export e, std::ostream* os) {
-    *os << name_of(e);
-}
 
 // The six table getters, blue, green, red input, then blue, green, red output.
 struct LUT_getter {
@@ -80,7 +76,7 @@ extern const LUT_getter LUT_getters[6];
 kv::color_correction* object_of(kv_color_processor_handle handle);
 
 // Runs a frame of each output width through `p` (journal reset): only the back-end `isa` (none
-// for NULL) is asked, and the scalar kernels do every pixel. Programs that link the fakes only.
+// for NULL) is asked. Programs that link the library's objects only.
 void expect_route(kv_color_processor_handle p, const char* isa);
 
 // The fifteen arguments of a transform, blue, green, red in the arrays.
