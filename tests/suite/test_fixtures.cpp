@@ -1,10 +1,21 @@
-// The fixtures of the tests that link the library's objects: they see the module state directly.
+// What the tests that link the library's objects share: the load hook, the fixtures (they see the
+// module state directly) and the route check.
 #include <cstring>
 
 #include "kelvane_qor_color_processing_suite/module_state.h"
+#include "platform/module_hooks.h"
 #include "tests/suite/test_support.h"
 
 namespace kv_test {
+namespace {
+
+// The program links the library's objects directly, so it plays the load hook itself, as the
+// first thing of its start-up.
+struct module_load {
+    module_load() { kv::on_module_load(); }
+} load_hook;
+
+}  // namespace
 
 kv::color_correction* object_of(kv_color_processor_handle handle) {
     return reinterpret_cast<kv::color_correction*>(handle);

@@ -1,5 +1,5 @@
-// Behaviour with missing or incomplete companion modules. Each suite runs in its own scenario
-// directory, named by its prefix (see CMakeLists.txt).
+// Behaviour with missing or incomplete companion modules, and the logging adapter. Each suite runs
+// in its own scenario directory, named by its prefix (see CMakeLists.txt).
 #include "kelvane_qor_color_processing_suite/color_correction.h"
 #include "kelvane_qor_color_processing_suite/module_state.h"
 #include "platform/module_loader.h"
@@ -9,18 +9,39 @@
 namespace kv_test {
 namespace {
 
-// Every back-end is marked failed, so every tier runs the whole frame in the scalar kernels.
-void expect_scalar_only_for_every_tier() {
+// Vector modules absent (`missing` -1) or lacking the name at position `missing` of the lookup
+// order: every processor finds the fields before it, marks each back-end failed, never calls it
+// and releases it, and every tier runs the whole frame in the scalar kernels.
+void expect_scalar_only_for_every_tier(int missing) {
+    // What the back-end modules saw since the last reset: one event each, or nothing when absent.
+    const auto expect_only = [missing](const char* what) {
+        for (const std::string isa : {"sse", "avx2", "avx512"}) {
+            EXPECT_EQ(sequence({isa}), missing < 0 ? std::vector<std::string>{}
+                                                   : std::vector<std::string>{isa + what});
+        }
+    };
     for (int32_t tier : {-1, 0, 1, 2, 3, 4}) {
         SCOPED_TRACE(tier);
+        kv_journal_reset();
         kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, tier);
         ASSERT_NE(p, nullptr);
+        expect_only(".load");
         for (const kv::vector_backend* b : {&object_of(p)->sse_backend, &object_of(p)->avx2_backend,
                                             &object_of(p)->avx512_backend}) {
             EXPECT_EQ(b->failed, 1);
+            EXPECT_EQ(b->module != nullptr, missing >= 0);
+            const void* fields[] = {reinterpret_cast<const void*>(b->initialize),
+                                    reinterpret_cast<const void*>(b->transform_8_bit_output),
+                                    reinterpret_cast<const void*>(b->transform_16_bit_output),
+                                    reinterpret_cast<const void*>(b->terminate)};
+            for (int i = 0; i < 4; ++i) {
+                EXPECT_EQ(fields[i] != nullptr, i < missing) << "field " << i;
+            }
         }
         expect_route(p, nullptr);
+        kv_journal_reset();
         ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+        expect_only(".unload");
     }
 }
 
@@ -46,12 +67,7 @@ TEST_F(NoModules, InitialiseReportsTheMissingLUTModuleButStandsTheMarker) {
 class NoVectorModules : public initialized_test {};
 
 TEST_F(NoVectorModules, CreationSucceedsAndEveryTierRunsScalar) {
-    expect_scalar_only_for_every_tier();
-    kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, KV_TIER_AVX512);
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(object_of(p)->avx512_backend.module, nullptr);
-    EXPECT_EQ(object_of(p)->avx512_backend.terminate, nullptr);
-    EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+    expect_scalar_only_for_every_tier(-1);
 }
 
 class NoLogger : public initialized_test {};
@@ -71,6 +87,28 @@ TEST_F(NoLogger, ExportsAnswerAsWithALogAndStaySilent) {
     EXPECT_EQ(run_transform(transform_export::to_48, a), KV_STATUS_NULL_OUTPUT_BUFFER);
     EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
     EXPECT_FALSE(kv::platform::module_is_loaded(kv::LOGGER_MODULE_BASE_NAME));
+}
+
+// The logging adapter over a complete logging module (the full scenario): it formats, and answers
+// what the module said.
+class FullLogging : public initialized_test {};
+
+TEST_F(FullLogging, AdapterFormatsAndReportsWhatTheModuleSaid) {
+    kv::logger_adapter* logger = kv::module_logger;
+    ASSERT_NE(logger, nullptr);
+    EXPECT_EQ(logger->is_available, 1);
+    kv_journal_reset();
+    EXPECT_TRUE(logger->log_message(5, "file", 12, "function", "%s", ""));
+    EXPECT_TRUE(logger->log_message(3, "f", -1, "g", "%d|%s|%5.2f", -42, "x", 1.5));
+    kv_journal_set("logger.log_result", 1);
+    EXPECT_FALSE(logger->log_message(2, "f", 1, "g", "refused"));
+    const std::vector<event> lines = log_lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].texts[2], "") << "an empty text is still a message";
+    EXPECT_EQ(lines[0].values[0], 5);
+    EXPECT_EQ(lines[0].values[1], 12);
+    EXPECT_EQ(lines[1].texts[2], "-42|x| 1.50");
+    EXPECT_EQ(lines[2].texts[2], "refused");
 }
 
 // What each incomplete logging module leaves in the adapter, and what terminate does with it.
@@ -145,33 +183,11 @@ INSTANTIATE_TEST_SUITE_P(LUTNo_get_data, IncompleteLUTModule, ::testing::Values(
 INSTANTIATE_TEST_SUITE_P(LUTNo_destroy, IncompleteLUTModule, ::testing::Values(4));
 INSTANTIATE_TEST_SUITE_P(LUTNo_terminate, IncompleteLUTModule, ::testing::Values(5));
 
-// Vector modules lacking one name: failed, never initialised, released without any call.
 class IncompleteVectorModules : public initialized_test,
                                 public ::testing::WithParamInterface<int> {};
 
 TEST_P(IncompleteVectorModules, FailedNeverCalledAndReleased) {
-    const int missing = GetParam();  // position in the lookup order
-    kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, KV_TIER_SCALAR);
-    ASSERT_NE(p, nullptr);
-    for (const kv::vector_backend* b :
-         {&object_of(p)->sse_backend, &object_of(p)->avx2_backend, &object_of(p)->avx512_backend}) {
-        EXPECT_NE(b->module, nullptr);
-        EXPECT_EQ(b->failed, 1);
-        const void* fields[] = {reinterpret_cast<const void*>(b->initialize),
-                                reinterpret_cast<const void*>(b->transform_8_bit_output),
-                                reinterpret_cast<const void*>(b->transform_16_bit_output),
-                                reinterpret_cast<const void*>(b->terminate)};
-        for (int i = 0; i < 4; ++i) {
-            EXPECT_EQ(fields[i] != nullptr, i < missing) << "field " << i;
-        }
-    }
-    ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
-    for (const char* isa : {"sse", "avx2", "avx512"}) {
-        EXPECT_EQ(sequence({isa}), (std::vector<std::string>{std::string(isa) + ".load",
-                                                             std::string(isa) + ".unload"}));
-    }
-    kv_journal_reset();
-    expect_scalar_only_for_every_tier();
+    expect_scalar_only_for_every_tier(GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(VectorNo_initialize, IncompleteVectorModules, ::testing::Values(0));
