@@ -37,8 +37,7 @@ KV_MODULE_EXPORT kv::abi::LUT_handle kv_create_LUT_test(int32_t entry_count, int
     const int64_t call = static_cast<int64_t>(kv_journal_count("LUT", "kv_create_LUT_test")) +
                          static_cast<int64_t>(kv_journal_count("LUT", "kv_create_LUT_test throws"));
     if (call + 1 == kv_journal_get("LUT.throw_on_create", 0)) {
-        const int64_t values[] = {entry_count, avx2_flag};
-        kv_journal_record("LUT", "kv_create_LUT_test throws", values, 2);
+        kv_journal_record("LUT", "kv_create_LUT_test throws");
         if (kv_journal_get("LUT.throw_kind", 0) == 0) {
             throw std::bad_alloc();
         }
@@ -55,11 +54,10 @@ KV_MODULE_EXPORT kv::abi::LUT_handle kv_create_LUT_test(int32_t entry_count, int
 #endif
 
 #if !defined(KV_FAKE_OMIT_TRANSFORM_16)
-KV_MODULE_EXPORT int32_t kv_LUT_transform_16(kv::abi::LUT_handle handle, const uint16_t* source,
-                                             uint16_t* destination, int32_t count) {
-    const int64_t values[] = {address_of(handle), address_of(source), address_of(destination),
-                              count};
-    kv_journal_record("LUT", "kv_LUT_transform_16", values, 4);
+// Must be there, but the library never calls it: a call would show in the journal.
+KV_MODULE_EXPORT int32_t kv_LUT_transform_16(kv::abi::LUT_handle, const uint16_t*, uint16_t*,
+                                             int32_t) {
+    kv_journal_record("LUT", "kv_LUT_transform_16");
     return 0;
 }
 #endif

@@ -1,10 +1,10 @@
 // The shared event list of the fakes. Fixed storage: the journal never allocates, so tests that
-// make the library's allocations fail cannot make the journal fail with them. Every test calls
-// the library from one thread, so the journal needs no lock.
+// make the library's allocations fail cannot make the journal fail with them.
 #include "tests/fakes/journal.h"
 
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 namespace {
 
@@ -16,6 +16,7 @@ struct setting {
     int64_t value;
 };
 
+std::mutex journal_mutex;
 kv_journal_entry entries[capacity];
 size_t entry_count = 0;
 setting settings[setting_capacity];
@@ -30,6 +31,7 @@ void copy_text(char* destination, size_t size, const char* source) {
 KV_JOURNAL_API void kv_journal_record(const char* module, const char* event, const int64_t* values,
                                       size_t value_count, const char* const* texts,
                                       size_t text_count) {
+    std::lock_guard<std::mutex> lock(journal_mutex);
     if (entry_count == capacity) {
         return;  // tests read counts; an overflow shows up as missing events
     }
@@ -46,11 +48,13 @@ KV_JOURNAL_API void kv_journal_record(const char* module, const char* event, con
 }
 
 KV_JOURNAL_API void kv_journal_reset(void) {
+    std::lock_guard<std::mutex> lock(journal_mutex);
     entry_count = 0;
     setting_count = 0;
 }
 
 KV_JOURNAL_API int kv_journal_entry_at(size_t index, kv_journal_entry* entry) {
+    std::lock_guard<std::mutex> lock(journal_mutex);
     if (index >= entry_count) {
         return 0;
     }
@@ -59,6 +63,7 @@ KV_JOURNAL_API int kv_journal_entry_at(size_t index, kv_journal_entry* entry) {
 }
 
 KV_JOURNAL_API size_t kv_journal_count(const char* module, const char* event) {
+    std::lock_guard<std::mutex> lock(journal_mutex);
     size_t count = 0;
     for (size_t i = 0; i < entry_count; ++i) {
         if (std::strcmp(entries[i].module, module) == 0 &&
@@ -70,6 +75,7 @@ KV_JOURNAL_API size_t kv_journal_count(const char* module, const char* event) {
 }
 
 KV_JOURNAL_API void kv_journal_set(const char* key, int64_t value) {
+    std::lock_guard<std::mutex> lock(journal_mutex);
     for (size_t i = 0; i < setting_count; ++i) {
         if (std::strcmp(settings[i].key, key) == 0) {
             settings[i].value = value;
@@ -84,6 +90,7 @@ KV_JOURNAL_API void kv_journal_set(const char* key, int64_t value) {
 }
 
 KV_JOURNAL_API int64_t kv_journal_get(const char* key, int64_t fallback) {
+    std::lock_guard<std::mutex> lock(journal_mutex);
     for (size_t i = 0; i < setting_count; ++i) {
         if (std::strcmp(settings[i].key, key) == 0) {
             return settings[i].value;

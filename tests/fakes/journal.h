@@ -25,7 +25,7 @@ struct kv_journal_entry {
     char texts[KV_JOURNAL_TEXTS][KV_JOURNAL_TEXT_SIZE];
 };
 
-// Appends an event. Texts may be NULL; longer texts are cut.
+// Appends an event. Texts may be NULL; longer texts are cut. Thread-safe.
 KV_JOURNAL_API void kv_journal_record(const char* module, const char* event,
                                       const int64_t* values = nullptr, size_t value_count = 0,
                                       const char* const* texts = nullptr, size_t text_count = 0);

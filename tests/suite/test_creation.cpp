@@ -176,22 +176,5 @@ TEST_F(FullCreation, FailureAtEveryStepUnwindsEverything) {
     EXPECT_TRUE(unwound_a_back_end) << "no failure came after a back-end was loaded";
 }
 
-class FullBackends : public initialized_test {};
-
-// A back-end module is loaded once and counted up, but initialised for each processor.
-TEST_F(FullBackends, EachProcessorLoadsAndInitialisesItsOwn) {
-    kv_color_processor_handle first = kv_color_create_color_processor_test(0, 0, KV_TIER_SSE);
-    kv_color_processor_handle second = kv_color_create_color_processor_test(0, 0, KV_TIER_AVX512);
-    ASSERT_NE(first, nullptr);
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(kv_journal_count("avx512", "initialize"), 2u);
-    EXPECT_EQ(kv_journal_count("avx512", "load"), 1u) << "the second load only counts up";
-    ASSERT_EQ(kv_color_destroy_color_processor(first), KV_STATUS_SUCCESS);
-    EXPECT_EQ(kv_journal_count("avx512", "unload"), 0u) << "still held by the second processor";
-    ASSERT_EQ(kv_color_destroy_color_processor(second), KV_STATUS_SUCCESS);
-    EXPECT_EQ(kv_journal_count("avx512", "terminate"), 2u);
-    EXPECT_EQ(kv_journal_count("avx512", "unload"), 1u);
-}
-
 }  // namespace
 }  // namespace kv_test

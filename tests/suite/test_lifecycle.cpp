@@ -92,17 +92,27 @@ TEST_F(FullLifecycle, TransitionsAndNesting) {
     }
 }
 
-TEST_F(FullLifecycle, DestroyAfterTheLastTerminateLeavesTheObject) {
+// A back-end module is loaded once and counted up, but initialised for each processor. A processor
+// outlives the last terminate untouched, and is destroyed after the next initialise.
+TEST_F(FullLifecycle, BackEndsAreSharedAndProcessorsOutliveTerminate) {
     ASSERT_EQ(kv_color_processing_module_initialize(), KV_STATUS_SUCCESS);
-    kv_color_processor_handle p = kv_color_create_color_processor_test(4, 4, KV_TIER_SSE);
-    ASSERT_NE(p, nullptr);
+    kv_color_processor_handle first = kv_color_create_color_processor_test(4, 4, KV_TIER_SSE);
+    kv_color_processor_handle second = kv_color_create_color_processor_test(0, 0, KV_TIER_AVX512);
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(kv_journal_count("avx512", "initialize"), 2u);
+    EXPECT_EQ(kv_journal_count("avx512", "load"), 1u) << "the second load only counts up";
     ASSERT_EQ(kv_color_processing_module_terminate(), KV_STATUS_SUCCESS);
     kv_journal_reset();
-    EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_MODULE_NOT_INITIALIZED);
+    EXPECT_EQ(kv_color_destroy_color_processor(first), KV_STATUS_MODULE_NOT_INITIALIZED);
     EXPECT_TRUE(journal().empty()) << "nothing may be terminated, released or destroyed";
     ASSERT_EQ(kv_color_processing_module_initialize(), KV_STATUS_SUCCESS);
-    EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+    EXPECT_EQ(kv_color_destroy_color_processor(first), KV_STATUS_SUCCESS);
     EXPECT_EQ(kv_journal_count("LUT", "kv_destroy_LUT"), 6u);
+    EXPECT_EQ(kv_journal_count("avx512", "unload"), 0u) << "still held by the second processor";
+    ASSERT_EQ(kv_color_destroy_color_processor(second), KV_STATUS_SUCCESS);
+    EXPECT_EQ(kv_journal_count("avx512", "terminate"), 2u);
+    EXPECT_EQ(kv_journal_count("avx512", "unload"), 1u);
 }
 
 // Every export but initialise and terminate, called with a NULL handle.
@@ -159,6 +169,9 @@ TEST_F(FullLifecycle, PrologueLooksAtTheMarkerFirstAndTheHandleSecond) {
         const int64_t not_initialized = c.returns_pointer ? 0 : KV_STATUS_MODULE_NOT_INITIALIZED;
         EXPECT_EQ(c.call(nullptr), not_initialized);
         EXPECT_EQ(c.call(bogus), not_initialized);
+        // The creators, too, return NULL silently before initialise.
+        EXPECT_EQ(kv_color_create_color_processor(8, 8), nullptr);
+        EXPECT_EQ(kv_color_create_color_processor_test(8, 8, KV_TIER_AVX2), nullptr);
         EXPECT_TRUE(journal().empty());
         for (unsigned char b : not_an_object) {
             ASSERT_EQ(b, 0xAB);
@@ -177,12 +190,6 @@ TEST_F(FullLifecycle, PrologueLooksAtTheMarkerFirstAndTheHandleSecond) {
         EXPECT_EQ(events("LUT").size(), 0u);
         ASSERT_EQ(kv_color_processing_module_terminate(), KV_STATUS_SUCCESS);
     }
-}
-
-TEST_F(FullLifecycle, CreatorsBeforeInitialiseReturnNullSilently) {
-    EXPECT_EQ(kv_color_create_color_processor(8, 8), nullptr);
-    EXPECT_EQ(kv_color_create_color_processor_test(8, 8, KV_TIER_AVX2), nullptr);
-    EXPECT_TRUE(journal().empty());
 }
 
 }  // namespace

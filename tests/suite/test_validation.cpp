@@ -1,6 +1,7 @@
 // Validation of a transform request: every refusing row with its status and message, the order
 // between rows, the edges of each range, that a refused request touches nothing, and the timing
 // line that follows.
+#include <cctype>
 #include <climits>
 #include <functional>
 #include <map>
@@ -52,16 +53,12 @@ std::vector<refusal_row> rows() {
 
 // "<label> takes <digits>.<six digits> microseconds."
 bool is_timing_text(const std::string& text, const std::string& label) {
-    const std::string head = label + " takes ", tail = " microseconds.", digits = "0123456789";
-    if (text.size() < head.size() + tail.size() || text.compare(0, head.size(), head) != 0 ||
-        text.compare(text.size() - tail.size(), tail.size(), tail) != 0) {
-        return false;
-    }
-    const std::string number = text.substr(head.size(), text.size() - head.size() - tail.size());
-    const size_t point = number.find_first_not_of(digits);
-    return point > 0 && point != std::string::npos && number[point] == '.' &&
-           number.size() == point + 7 &&
-           number.find_first_not_of(digits, point + 1) == std::string::npos;
+    const std::string head = label + " takes ", tail = " microseconds.";
+    if (text.size() < head.size() + 8 + tail.size() || text.rfind(head, 0) != 0) return false;
+    std::string number = text.substr(head.size(), text.size() - head.size() - tail.size());
+    for (char& c : number) c = std::isdigit(static_cast<unsigned char>(c)) ? '0' : c;
+    return number == std::string(number.size() - 7, '0') + ".000000" &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 
 // The timing line closes every call that passed the prologue, refused or not: one timer for every
