@@ -19,14 +19,9 @@
 namespace kv_test {
 namespace {
 
-struct base_name_case {
-    const char* path;
-    const char* base;
-};
-
 // Paths as the compilers give them: backslashes from MSVC, slashes from GCC and Clang, both
-// from a MinGW build given a relative path.
-const base_name_case base_name_cases[] = {
+// from a MinGW build given a relative path; and the base name of each.
+const char* const base_name_cases[][2] = {
     {"C:\\src\\kelvane_qor_color_processing_suite\\color_correction.cpp", "color_correction.cpp"},
     {"\\\\server\\share\\kelvane_qor_color_processing.cpp", "kelvane_qor_color_processing.cpp"},
     {"/work/kelvane_qor_color_processing_suite/color_correction.cpp", "color_correction.cpp"},
@@ -39,8 +34,8 @@ const base_name_case base_name_cases[] = {
 };
 
 TEST(UnitPlatform, SourceBaseNameIsTheTextAfterTheLastSeparator) {
-    for (const base_name_case& c : base_name_cases) {
-        EXPECT_STREQ(kv::platform::source_base_name(c.path), c.base) << c.path;
+    for (const auto& c : base_name_cases) {
+        EXPECT_STREQ(kv::platform::source_base_name(c[0]), c[1]) << c[0];
     }
     // The result points into the path itself: log calls pass it without a copy.
     const char* path = "a\\b\\c.cpp";

@@ -74,16 +74,15 @@ TEST_F(FullRouting, TierAndRefusedBackEndsChooseOneBackEndOrNone) {
 }
 
 TEST_F(FullRouting, ScalarKernelsFinishFromTheBackEndsCount) {
-    struct split_case {
+    const struct {
         int32_t pixel_count;
         int32_t count;    // what the back-end returns; -1: the whole frame
         int32_t claimed;  // where the scalar kernels take over
-    };
-    const split_case cases[] = {{8, 5, 5}, {8, 0, 0}, {8, -1, 8}, {8, 100, 8},
-                                {1, 1, 1}, {0, 0, 0}, {0, 3, 0},  {33, 17, 17}};
+    } cases[] = {{8, 5, 5}, {8, 0, 0}, {8, -1, 8}, {8, 100, 8},
+                 {1, 1, 1}, {0, 0, 0}, {0, 3, 0},  {33, 17, 17}};
     kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, KV_TIER_AVX2);
     ASSERT_NE(p, nullptr);
-    for (const split_case& c : cases) {
+    for (const auto& c : cases) {
         for (transform_export e : all_exports) {
             for (int32_t format : {0, 1, 2}) {
                 SCOPED_TRACE(std::string(name_of(e)) + " format " + std::to_string(format) +

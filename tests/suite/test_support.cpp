@@ -12,13 +12,9 @@ std::vector<event> journal() {
     std::vector<event> result;
     kv_journal_entry entry;
     for (size_t i = 0; kv_journal_entry_at(i, &entry); ++i) {
-        event e;
-        e.module = entry.module;
-        e.name = entry.event;
+        event e{entry.module, entry.event, {}, {}};
         std::copy(entry.values, entry.values + 4, e.values);
-        for (int t = 0; t < KV_JOURNAL_TEXTS; ++t) {
-            e.texts[t] = entry.texts[t];
-        }
+        std::copy(entry.texts, entry.texts + KV_JOURNAL_TEXTS, e.texts);
         result.push_back(e);
     }
     return result;

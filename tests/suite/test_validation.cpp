@@ -12,7 +12,7 @@ namespace kv_test {
 namespace {
 
 struct refusal_row {
-    std::string message;  // as delivered, "ERROR: " and the format's own blank included
+    std::string message;  // as delivered, "ERROR: " and the format's own blank included; or a name
     int32_t status;
     std::function<void(frame_arguments&)> make_bad;
 };
@@ -128,37 +128,31 @@ TEST_P(FullValidation, EarlierRowRefusesWithItsStatusAndMessage) {
 }
 
 TEST_P(FullValidation, RangeEdges) {
-    struct edge {
-        const char* name;
-        std::function<void(frame_arguments&)> change;
-        int32_t status;
-    };
-    // The ordinary formats, -1 to 2, and shifts, -15 to 15, run in the random frames
-    // (tests/common/public_api_frames.cpp).
-    const edge edges[] = {
-        {"blue shift -16", [](frame_arguments& a) { a.shift[0] = -16; }, 11},
-        {"red shift INT_MAX", [](frame_arguments& a) { a.shift[2] = INT_MAX; }, 11},
-        {"min equal to max", [](frame_arguments& a) { a.minimum[1] = a.maximum[1] = 700; }, 0},
-        {"max 0xFFFF", [](frame_arguments& a) { a.maximum[2] = 0xFFFF; }, 0},
-        {"input format INT_MIN", [](frame_arguments& a) { a.input_format = INT_MIN; }, 0},
-        {"input format 4", [](frame_arguments& a) { a.input_format = 4; }, 9},
-        {"output format 3", [](frame_arguments& a) { a.output_format = 3; }, 10},
-        {"pixel count 0", [](frame_arguments& a) { a.pixel_count = 0; }, 0},
-        {"pixel count -1", [](frame_arguments& a) { a.pixel_count = -1; }, 0},
-        {"pixel count INT_MIN", [](frame_arguments& a) { a.pixel_count = INT_MIN; }, 0},
+    // Rows: a name, the status, the change. The ordinary formats, -1 to 2, and shifts, -15 to 15,
+    // run in the random frames (tests/common/public_api_frames.cpp).
+    const refusal_row edges[] = {
+        {"blue shift -16", 11, [](frame_arguments& a) { a.shift[0] = -16; }},
+        {"red shift INT_MAX", 11, [](frame_arguments& a) { a.shift[2] = INT_MAX; }},
+        {"min equal to max", 0, [](frame_arguments& a) { a.minimum[1] = a.maximum[1] = 700; }},
+        {"max 0xFFFF", 0, [](frame_arguments& a) { a.maximum[2] = 0xFFFF; }},
+        {"input format INT_MIN", 0, [](frame_arguments& a) { a.input_format = INT_MIN; }},
+        {"input format 4", 9, [](frame_arguments& a) { a.input_format = 4; }},
+        {"output format 3", 10, [](frame_arguments& a) { a.output_format = 3; }},
+        {"pixel count 0", 0, [](frame_arguments& a) { a.pixel_count = 0; }},
+        {"pixel count -1", 0, [](frame_arguments& a) { a.pixel_count = -1; }},
+        {"pixel count INT_MIN", 0, [](frame_arguments& a) { a.pixel_count = INT_MIN; }},
         // Buffers are told apart by address alone.
-        {"output one byte past the input",
+        {"output one byte past the input", 0,
          [](frame_arguments& a) {
              a.output = reinterpret_cast<uint8_t*>(const_cast<uint16_t*>(a.input)) + 1;
              a.pixel_count = 0;
-         },
-         0},
+         }},
     };
-    for (const edge& e : edges) {
-        SCOPED_TRACE(e.name);
+    for (const refusal_row& e : edges) {
+        SCOPED_TRACE(e.message);
         frame_buffers buffers(GetParam(), 5, 3);
         frame_arguments a = buffers.arguments(processor);
-        e.change(a);
+        e.make_bad(a);
         const std::vector<uint8_t> input_before = buffers.input_copy();
         kv_journal_reset();
         EXPECT_EQ(run_transform(GetParam(), a), e.status);
@@ -171,18 +165,17 @@ TEST_P(FullValidation, RangeEdges) {
 }
 
 TEST_P(FullValidation, ClampAgainstEnabledOutputLUTsOnly) {
-    struct clamp_case {
+    const struct {
         int32_t output_depth;
         bool enabled;
         uint16_t maximum;
         int32_t status;
-    };
-    const clamp_case cases[] = {
+    } cases[] = {
         {8, true, 255, 0},     {8, true, 256, 12},    {8, false, 256, 0},
         {8, false, 0xFFFF, 0}, {0, true, 0, 0},       {0, true, 1, 12},
         {16, true, 0xFFFF, 0}, {15, true, 0x7FFF, 0}, {15, true, 0x8000, 12},
     };
-    for (const clamp_case& c : cases) {
+    for (const auto& c : cases) {
         for (int channel = 0; channel < 3; ++channel) {
             SCOPED_TRACE("depth " + std::to_string(c.output_depth) + " max " +
                          std::to_string(c.maximum) + " channel " + std::to_string(channel) +
