@@ -1,6 +1,6 @@
 // A fake logging module. Records every call. Variants: KV_FAKE_OMIT_QOR_GET_LOG,
 // KV_FAKE_OMIT_QOR_LOG, KV_FAKE_OMIT_QOR_FREE_LOG leave that name out; KV_FAKE_GET_LOG_NULL makes
-// qor_get_log refuse. Setting "logger.log_result" is what qor_log returns (default 0).
+// qor_get_log refuse.
 #include "services/module_abi.h"
 #include "tests/fakes/fake_module_lifetime.h"
 
@@ -30,7 +30,7 @@ KV_MODULE_EXPORT int32_t qor_log(void* log_handle, int32_t level, const char* fi
     const int64_t values[] = {level, line, log_handle == &log_object ? 1 : 0};
     const char* texts[] = {file, function, message};
     kv_journal_record("logger", "qor_log", values, 3, texts, 3);
-    return static_cast<int32_t>(kv_journal_get("logger.log_result", 0));
+    return 0;
 }
 #endif
 

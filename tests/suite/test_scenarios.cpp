@@ -1,5 +1,5 @@
-// Behaviour with missing or incomplete companion modules, and the logging adapter. Each suite runs
-// in its own scenario directory, named by its prefix (see CMakeLists.txt).
+// Behaviour with missing or incomplete companion modules. Each suite runs in its own scenario
+// directory, named by its prefix (see CMakeLists.txt).
 #include "kelvane_qor_color_processing_suite/color_correction.h"
 #include "kelvane_qor_color_processing_suite/module_state.h"
 #include "platform/module_loader.h"
@@ -87,28 +87,6 @@ TEST_F(NoLogger, ExportsAnswerAsWithALogAndStaySilent) {
     EXPECT_EQ(run_transform(transform_export::to_48, a), KV_STATUS_NULL_OUTPUT_BUFFER);
     EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
     EXPECT_FALSE(kv::platform::module_is_loaded(kv::LOGGER_MODULE_BASE_NAME));
-}
-
-// The logging adapter over a complete logging module (the full scenario): it formats, and answers
-// what the module said.
-class FullLogging : public initialized_test {};
-
-TEST_F(FullLogging, AdapterFormatsAndReportsWhatTheModuleSaid) {
-    kv::logger_adapter* logger = kv::module_logger;
-    ASSERT_NE(logger, nullptr);
-    EXPECT_EQ(logger->is_available, 1);
-    kv_journal_reset();
-    EXPECT_TRUE(logger->log_message(5, "file", 12, "function", "%s", ""));
-    EXPECT_TRUE(logger->log_message(3, "f", -1, "g", "%d|%s|%5.2f", -42, "x", 1.5));
-    kv_journal_set("logger.log_result", 1);
-    EXPECT_FALSE(logger->log_message(2, "f", 1, "g", "refused"));
-    const std::vector<event> lines = log_lines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0].texts[2], "") << "an empty text is still a message";
-    EXPECT_EQ(lines[0].values[0], 5);
-    EXPECT_EQ(lines[0].values[1], 12);
-    EXPECT_EQ(lines[1].texts[2], "-42|x| 1.50");
-    EXPECT_EQ(lines[2].texts[2], "refused");
 }
 
 // What each incomplete logging module leaves in the adapter, and what terminate does with it.
