@@ -1,12 +1,10 @@
-// The platform layer as the library uses it: source base names, the counter, and module loading
-// by base name.
+// The platform layer as the library uses it: source base names and module loading by base name.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "platform/counter.h"
 #include "platform/module_loader.h"
 #include "platform/source_name.h"
 #include "tests/suite/test_support.h"
@@ -41,22 +39,6 @@ TEST(UnitPlatform, SourceBaseNameIsTheTextAfterTheLastSeparator) {
     const char* path = "a\\b\\c.cpp";
     EXPECT_EQ(kv::platform::source_base_name(path), path + 4);
     static_assert(kv::platform::source_base_name("x\\y.cpp")[0] == 'y', "usable at compile time");
-}
-
-TEST(UnitPlatform, CounterHasAFixedFrequencyAndMovesForward) {
-    int64_t frequency = 0, again = 0, first = 0, now = 0;
-    ASSERT_TRUE(kv::platform::query_counter_frequency(&frequency));
-    ASSERT_TRUE(kv::platform::query_counter_frequency(&again));
-    EXPECT_GT(frequency, 0);
-    EXPECT_EQ(again, frequency) << "the frequency is fixed while the system runs";
-    ASSERT_TRUE(kv::platform::query_counter(&first));
-    EXPECT_GT(first, 0);
-    // Reads until the count moves; a counter that never moves would time every transform as 0.
-    for (int64_t reads = 0, previous = first; previous == first; ++reads, previous = now) {
-        ASSERT_LT(reads, 100000000) << "the counter did not move";
-        ASSERT_TRUE(kv::platform::query_counter(&now));
-        ASSERT_GE(now, previous);
-    }
 }
 
 class UnitPlatformLoader : public library_test {};

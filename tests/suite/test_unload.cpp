@@ -19,17 +19,15 @@ struct loaded_library {
 
 TEST(Unload, AtExitClosesTheLogOfAHostThatNeverTerminated) {
     kv_journal_reset();
-    {
-        loaded_library library;
-        ASSERT_NE(library.module, nullptr);
-        kv_journal_entry first;
-        EXPECT_FALSE(kv_journal_entry_at(0, &first))
-            << "loading alone does nothing but build the mutex";
-        ASSERT_EQ(library.call("kv_color_processing_module_initialize"), 0);
-        ASSERT_EQ(library.call("kv_color_processing_module_initialize"), 0) << "the mutex works";
-        EXPECT_EQ(kv_journal_count("logger", "qor_get_log"), 1u);
-        kv::platform::release_module(library.module);
-    }
+    const loaded_library library;
+    ASSERT_NE(library.module, nullptr);
+    kv_journal_entry first;
+    EXPECT_FALSE(kv_journal_entry_at(0, &first))
+        << "loading alone does nothing but build the mutex";
+    ASSERT_EQ(library.call("kv_color_processing_module_initialize"), 0);
+    ASSERT_EQ(library.call("kv_color_processing_module_initialize"), 0) << "the mutex works";
+    EXPECT_EQ(kv_journal_count("logger", "qor_get_log"), 1u);
+    kv::platform::release_module(library.module);
     EXPECT_FALSE(kv::platform::module_is_loaded(KV_MAIN_LIBRARY_BASE_NAME));
     EXPECT_EQ(kv_journal_count("logger", "qor_free_log"), 1u);
     EXPECT_EQ(kv_journal_count("logger", "unload"), 1u);
@@ -38,7 +36,7 @@ TEST(Unload, AtExitClosesTheLogOfAHostThatNeverTerminated) {
 
     // Loaded again, the library starts from nothing: a new mutex, a new log.
     kv_journal_reset();
-    loaded_library again;
+    const loaded_library again;
     ASSERT_NE(again.module, nullptr);
     ASSERT_EQ(again.call("kv_color_processing_module_initialize"), 0);
     EXPECT_EQ(kv_journal_count("logger", "qor_get_log"), 1u);
