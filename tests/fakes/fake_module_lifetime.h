@@ -8,10 +8,8 @@ namespace kv_fake {
 
 struct module_lifetime {
     const char* module;
-    explicit module_lifetime(const char* name) : module(name) {
-        kv_journal_record(module, "load", nullptr, 0, nullptr, 0, nullptr, 0);
-    }
-    ~module_lifetime() { kv_journal_record(module, "unload", nullptr, 0, nullptr, 0, nullptr, 0); }
+    explicit module_lifetime(const char* name) : module(name) { kv_journal_record(module, "load"); }
+    ~module_lifetime() { kv_journal_record(module, "unload"); }
 };
 
 }  // namespace kv_fake

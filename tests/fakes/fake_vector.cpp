@@ -1,8 +1,8 @@
 // A fake vector module, built once per instruction-set name (KV_FAKE_ISA: sse, avx2, avx512).
-// Records each call and the request bytes a transform receives and returns the count the test
-// chose. It writes no pixel: those it claims keep what the output held. Settings, with <isa> the
-// module's name: "<isa>.initialize_result" (default 0); "<isa>.count", the pixels claimed
-// (default 0; -1 claims the whole frame). Variants: KV_FAKE_OMIT_<NAME> leaves that name out.
+// Records each call, a transform with its pixel count, and returns the count the test chose. It
+// writes no pixel: those it claims keep what the output held. Settings, with <isa> the module's
+// name: "<isa>.initialize_result" (default 0); "<isa>.count", the pixels claimed (default 0; -1
+// claims the whole frame). Variants: KV_FAKE_OMIT_<NAME> leaves that name out.
 #include <cstring>
 
 #include "services/module_abi.h"
@@ -19,6 +19,7 @@ namespace {
 
 kv_fake::module_lifetime lifetime(KV_FAKE_NAME);
 
+// No allocation here: tests make the library's allocations fail, and would fail this one too.
 int64_t setting(const char* suffix, int64_t fallback) {
     char key[64];
     std::strcpy(key, KV_FAKE_NAME);
@@ -28,8 +29,7 @@ int64_t setting(const char* suffix, int64_t fallback) {
 
 int32_t transform(const kv::transform_request* request, const char* event) {
     const int64_t values[] = {request->pixel_count};
-    kv_journal_record(KV_FAKE_NAME, event, values, 1, nullptr, 0, request,
-                      sizeof(kv::transform_request));
+    kv_journal_record(KV_FAKE_NAME, event, values, 1);
     const int64_t chosen = setting(".count", 0);
     return chosen == -1 ? request->pixel_count : static_cast<int32_t>(chosen);
 }
@@ -39,7 +39,7 @@ int32_t transform(const kv::transform_request* request, const char* event) {
 #if !defined(KV_FAKE_OMIT_INITIALIZE)
 KV_MODULE_EXPORT int32_t KV_FAKE_JOIN(kv_color_processing_vector_, KV_FAKE_ISA,
                                       _module_initialize)() {
-    kv_journal_record(KV_FAKE_NAME, "initialize", nullptr, 0, nullptr, 0, nullptr, 0);
+    kv_journal_record(KV_FAKE_NAME, "initialize");
     return static_cast<int32_t>(setting(".initialize_result", 0));
 }
 #endif
@@ -60,6 +60,6 @@ KV_MODULE_EXPORT int32_t KV_FAKE_JOIN(kv_color_processing_transform_16_bit_outpu
 
 #if !defined(KV_FAKE_OMIT_TERMINATE)
 KV_MODULE_EXPORT void KV_FAKE_JOIN(kv_color_processing_vector_, KV_FAKE_ISA, _module_terminate)() {
-    kv_journal_record(KV_FAKE_NAME, "terminate", nullptr, 0, nullptr, 0, nullptr, 0);
+    kv_journal_record(KV_FAKE_NAME, "terminate");
 }
 #endif

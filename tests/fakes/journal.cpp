@@ -2,6 +2,7 @@
 // make the library's allocations fail cannot make the journal fail with them.
 #include "tests/fakes/journal.h"
 
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 
@@ -22,19 +23,14 @@ setting settings[setting_capacity];
 size_t setting_count = 0;
 
 void copy_text(char* destination, size_t size, const char* source) {
-    if (source == nullptr) {
-        destination[0] = '\0';
-        return;
-    }
-    std::strncpy(destination, source, size - 1);
-    destination[size - 1] = '\0';
+    std::snprintf(destination, size, "%s", source != nullptr ? source : "");
 }
 
 }  // namespace
 
 KV_JOURNAL_API void kv_journal_record(const char* module, const char* event, const int64_t* values,
                                       size_t value_count, const char* const* texts,
-                                      size_t text_count, const void* bytes, size_t byte_count) {
+                                      size_t text_count) {
     std::lock_guard<std::mutex> lock(journal_mutex);
     if (entry_count == capacity) {
         return;  // tests read counts; an overflow shows up as missing events
@@ -48,11 +44,6 @@ KV_JOURNAL_API void kv_journal_record(const char* module, const char* event, con
     }
     for (size_t i = 0; i < text_count && i < KV_JOURNAL_TEXTS; ++i) {
         copy_text(entry.texts[i], KV_JOURNAL_TEXT_SIZE, texts[i]);
-    }
-    entry.byte_count =
-        byte_count < size_t{KV_JOURNAL_BYTES} ? byte_count : size_t{KV_JOURNAL_BYTES};
-    if (bytes != nullptr) {
-        std::memcpy(entry.bytes, bytes, entry.byte_count);
     }
 }
 

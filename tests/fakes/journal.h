@@ -16,21 +16,19 @@
 #define KV_JOURNAL_API extern "C" __attribute__((visibility("default")))
 #endif
 
-enum { KV_JOURNAL_TEXTS = 3, KV_JOURNAL_TEXT_SIZE = 256, KV_JOURNAL_BYTES = 168 };
+enum { KV_JOURNAL_TEXTS = 3, KV_JOURNAL_TEXT_SIZE = 256 };
 
 struct kv_journal_entry {
     char module[16];  // "logger", "LUT", "sse", "avx2", "avx512"
     char event[48];   // the function called, or "load" / "unload"
     int64_t values[4];
     char texts[KV_JOURNAL_TEXTS][KV_JOURNAL_TEXT_SIZE];
-    unsigned char bytes[KV_JOURNAL_BYTES];
-    size_t byte_count;
 };
 
 // Appends an event. Texts may be NULL; longer texts are cut. Thread-safe.
-KV_JOURNAL_API void kv_journal_record(const char* module, const char* event, const int64_t* values,
-                                      size_t value_count, const char* const* texts,
-                                      size_t text_count, const void* bytes, size_t byte_count);
+KV_JOURNAL_API void kv_journal_record(const char* module, const char* event,
+                                      const int64_t* values = nullptr, size_t value_count = 0,
+                                      const char* const* texts = nullptr, size_t text_count = 0);
 
 // Forgets all events and settings.
 KV_JOURNAL_API void kv_journal_reset(void);

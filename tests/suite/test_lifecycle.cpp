@@ -1,5 +1,6 @@
 // Module lifecycle: nested initialise and terminate, the LUT table that follows every call while
-// the log follows the count, and the prologue of every export before and after initialise.
+// the log (its ids, its release) follows the count, and the prologue of every export before and
+// after initialise.
 #include <cstring>
 #include <functional>
 
@@ -23,7 +24,6 @@ enum class action { initialize, terminate };
 struct lifecycle_step {
     action what;
     int32_t count_after;
-    bool table_complete_after;  // otherwise empty
     size_t LUT_initialize_calls;
     size_t LUT_terminate_calls;
     size_t logs_opened;
@@ -40,18 +40,19 @@ constexpr action init = action::initialize;
 constexpr action term = action::terminate;
 
 const lifecycle_case lifecycle_cases[] = {
-    {"once", {I{init, 1, true, 1, 0, 1, 0}, I{term, 0, false, 1, 1, 1, 1}}},
-    {"terminate without initialise", {I{term, 0, false, 0, 0, 0, 0}}},
-    // The table follows each call, the log follows the count.
+    {"once", {I{init, 1, 1, 0, 1, 0}, I{term, 0, 1, 1, 1, 1}}},
+    {"terminate without initialise", {I{term, 0, 0, 0, 0, 0}}},
+    // The table follows each call (filled by initialise, emptied by terminate), the log follows
+    // the count.
     {"nested",
-     {I{init, 1, true, 1, 0, 1, 0}, I{init, 2, true, 2, 0, 1, 0}, I{term, 1, false, 2, 1, 1, 0},
-      I{term, 0, false, 2, 1, 1, 1}}},
+     {I{init, 1, 1, 0, 1, 0}, I{init, 2, 2, 0, 1, 0}, I{term, 1, 2, 1, 1, 0},
+      I{term, 0, 2, 1, 1, 1}}},
     {"nested, refilled",
-     {I{init, 1, true, 1, 0, 1, 0}, I{init, 2, true, 2, 0, 1, 0}, I{term, 1, false, 2, 1, 1, 0},
-      I{init, 2, true, 3, 1, 1, 0}, I{term, 1, false, 3, 2, 1, 0}, I{term, 0, false, 3, 2, 1, 1}}},
+     {I{init, 1, 1, 0, 1, 0}, I{init, 2, 2, 0, 1, 0}, I{term, 1, 2, 1, 1, 0},
+      I{init, 2, 3, 1, 1, 0}, I{term, 1, 3, 2, 1, 0}, I{term, 0, 3, 2, 1, 1}}},
     {"again after the end",
-     {I{init, 1, true, 1, 0, 1, 0}, I{term, 0, false, 1, 1, 1, 1}, I{term, 0, false, 1, 1, 1, 1},
-      I{init, 1, true, 2, 1, 2, 1}, I{term, 0, false, 2, 2, 2, 2}}},
+     {I{init, 1, 1, 0, 1, 0}, I{term, 0, 1, 1, 1, 1}, I{term, 0, 1, 1, 1, 1},
+      I{init, 1, 2, 1, 2, 1}, I{term, 0, 2, 2, 2, 2}}},
 };
 
 class FullLifecycle : public library_test {};
@@ -69,11 +70,21 @@ TEST_F(FullLifecycle, TransitionsAndNesting) {
             EXPECT_EQ(status, KV_STATUS_SUCCESS);
             EXPECT_EQ(kv::module_reference_count, s.count_after);
             EXPECT_EQ(kv::module_logger != nullptr, s.count_after > 0);
-            EXPECT_EQ(LUT_table_entries(), s.table_complete_after ? 7 : 0);
+            EXPECT_EQ(LUT_table_entries(), s.what == action::initialize ? 7 : 0);
             EXPECT_EQ(kv_journal_count("LUT", "kv_LUT_module_initialize"), s.LUT_initialize_calls);
             EXPECT_EQ(kv_journal_count("LUT", "kv_LUT_module_terminate"), s.LUT_terminate_calls);
             EXPECT_EQ(kv_journal_count("logger", "qor_get_log"), s.logs_opened);
             EXPECT_EQ(kv_journal_count("logger", "qor_free_log"), s.logs_freed);
+        }
+        // Every open and free names the module's log; the logging module goes right after the free.
+        const std::vector<event> logger = events("logger");
+        for (size_t i = 0; i < logger.size(); ++i) {
+            const event& e = logger[i];
+            EXPECT_TRUE(e.name != "unload" || logger[i - 1].name == "qor_free_log");
+            if (e.name != "qor_get_log" && e.name != "qor_free_log") continue;
+            EXPECT_EQ(e.texts[0], "KELVANE_QOR_COLOR_PROCESSING");
+            EXPECT_EQ(e.texts[1], "");
+            EXPECT_EQ(e.texts[2], e.name == "qor_get_log" ? "kelvane_qor_logger.cfg" : "");
         }
         // Nothing ever releases the LUT module.
         EXPECT_EQ(kv_journal_count("LUT", "unload"), 0u);
@@ -81,17 +92,27 @@ TEST_F(FullLifecycle, TransitionsAndNesting) {
     }
 }
 
-TEST_F(FullLifecycle, DestroyAfterTheLastTerminateLeavesTheObject) {
+// A back-end module is loaded once and counted up, but initialised for each processor. A processor
+// outlives the last terminate untouched, and is destroyed after the next initialise.
+TEST_F(FullLifecycle, BackEndsAreSharedAndProcessorsOutliveTerminate) {
     ASSERT_EQ(kv_color_processing_module_initialize(), KV_STATUS_SUCCESS);
-    kv_color_processor_handle p = kv_color_create_color_processor_test(4, 4, KV_TIER_SSE);
-    ASSERT_NE(p, nullptr);
+    kv_color_processor_handle first = kv_color_create_color_processor_test(4, 4, KV_TIER_SSE);
+    kv_color_processor_handle second = kv_color_create_color_processor_test(0, 0, KV_TIER_AVX512);
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(kv_journal_count("avx512", "initialize"), 2u);
+    EXPECT_EQ(kv_journal_count("avx512", "load"), 1u) << "the second load only counts up";
     ASSERT_EQ(kv_color_processing_module_terminate(), KV_STATUS_SUCCESS);
     kv_journal_reset();
-    EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_MODULE_NOT_INITIALIZED);
+    EXPECT_EQ(kv_color_destroy_color_processor(first), KV_STATUS_MODULE_NOT_INITIALIZED);
     EXPECT_TRUE(journal().empty()) << "nothing may be terminated, released or destroyed";
     ASSERT_EQ(kv_color_processing_module_initialize(), KV_STATUS_SUCCESS);
-    EXPECT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
+    EXPECT_EQ(kv_color_destroy_color_processor(first), KV_STATUS_SUCCESS);
     EXPECT_EQ(kv_journal_count("LUT", "kv_destroy_LUT"), 6u);
+    EXPECT_EQ(kv_journal_count("avx512", "unload"), 0u) << "still held by the second processor";
+    ASSERT_EQ(kv_color_destroy_color_processor(second), KV_STATUS_SUCCESS);
+    EXPECT_EQ(kv_journal_count("avx512", "terminate"), 2u);
+    EXPECT_EQ(kv_journal_count("avx512", "unload"), 1u);
 }
 
 // Every export but initialise and terminate, called with a NULL handle.
@@ -101,6 +122,8 @@ struct prologue_case {
     std::function<int64_t(kv_color_processor_handle)> call;
 };
 
+const float zeros[9] = {};
+
 int64_t as_value(const void* pointer) {
     return static_cast<int64_t>(reinterpret_cast<intptr_t>(pointer));
 }
@@ -109,10 +132,7 @@ std::vector<prologue_case> prologue_cases() {
     const char* transform_label = "`anonymous-namespace'::kv_color_processor_transform_impl";
     std::vector<prologue_case> cases = {
         {"kv_color_append_matrix", false,
-         [](kv_color_processor_handle h) {
-             const float m[9] = {};
-             return kv_color_append_matrix(h, m);
-         }},
+         [](kv_color_processor_handle h) { return kv_color_append_matrix(h, zeros); }},
         {"kv_color_clear_matrix", false,
          [](kv_color_processor_handle h) { return kv_color_clear_matrix(h); }},
         {"kv_color_destroy_color_processor", false,
@@ -129,14 +149,8 @@ std::vector<prologue_case> prologue_cases() {
     }
     for (transform_export e : all_exports) {
         cases.push_back({transform_label, false, [e](kv_color_processor_handle h) {
-                             uint16_t input[6] = {};
-                             uint16_t output[8] = {};
-                             frame_arguments a;
-                             a.handle = h;
-                             a.input = input;
-                             a.output = output;
-                             a.pixel_count = 1;
-                             return static_cast<int64_t>(run_transform(e, a));
+                             frame_buffers buffers(e, 1, 1);
+                             return static_cast<int64_t>(run_transform(e, buffers.arguments(h)));
                          }});
     }
     return cases;
@@ -155,6 +169,9 @@ TEST_F(FullLifecycle, PrologueLooksAtTheMarkerFirstAndTheHandleSecond) {
         const int64_t not_initialized = c.returns_pointer ? 0 : KV_STATUS_MODULE_NOT_INITIALIZED;
         EXPECT_EQ(c.call(nullptr), not_initialized);
         EXPECT_EQ(c.call(bogus), not_initialized);
+        // The creators, too, return NULL silently before initialise.
+        EXPECT_EQ(kv_color_create_color_processor(8, 8), nullptr);
+        EXPECT_EQ(kv_color_create_color_processor_test(8, 8, KV_TIER_AVX2), nullptr);
         EXPECT_TRUE(journal().empty());
         for (unsigned char b : not_an_object) {
             ASSERT_EQ(b, 0xAB);
@@ -173,12 +190,6 @@ TEST_F(FullLifecycle, PrologueLooksAtTheMarkerFirstAndTheHandleSecond) {
         EXPECT_EQ(events("LUT").size(), 0u);
         ASSERT_EQ(kv_color_processing_module_terminate(), KV_STATUS_SUCCESS);
     }
-}
-
-TEST_F(FullLifecycle, CreatorsBeforeInitialiseReturnNullSilently) {
-    EXPECT_EQ(kv_color_create_color_processor(8, 8), nullptr);
-    EXPECT_EQ(kv_color_create_color_processor_test(8, 8, KV_TIER_AVX2), nullptr);
-    EXPECT_TRUE(journal().empty());
 }
 
 }  // namespace

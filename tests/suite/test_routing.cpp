@@ -1,6 +1,6 @@
-// Routing of a frame: which back-end a tier and the failed flags choose, as the pure rule and
-// through a processor, the split between the back-end's count and the scalar tail, and the record
-// as a back-end receives it.
+// Routing of a frame: which back-end a tier and the failed flags choose, through processors (so
+// the library's use of the rule is proven with the rule), and the split between the back-end's
+// count and the scalar tail.
 #include <climits>
 #include <cstring>
 
@@ -33,21 +33,10 @@ const route_row route_rows[] = {
 
 const char* const isas[] = {"avx512", "avx2", "sse"};  // in the order of the flag bits
 
-TEST(UnitRouting, TierAndFailedFlagsChooseOneBackEndOrNone) {
-    for (const route_row& row : route_rows) {
-        for (int flags = 0; flags < 8; ++flags) {
-            const kv::backend_failures failed = {(flags & 4) != 0, (flags & 2) != 0,
-                                                 (flags & 1) != 0};
-            EXPECT_EQ(kv::route_frame(row.tier, failed), row.by_failures[flags])
-                << "tier " << row.tier << ", failed flags " << flags;
-        }
-    }
-}
-
 class FullRouting : public initialized_test {};
 
-// The same table through processors whose back-ends refused to initialise as the flags say: a
-// refused back-end is never called, stays silent, and is still terminated and released.
+// The table through processors whose back-ends refused to initialise as the flags say: a refused
+// back-end is never called, stays silent, and is still terminated and released.
 TEST_F(FullRouting, TierAndRefusedBackEndsChooseOneBackEndOrNone) {
     const int32_t refusals[] = {1, -7, 1};  // any non-zero answer refuses
     const char* const by_route[] = {nullptr, "sse", "avx2", "avx512"};
@@ -57,33 +46,13 @@ TEST_F(FullRouting, TierAndRefusedBackEndsChooseOneBackEndOrNone) {
                          std::to_string(flags));
             kv_journal_reset();
             for (int i = 0; i < 3; ++i) {
-                set_backend(isas[i], (flags >> i) & 1 ? refusals[i] : 0, 0);
+                const std::string key = std::string(isas[i]) + ".initialize_result";
+                kv_journal_set(key.c_str(), (flags >> i) & 1 ? refusals[i] : 0);
             }
             kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, row.tier);
             ASSERT_NE(p, nullptr);
             EXPECT_TRUE(log_lines().empty());
-            const char* expected = by_route[static_cast<int>(row.by_failures[flags])];
-            for (transform_export e : {transform_export::to_32, transform_export::to_48}) {
-                SCOPED_TRACE(name_of(e));
-                frame_buffers buffers(e, 7, 6);
-                const frame_arguments a = buffers.arguments(p);
-                const std::vector<uint8_t> before = buffers.output_copy();
-                kv_journal_reset();
-                ASSERT_EQ(run_transform(e, a), KV_STATUS_SUCCESS);
-                const bool wide = output_width_of(e) == 16;
-                for (const char* isa : isas) {
-                    const bool chosen = expected != nullptr && std::strcmp(isa, expected) == 0;
-                    EXPECT_EQ(kv_journal_count(isa, wide ? "transform_16" : "transform_8"),
-                              chosen ? 1u : 0u)
-                        << isa;
-                    EXPECT_EQ(kv_journal_count(isa, wide ? "transform_8" : "transform_16"), 0u)
-                        << isa;
-                }
-                // The back-ends did nothing (count 0): the scalar kernels did the whole frame.
-                const uint8_t off[3] = {0, 0, 0};
-                EXPECT_EQ(buffers.output_copy(), expected_output(e, a, off, off, before, 0));
-                EXPECT_TRUE(buffers.guards_intact());
-            }
+            expect_route(p, by_route[static_cast<int>(row.by_failures[flags])]);
             kv_journal_reset();
             ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
             for (const char* isa : isas) {
@@ -95,16 +64,15 @@ TEST_F(FullRouting, TierAndRefusedBackEndsChooseOneBackEndOrNone) {
 }
 
 TEST_F(FullRouting, ScalarKernelsFinishFromTheBackEndsCount) {
-    struct split_case {
+    const struct {
         int32_t pixel_count;
         int32_t count;    // what the back-end returns; -1: the whole frame
         int32_t claimed;  // where the scalar kernels take over
-    };
-    const split_case cases[] = {{8, 5, 5}, {8, 0, 0}, {8, -1, 8}, {8, 100, 8},
-                                {1, 1, 1}, {0, 0, 0}, {0, 3, 0},  {33, 17, 17}};
+    } cases[] = {{8, 5, 5}, {8, 0, 0}, {8, -1, 8}, {8, 100, 8},
+                 {1, 1, 1}, {0, 0, 0}, {0, 3, 0},  {33, 17, 17}};
     kv_color_processor_handle p = kv_color_create_color_processor_test(0, 0, KV_TIER_AVX2);
     ASSERT_NE(p, nullptr);
-    for (const split_case& c : cases) {
+    for (const auto& c : cases) {
         for (transform_export e : all_exports) {
             for (int32_t format : {0, 1, 2}) {
                 SCOPED_TRACE(std::string(name_of(e)) + " format " + std::to_string(format) +
@@ -130,61 +98,6 @@ TEST_F(FullRouting, ScalarKernelsFinishFromTheBackEndsCount) {
                 EXPECT_TRUE(buffers.guards_intact());
             }
         }
-    }
-    ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
-}
-
-template <typename T>
-T read_at(const std::vector<uint8_t>& bytes, size_t offset) {
-    T value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
-
-// The record is a binary contract with separately built modules: each field at its offset.
-TEST_F(FullRouting, BackEndSeesEveryFieldAtItsOffset) {
-    kv_color_processor_handle p = kv_color_create_color_processor_test(16, 12, KV_TIER_SSE);
-    ASSERT_NE(p, nullptr);
-    ASSERT_EQ(kv_color_enable_input_LUTs(p, 0, 0x100, 0), KV_STATUS_SUCCESS);
-    ASSERT_EQ(kv_color_enable_output_LUTs(p, -1, 0, 7), KV_STATUS_SUCCESS);
-    const uint8_t flags[6] = {0, 1, 0, 1, 0, 1};
-    const uint16_t clamps[6] = {1, 2001, 3, 4003, 5, 4095};  // minimum, maximum by channel
-    for (transform_export e : all_exports) {
-        SCOPED_TRACE(name_of(e));
-        frame_buffers buffers(e, 9, 8);
-        frame_arguments a = buffers.arguments(p);
-        a.input_format = -5;
-        for (int c = 0; c < 3; ++c) {
-            a.minimum[c] = clamps[2 * c];
-            a.maximum[c] = clamps[2 * c + 1];
-        }
-        a.shift[0] = -15;
-        a.shift[1] = 7;
-        a.output_format = 2;
-        kv_journal_reset();
-        ASSERT_EQ(run_transform(e, a), KV_STATUS_SUCCESS);
-        const std::vector<event> calls = events("sse");
-        ASSERT_EQ(calls.size(), 1u);
-        const std::vector<uint8_t>& r = calls[0].bytes;
-        ASSERT_EQ(r.size(), 168u);
-        EXPECT_EQ(read_at<uintptr_t>(r, 0), reinterpret_cast<uintptr_t>(a.input));
-        EXPECT_EQ(read_at<int32_t>(r, 8), -5);
-        const size_t LUT_offsets[6] = {16, 32, 48, 88, 104, 120};
-        for (int i = 0; i < 6; ++i) {
-            EXPECT_EQ(read_at<uintptr_t>(r, LUT_offsets[i]),
-                      reinterpret_cast<uintptr_t>(LUT_getters[i].get(p)))
-                << "LUT " << i;
-            EXPECT_EQ(r[LUT_offsets[i] + 8], flags[i]) << "flag " << i;
-            EXPECT_EQ(read_at<uint16_t>(r, 72 + 2 * i), clamps[i]) << "clamp " << i;
-        }
-        EXPECT_EQ(read_at<uintptr_t>(r, 64), reinterpret_cast<uintptr_t>(p));
-        EXPECT_EQ(read_at<int32_t>(r, 132), -15);
-        EXPECT_EQ(read_at<int32_t>(r, 136), 7);
-        EXPECT_EQ(read_at<int32_t>(r, 140), 0);
-        EXPECT_EQ(read_at<uintptr_t>(r, 144), reinterpret_cast<uintptr_t>(a.output));
-        EXPECT_EQ(read_at<int32_t>(r, 152), 2);
-        EXPECT_EQ(r[156], elements_per_pixel(e) == 4 ? 1 : 0);
-        EXPECT_EQ(read_at<int32_t>(r, 160), 9);
     }
     ASSERT_EQ(kv_color_destroy_color_processor(p), KV_STATUS_SUCCESS);
 }

@@ -12,14 +12,9 @@ std::vector<event> journal() {
     std::vector<event> result;
     kv_journal_entry entry;
     for (size_t i = 0; kv_journal_entry_at(i, &entry); ++i) {
-        event e;
-        e.module = entry.module;
-        e.name = entry.event;
+        event e{entry.module, entry.event, {}, {}};
         std::copy(entry.values, entry.values + 4, e.values);
-        for (int t = 0; t < KV_JOURNAL_TEXTS; ++t) {
-            e.texts[t] = entry.texts[t];
-        }
-        e.bytes.assign(entry.bytes, entry.bytes + entry.byte_count);
+        std::copy(entry.texts, entry.texts + KV_JOURNAL_TEXTS, e.texts);
         result.push_back(e);
     }
     return result;
@@ -59,11 +54,6 @@ void expect_own_line(std::map<std::string, int64_t>& lines, const std::string& k
     }
 }
 
-void set_backend(const char* isa, int32_t initialize_result, int32_t count) {
-    kv_journal_set((std::string(isa) + ".initialize_result").c_str(), initialize_result);
-    kv_journal_set((std::string(isa) + ".count").c_str(), count);
-}
-
 int output_width_of(transform_export e) {
     return e == transform_export::to_24 || e == transform_export::to_32 ? 8 : 16;
 }
@@ -74,17 +64,8 @@ int elements_per_pixel(transform_export e) {
 
 namespace {
 
-struct export_names {
-    const char* name;
-    const char* timer_label;
-};
-
-const export_names names[] = {
-    {"kv_color_transform_48_to_24", "color processing transform 48 to 24"},
-    {"kv_color_transform_48_to_32", "color processing transform 48 to 32"},
-    {"kv_color_transform_48_to_48", "color processing transform 48 to 48"},
-    {"kv_color_transform_48_to_64", "color processing transform 48 to 64"},
-};
+const char* const names[] = {"kv_color_transform_48_to_24", "kv_color_transform_48_to_32",
+                             "kv_color_transform_48_to_48", "kv_color_transform_48_to_64"};
 
 // The four exports differ only in the output element type.
 template <typename element>
@@ -99,12 +80,12 @@ int32_t call(kv_status (*transform)(kv_color_processor_handle, const uint16_t*, 
 
 }  // namespace
 
-const char* timer_label_of(transform_export e) {
-    return names[static_cast<int>(e)].timer_label;
+std::string timer_label_of(transform_export e) {
+    return std::string("color processing transform 48 to ") + (name_of(e) + 25);
 }
 
 const char* name_of(transform_export e) {
-    return names[static_cast<int>(e)].name;
+    return names[static_cast<int>(e)];
 }
 
 const LUT_getter LUT_getters[6] = {

@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <map>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -24,7 +23,6 @@ struct event {
     std::string name;
     int64_t values[4];
     std::string texts[KV_JOURNAL_TEXTS];
-    std::vector<uint8_t> bytes;
 };
 
 std::vector<event> journal();
@@ -39,9 +37,6 @@ std::vector<event> log_lines();
 // refusals different lines. `key` -> line seen so far; fails when a key moves or two keys share a
 // line.
 void expect_own_line(std::map<std::string, int64_t>& lines, const std::string& key, int64_t line);
-
-// Sets the fake vector modules' answers.
-void set_backend(const char* isa, int32_t initialize_result, int32_t count);
 
 using kv::testing::fail_allocation;
 using kv::testing::stop_failing_allocations;
@@ -67,11 +62,8 @@ constexpr transform_export all_exports[] = {transform_export::to_24, transform_e
 
 int output_width_of(transform_export e);  // 8 or 16
 int elements_per_pixel(transform_export e);
-const char* timer_label_of(transform_export e);
+std::string timer_label_of(transform_export e);  // its timing line's label
 const char* name_of(transform_export e);
-inline void PrintTo(transform_export e, std::ostream* os) {
-    *os << name_of(e);
-}
 
 // The six table getters, blue, green, red input, then blue, green, red output.
 struct LUT_getter {
@@ -82,6 +74,10 @@ extern const LUT_getter LUT_getters[6];
 
 // The processor behind a handle (programs that link the library's objects only).
 kv::color_correction* object_of(kv_color_processor_handle handle);
+
+// Runs a frame of each output width through `p` (journal reset): only the back-end `isa` (none
+// for NULL) is asked. Programs that link the library's objects only.
+void expect_route(kv_color_processor_handle p, const char* isa);
 
 // The fifteen arguments of a transform, blue, green, red in the arrays.
 struct frame_arguments {

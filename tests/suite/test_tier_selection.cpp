@@ -92,24 +92,21 @@ uint64_t fake_xgetbv0() {
     return 0xE7;
 }
 
+// xgetbv faults where the system has not enabled it: it is read only after OSXSAVE and AVX.
 TEST(UnitTierSelection, XgetbvIsReadOnlyAfterOsxsaveAndAvx) {
-    const struct {
-        uint32_t leaf1_ecx;
-        bool reads_xgetbv;
-    } cases[] = {{0, false}, {OSXSAVE, false}, {AVX, false}, {OSXSAVE | AVX, true}};
-    for (const auto& c : cases) {
-        fake_leaf1_ecx = c.leaf1_ecx;
+    for (uint32_t ecx : {0u, OSXSAVE, AVX, OSXSAVE | AVX}) {
+        const bool reads_xgetbv = ecx == (OSXSAVE | AVX);
+        fake_leaf1_ecx = ecx;
         reads.clear();
         const processor_identification id =
             kv::platform::identify_processor({&fake_cpuid, &fake_xgetbv0});
-        const std::vector<std::string> expected_reads =
-            c.reads_xgetbv ? std::vector<std::string>{"cpuid 1.0", "cpuid 7.0", "xgetbv"}
-                           : std::vector<std::string>{"cpuid 1.0", "cpuid 7.0"};
-        EXPECT_EQ(reads, expected_reads) << "leaf 1 ECX " << c.leaf1_ecx;
-        EXPECT_EQ(id.leaf1_ecx, c.leaf1_ecx);
+        std::vector<std::string> expected_reads = {"cpuid 1.0", "cpuid 7.0"};
+        if (reads_xgetbv) expected_reads.push_back("xgetbv");
+        EXPECT_EQ(reads, expected_reads) << "leaf 1 ECX " << ecx;
+        EXPECT_EQ(id.leaf1_ecx, ecx);
         EXPECT_EQ(id.leaf1_edx, 0x1114u);
         EXPECT_EQ(id.leaf7_ebx, 0x7772u);
-        EXPECT_EQ(id.xcr0, c.reads_xgetbv ? 0xE7u : 0u);
+        EXPECT_EQ(id.xcr0, reads_xgetbv ? 0xE7u : 0u);
     }
 }
 

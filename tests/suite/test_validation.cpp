@@ -1,5 +1,7 @@
 // Validation of a transform request: every refusing row with its status and message, the order
-// between rows, the edges of each range, and that a refused request touches nothing.
+// between rows, the edges of each range, that a refused request touches nothing, and the timing
+// line that follows.
+#include <cctype>
 #include <climits>
 #include <functional>
 #include <map>
@@ -10,7 +12,7 @@ namespace kv_test {
 namespace {
 
 struct refusal_row {
-    std::string message;  // as delivered, "ERROR: " and the format's own blank included
+    std::string message;  // as delivered, "ERROR: " and the format's own blank included; or a name
     int32_t status;
     std::function<void(frame_arguments&)> make_bad;
 };
@@ -47,6 +49,33 @@ std::vector<refusal_row> rows() {
     table.push_back({"ERROR:  Invalid output buffer format specified!", 10,
                      [](frame_arguments& a) { a.output_format = INT_MAX; }});
     return table;
+}
+
+// "<label> takes <digits>.<six digits> microseconds."
+bool is_timing_text(const std::string& text, const std::string& label) {
+    const std::string head = label + " takes ", tail = " microseconds.";
+    if (text.size() < head.size() + 8 + tail.size() || text.rfind(head, 0) != 0) return false;
+    std::string number = text.substr(head.size(), text.size() - head.size() - tail.size());
+    for (char& c : number) c = std::isdigit(static_cast<unsigned char>(c)) ? '0' : c;
+    return number == std::string(number.size() - 7, '0') + ".000000" &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// The timing line closes every call that passed the prologue, refused or not: one timer for every
+// export and status, logged from the line where it opens, with the whole path of the file.
+int64_t timer_line = 0;
+
+void expect_timing_line(const event& t, transform_export e) {
+    EXPECT_EQ(t.values[0], 7);
+    EXPECT_EQ(t.values[2], 1) << "the handle qor_get_log gave";
+    EXPECT_TRUE(is_timing_text(t.texts[2], timer_label_of(e))) << t.texts[2];
+    EXPECT_EQ(t.texts[1], "`anonymous-namespace'::kv_color_processor_transform_impl");
+    const std::string base = "kelvane_qor_color_processing.cpp";
+    ASSERT_GT(t.texts[0].size(), base.size());
+    EXPECT_EQ(t.texts[0].substr(t.texts[0].size() - base.size()), base);
+    EXPECT_GT(t.values[1], 0);
+    if (timer_line == 0) timer_line = t.values[1];
+    EXPECT_EQ(t.values[1], timer_line);
 }
 
 class FullValidation : public initialized_test,
@@ -93,67 +122,60 @@ TEST_P(FullValidation, EarlierRowRefusesWithItsStatusAndMessage) {
             EXPECT_EQ(all[0].texts[2], table[first].message);
             expect_own_line(lines, table[first].message, all[0].values[1]);
             ASSERT_EQ(all[1].name, "qor_log");
-            EXPECT_EQ(all[1].values[0], 7);
-            EXPECT_EQ(all[1].texts[2].rfind(timer_label_of(GetParam()), 0), 0u);
+            expect_timing_line(all[1], GetParam());
         }
     }
 }
 
 TEST_P(FullValidation, RangeEdges) {
-    struct edge {
-        const char* name;
-        std::function<void(frame_arguments&)> change;
-        int32_t status;
-    };
-    // The ordinary formats, -1 to 2, run in the random frames (tests/common/public_api_frames.cpp).
-    const edge edges[] = {
-        {"shift -15", [](frame_arguments& a) { a.shift[0] = a.shift[1] = a.shift[2] = -15; }, 0},
-        {"shift 15", [](frame_arguments& a) { a.shift[0] = a.shift[1] = a.shift[2] = 15; }, 0},
-        {"blue shift -16", [](frame_arguments& a) { a.shift[0] = -16; }, 11},
-        {"red shift INT_MAX", [](frame_arguments& a) { a.shift[2] = INT_MAX; }, 11},
-        {"min equal to max", [](frame_arguments& a) { a.minimum[1] = a.maximum[1] = 700; }, 0},
-        {"max 0xFFFF", [](frame_arguments& a) { a.maximum[2] = 0xFFFF; }, 0},
-        {"input format INT_MIN", [](frame_arguments& a) { a.input_format = INT_MIN; }, 0},
-        {"input format 4", [](frame_arguments& a) { a.input_format = 4; }, 9},
-        {"output format 3", [](frame_arguments& a) { a.output_format = 3; }, 10},
-        {"pixel count 0", [](frame_arguments& a) { a.pixel_count = 0; }, 0},
-        {"pixel count -1", [](frame_arguments& a) { a.pixel_count = -1; }, 0},
-        {"pixel count INT_MIN", [](frame_arguments& a) { a.pixel_count = INT_MIN; }, 0},
+    // Rows: a name, the status, the change. The ordinary formats, -1 to 2, and shifts, -15 to 15,
+    // run in the random frames (tests/common/public_api_frames.cpp).
+    const refusal_row edges[] = {
+        {"blue shift -16", 11, [](frame_arguments& a) { a.shift[0] = -16; }},
+        {"red shift INT_MAX", 11, [](frame_arguments& a) { a.shift[2] = INT_MAX; }},
+        {"min equal to max", 0, [](frame_arguments& a) { a.minimum[1] = a.maximum[1] = 700; }},
+        {"max 0xFFFF", 0, [](frame_arguments& a) { a.maximum[2] = 0xFFFF; }},
+        {"input format INT_MIN", 0, [](frame_arguments& a) { a.input_format = INT_MIN; }},
+        {"input format 4", 9, [](frame_arguments& a) { a.input_format = 4; }},
+        {"output format 3", 10, [](frame_arguments& a) { a.output_format = 3; }},
+        {"pixel count 0", 0, [](frame_arguments& a) { a.pixel_count = 0; }},
+        {"pixel count -1", 0, [](frame_arguments& a) { a.pixel_count = -1; }},
+        {"pixel count INT_MIN", 0, [](frame_arguments& a) { a.pixel_count = INT_MIN; }},
         // Buffers are told apart by address alone.
-        {"output one byte past the input",
+        {"output one byte past the input", 0,
          [](frame_arguments& a) {
              a.output = reinterpret_cast<uint8_t*>(const_cast<uint16_t*>(a.input)) + 1;
              a.pixel_count = 0;
-         },
-         0},
+         }},
     };
-    for (const edge& e : edges) {
-        SCOPED_TRACE(e.name);
+    for (const refusal_row& e : edges) {
+        SCOPED_TRACE(e.message);
         frame_buffers buffers(GetParam(), 5, 3);
         frame_arguments a = buffers.arguments(processor);
-        e.change(a);
+        e.make_bad(a);
         const std::vector<uint8_t> input_before = buffers.input_copy();
         kv_journal_reset();
         EXPECT_EQ(run_transform(GetParam(), a), e.status);
         EXPECT_EQ(kv_journal_count("LUT", "kv_get_LUT_data"), e.status == 0 ? 6u : 0u);
-        EXPECT_EQ(log_lines().size(), e.status == 0 ? 1u : 2u) << "an error line, a timing line";
+        const std::vector<event> logged = log_lines();
+        ASSERT_EQ(logged.size(), e.status == 0 ? 1u : 2u) << "an error line, a timing line";
+        expect_timing_line(logged.back(), GetParam());
         EXPECT_EQ(buffers.input_copy(), input_before);
     }
 }
 
 TEST_P(FullValidation, ClampAgainstEnabledOutputLUTsOnly) {
-    struct clamp_case {
+    const struct {
         int32_t output_depth;
         bool enabled;
         uint16_t maximum;
         int32_t status;
-    };
-    const clamp_case cases[] = {
+    } cases[] = {
         {8, true, 255, 0},     {8, true, 256, 12},    {8, false, 256, 0},
         {8, false, 0xFFFF, 0}, {0, true, 0, 0},       {0, true, 1, 12},
         {16, true, 0xFFFF, 0}, {15, true, 0x7FFF, 0}, {15, true, 0x8000, 12},
     };
-    for (const clamp_case& c : cases) {
+    for (const auto& c : cases) {
         for (int channel = 0; channel < 3; ++channel) {
             SCOPED_TRACE("depth " + std::to_string(c.output_depth) + " max " +
                          std::to_string(c.maximum) + " channel " + std::to_string(channel) +
