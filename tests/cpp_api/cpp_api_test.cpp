@@ -68,8 +68,8 @@ TEST(FrameSize, BytesPerWidthAndChannelsAndOneElementShortIsRefused) {
     }
 }
 
-TEST(StatusText, NamesEveryStatusAndNumbersTheRest) {
-    EXPECT_EQ(kelvane::status_text(KV_STATUS_INVALID_CLAMP), "KV_STATUS_INVALID_CLAMP (12)");
+// Named statuses are spelled out by the refusals below.
+TEST(StatusText, NumbersAStatusWithoutAName) {
     EXPECT_EQ(kelvane::status_text(7), "status 7");
     EXPECT_EQ(kelvane::status_name(-1), nullptr);
 }
@@ -103,23 +103,25 @@ struct refusal_setup {
 struct refusal_case {
     const char* what;
     kv_status status;
+    const char* name;
     void (*spoil)(refusal_setup&);
 };
+#define KV_STATUS_AND_NAME(status) status, #status
 
 const refusal_case refusal_cases[] = {
-    {"moved-from processor", KV_STATUS_NULL_HANDLE,
+    {"moved-from processor", KV_STATUS_AND_NAME(KV_STATUS_NULL_HANDLE),
      [](refusal_setup& s) { s.keeper.emplace(std::move(s.p)); }},
-    {"input layout 3", KV_STATUS_INVALID_INPUT_FORMAT,
+    {"input layout 3", KV_STATUS_AND_NAME(KV_STATUS_INVALID_INPUT_FORMAT),
      [](refusal_setup& s) { s.input_layout = static_cast<layout>(3); }},
-    {"output layout 7", KV_STATUS_INVALID_OUTPUT_FORMAT,
+    {"output layout 7", KV_STATUS_AND_NAME(KV_STATUS_INVALID_OUTPUT_FORMAT),
      [](refusal_setup& s) { s.output_layout = static_cast<layout>(7); }},
-    {"green shift 16", KV_STATUS_INVALID_SHIFT,
+    {"green shift 16", KV_STATUS_AND_NAME(KV_STATUS_INVALID_SHIFT),
      [](refusal_setup& s) { s.settings.green.shift = 16; }},
-    {"red minimum above maximum", KV_STATUS_INVALID_CLAMP,
+    {"red minimum above maximum", KV_STATUS_AND_NAME(KV_STATUS_INVALID_CLAMP),
      [](refusal_setup& s) {
          s.settings.red = {2, 1, 0};
      }},
-    {"blue maximum past the enabled output LUT", KV_STATUS_INVALID_CLAMP,
+    {"blue maximum past the enabled output LUT", KV_STATUS_AND_NAME(KV_STATUS_INVALID_CLAMP),
      [](refusal_setup& s) { s.settings.blue.maximum = 256; }},
 };
 
@@ -135,10 +137,10 @@ TEST(Refusal, EveryStatusIsATypedErrorAndTouchesNothing) {
                 ADD_FAILURE() << "no error";
             } catch (const kelvane::status_error& e) {
                 EXPECT_EQ(e.status(), c.status);
-                EXPECT_STREQ(e.name(), kelvane::status_name(c.status));
-                EXPECT_NE(std::string(e.what()).find(kelvane::status_text(c.status)),
-                          std::string::npos)
-                    << e.what();
+                EXPECT_STREQ(e.name(), c.name);
+                EXPECT_EQ(std::string(e.what()), "kv_color_transform_48_to_64 returned " +
+                                                     std::string(c.name) + " (" +
+                                                     std::to_string(c.status) + ")");
             }
             EXPECT_EQ(s.input, std::vector<uint16_t>(s.input.size(), 1000));
             EXPECT_EQ(s.output, std::vector<uint16_t>(s.output.size(), sentinel));

@@ -42,8 +42,8 @@ TEST(LUTModuleLoading, ExportsExactlyTheSixEntryPoints) {
 
 // Each count's edge (1 entry, exact 64-byte lines, a line plus one, the full 16-bit range): the
 // table is aligned, zero up to its last whole line (fresh memory is not zero under the test
-// allocator), and keeps what is written.
-TEST(LUTCreation, TableIsAlignedZeroFilledAndWritable) {
+// allocator), and the same on every look-up.
+TEST(LUTCreation, TableIsAlignedAndZeroFilled) {
     for (const int32_t count : {1, 15, 16, 17, 4097, 65536}) {
         for (const int32_t avx2_flag : {0, 1}) {
             SCOPED_TRACE(std::to_string(count) + " entries, flag " + std::to_string(avx2_flag));
@@ -52,10 +52,7 @@ TEST(LUTCreation, TableIsAlignedZeroFilledAndWritable) {
             ASSERT_NE(entries, nullptr);
             EXPECT_EQ(reinterpret_cast<uintptr_t>(entries) % 64, 0u);
             for (int32_t i = 0; i < (count + 15) / 16 * 16; ++i) ASSERT_EQ(entries[i], 0u) << i;
-            for (int32_t i = 0; i < count; ++i) entries[i] = 0x9E3779B9u * uint32_t(i + 1);
             EXPECT_EQ(kv_get_LUT_data(t.get()), entries);
-            for (int32_t i = 0; i < count; ++i)
-                ASSERT_EQ(entries[i], 0x9E3779B9u * uint32_t(i + 1));
         }
     }
 }
