@@ -1,4 +1,4 @@
-// Tests of kelvane_qor_LUT: loaded by file name as the library does, and called directly.
+// Tests of kelvane_qor_LUT, called directly.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -6,13 +6,11 @@
 #include <cstdint>
 #include <memory>
 #include <new>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "modules/LUT/kelvane_qor_LUT.h"
-#include "tests/module_support/loaded_module.h"
 
 #if KV_TEST_ALLOCATOR
 #include "tests/common/failing_allocator.h"
@@ -28,16 +26,6 @@ using table = std::unique_ptr<void, destroy_LUT>;
 
 table make_table(int32_t count, int32_t avx2_flag = 0) {
     return table(kv_create_LUT_test(count, avx2_flag));
-}
-
-TEST(LUTModuleLoading, ExportsExactlyTheSixEntryPoints) {
-    const std::string file = std::string("kelvane_qor_LUT") + kv::test::module_suffix;
-    kv::test::loaded_module module(file);
-    ASSERT_TRUE(module.loaded()) << file << " not found by name";
-    const std::set<std::string> expected = {"kv_LUT_module_initialize", "kv_create_LUT_test",
-                                            "kv_LUT_transform_16",      "kv_get_LUT_data",
-                                            "kv_destroy_LUT",           "kv_LUT_module_terminate"};
-    EXPECT_EQ(module.exported_names(), expected);
 }
 
 // Each count's edge (1 entry, exact 64-byte lines, a line plus one, the full 16-bit range): the
