@@ -90,7 +90,6 @@ TEST(ToolPipeline, OptionSetsMatchTheReferenceModel) {
           "b=scale:0.5", "--bits", "16"},
          identity},
         {{"--output-lut", cube, "--output-lut-max", "255", "--input-layout", "bgr"}, identity},
-        {{"--input-layout", "-3", "--output-layout", "-1"}, identity},  // negative: planes
         {{"--matrix", "0.5,0.25,0.25,0,1,0,-1,0,2", "--shift", "3", "--bits", "16", "--clamp",
           "0:8191"},
          {0.5f, 0.25f, 0.25f, 0, 1, 0, -1, 0, 2}},
