@@ -33,9 +33,7 @@ TEST(Curves, ValuesAtChosenPoints) {
         {"inverse-srgb", 0.04, 0.04 / 12.92},
         {"gamma:2.2", 0.5, 0.729740053},  // 0.5^(1/2.2)
         {"inverse-gamma:2.2", 0.5, 0.217637641},
-        {"gamma:1", 0.3, 0.3},
         {"scale:0.5", 0.8, 0.4},
-        {"scale:2", 0.3, 0.6},
         {"scale:2", 0.7, 1.0},  // clamped
         {"scale:0", 0.7, 0.0},
     };
@@ -57,7 +55,6 @@ struct table_case {
 TEST(Curves, TablesSpanTheirEntriesAndTop) {
     const table_case cases[] = {
         {"identity", 65536, 65535, {{0, 0}, {1, 1}, {32768, 32768}, {65535, 65535}}},
-        {"identity", 256, 255, {{0, 0}, {128, 128}, {255, 255}}},
         {"identity", 4096, 255, {{0, 0}, {4095, 255}, {2048, 128}}},  // 2048/4095*255 = 127.53
         {"identity", 2, 1000000, {{0, 0}, {1, 1000000}}},
         {"identity", 1, 65535, {{0, 0}}},
@@ -86,7 +83,12 @@ TEST(Cube, FileWithHeaderCommentsAndDomainIsRead) {
     const kv_tool::cube_LUT cube = kv_tool::parse_cube("ramps.cube", text);
     EXPECT_EQ(cube.title, "three ramps");
     ASSERT_EQ(cube.entries.size(), 3u);
-    EXPECT_DOUBLE_EQ(cube.domain_max[2], 0.5);
+    EXPECT_EQ(cube.domain_max, (std::array<double, 3>{1, 1, 0.5}));
+    // LUT_1D_INPUT_RANGE sets the domain of every channel.
+    const kv_tool::cube_LUT ranged = kv_tool::parse_cube(
+        "r.cube", "LUT_1D_INPUT_RANGE 0.25 0.75\nLUT_1D_SIZE 2\n0 0 0\n1 1 1\n");
+    EXPECT_EQ(ranged.domain_min, (std::array<double, 3>{0.25, 0.25, 0.25}));
+    EXPECT_EQ(ranged.domain_max, (std::array<double, 3>{0.75, 0.75, 0.75}));
 
     const auto dir = scratch_dir();
     const curve c = kv_tool::parse_curve(write_text(dir / "ramps.cube", text), "--output-lut");
@@ -103,15 +105,6 @@ TEST(Cube, FileWithHeaderCommentsAndDomainIsRead) {
     for (const point& p : points) {
         EXPECT_NEAR(kv_tool::evaluate(c, p.channel, p.x), p.expected, 1e-12)
             << "channel " << p.channel << " at " << p.x;
-    }
-}
-
-TEST(Cube, InputRangeSetsTheDomainOfEveryChannel) {
-    const kv_tool::cube_LUT cube = kv_tool::parse_cube(
-        "r.cube", "LUT_1D_INPUT_RANGE 0.25 0.75\nLUT_1D_SIZE 2\n0 0 0\n1 1 1\n");
-    for (int c = 0; c < 3; ++c) {
-        EXPECT_EQ(cube.domain_min[c], 0.25);
-        EXPECT_EQ(cube.domain_max[c], 0.75);
     }
 }
 

@@ -148,23 +148,6 @@ std::string png_of(const image& picture) {
     return contents(path);
 }
 
-// A PNG whose header claims `width`x`height` RGB pixels, with almost no image data after it.
-std::string png_claiming(uint32_t width, uint32_t height) {
-    std::string bytes = png_of(random_image(1, 1, 3, 8, 3));
-    auto put = [&bytes](size_t at, uint32_t value) {
-        for (int i = 0; i < 4; ++i) bytes[at + i] = char(value >> (24 - 8 * i));
-    };
-    put(16, width);
-    put(20, height);
-    uint32_t crc = 0xFFFFFFFFu;  // over the chunk type and data, bytes 12 to 28
-    for (size_t i = 12; i < 29; ++i) {
-        crc ^= static_cast<unsigned char>(bytes[i]);
-        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-    }
-    put(29, ~crc);
-    return bytes;
-}
-
 TEST(ImageFiles, BrokenFilesNameTheFileAndTheFault) {
     std::vector<broken_case> cases = {
         {"empty.ppm", ""s, "empty file"},
@@ -191,14 +174,17 @@ TEST(ImageFiles, BrokenFilesNameTheFileAndTheFault) {
         {"bad.tif", "II*\0garbage"s, "TIFF"},
     };
     if (kv_tool::png_supported()) {
-        cases.push_back({"claims.png", png_claiming(40000, 40000),
+        // A header (its CRC included) that claims 40000x40000 RGB pixels, then a 1x1 image's data.
+        const std::string claims =
+            "\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\0\x9c\x40\0\0\x9c\x40\x08\x02\0\0\0"
+            "\xde\x6e\x99\x52"s;
+        cases.push_back({"claims.png", claims + png_of(random_image(1, 1, 3, 8, 3)).substr(33),
                          "PNG: its header claims 40000x40000 pixels, which need at least 4651201 "
                          "bytes of compressed data, but the file has"});
         const std::string png = png_of(random_image(64, 64, 3, 8, 4));
         cases.push_back({"cut.png", png.substr(0, 3000),
                          "PNG: the file ends before its image data is complete (at byte offset "
                          "3000)"});
-        cases.push_back({"header.png", png.substr(0, 20), "PNG: the file ends before its image"});
         cases.push_back({"noend.png", png.substr(0, png.size() - 12),
                          "PNG: the file ends after the image data, before its end chunk (IEND)"});
     }
@@ -219,20 +205,6 @@ TEST(ImageFiles, BrokenFilesNameTheFileAndTheFault) {
         EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
         for (char ch : std::string(e.what())) ASSERT_GE(static_cast<unsigned char>(ch), 0x20);
     }
-    const kv_tool::tool_error missing =
-        error_of([&] { kv_tool::read_image((dir / "missing.png").string()); });
-    EXPECT_NE(std::string(missing.what()).find("missing.png: cannot open"), std::string::npos);
-}
-
-TEST(ImageFiles, FailedWriteLeavesNothingBehind) {
-    const auto dir = scratch_dir();
-    const image picture = random_image(4, 4, 3, 8, 7);
-    const std::string path = (dir / "no_such_folder" / "out.ppm").string();
-    const kv_tool::tool_error e =
-        error_of([&] { kv_tool::write_image(path, file_type::ppm, picture); });
-    EXPECT_EQ(e.code(), kv_tool::EXIT_FILE);
-    EXPECT_NE(std::string(e.what()).find(path + ": cannot create"), std::string::npos) << e.what();
-    EXPECT_FALSE(std::filesystem::exists(dir / "no_such_folder"));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// 8-bit image output through the whole program against narrowing computed here in plain integers:
-// every 16-bit value in each channel, on each way the program reaches 8 bits, and the bar chart of
-// bench as text that stays inside its markup.
+// The whole program: 8-bit image output against narrowing computed here in plain integers (every
+// 16-bit value in each channel, on each way the program reaches 8 bits), a batch on several threads
+// byte for byte as on one, and the bar chart of bench as text that stays inside its markup.
 #include <algorithm>
 #include <functional>
 
@@ -126,6 +126,48 @@ TEST(BenchChart, DrawsOneBarPerMeasuredTierWithEscapedText) {
     EXPECT_NE(svg.find("a&lt;b&gt;&amp;&quot;c&apos;\\x01.png"), std::string::npos) << svg;
     EXPECT_NE(svg.find("CPU \\x1B[31m"), std::string::npos) << svg;
     for (char ch : svg) EXPECT_TRUE(ch == '\n' || static_cast<unsigned char>(ch) >= 0x20);
+}
+
+int run(std::vector<std::string> arguments) {
+    arguments.push_back("-q");
+    return kv_tool::run_kelvane_color(arguments);
+}
+
+// Layout and width settings: interleaved both sides (striped), a planar side (whole frames).
+const std::vector<std::string> option_sets[] = {
+    {"--output-lut", "srgb", "--matrix", "1.1,-0.1,0,0,1,0,0.2,0,0.8"},
+    {"--bits", "16", "--channels", "4", "--input-layout", "bgr", "--output-layout", "bgr"},
+    {"--input-layout", "planes", "--output-lut", "gamma:2.2"},
+    {"--bits", "16", "--output-layout", "planes"},
+};
+
+// Eight threads for four files: all four at once, each interleaved frame in two stripes.
+TEST(Threads, ABatchIsTheSameOnOneThreadAndOnEight) {
+    const std::filesystem::path dir = scratch_dir();
+    std::vector<std::string> inputs;
+    for (const char* size : {"64x3", "5x1", "333x9", "17x17"}) {
+        inputs.push_back((dir / (std::string("in_") + size + ".ppm")).string());
+        ASSERT_EQ(run({"--chart-size", size, "--bits", "16", "-o", inputs.back()}),
+                  kv_tool::EXIT_OK);
+    }
+    for (const auto& options : option_sets) {
+        SCOPED_TRACE(::testing::PrintToString(options));
+        for (const char* threads : {"1", "8"}) {
+            std::vector<std::string> arguments = inputs;
+            arguments.insert(arguments.end(), options.begin(), options.end());
+            const std::filesystem::path out = dir / (std::string("out_") + threads);
+            std::filesystem::remove_all(out);
+            arguments.insert(arguments.end(), {"--threads", threads, "--output-type", "raw",
+                                               "--output-dir", out.string()});
+            ASSERT_EQ(run(arguments), kv_tool::EXIT_OK);
+        }
+        for (const std::string& input : inputs) {
+            const std::string name = std::filesystem::path(input).stem().string() + ".raw";
+            const std::string one = contents(dir / "out_1" / name);
+            EXPECT_FALSE(one.empty()) << name;
+            EXPECT_EQ(one, contents(dir / "out_8" / name)) << name;
+        }
+    }
 }
 
 }  // namespace

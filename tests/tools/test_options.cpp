@@ -27,20 +27,24 @@ TEST(Options, GoodCommandLines) {
              EXPECT_FALSE(s.tier.has_value());
              EXPECT_GE(s.threads, 1u);
          }},
-        {{"bench", "--threads", "256"}, [](const settings& s) { EXPECT_EQ(s.threads, 256u); }},
-        {{"a.png", "-o", "b.ppm", "--bits=16", "--channels", "3"},
+        {{"bench", "--threads", "256", "--tier", "-1"},
+         [](const settings& s) {
+             EXPECT_EQ(s.mode, kv_tool::run_mode::bench);
+             EXPECT_EQ(s.threads, 256u);
+             EXPECT_EQ(*s.tier, -1);
+         }},
+        {{"a.png", "-o", "b.ppm", "--bits=16", "--channels", "3", "--matrix", "1,0,0, 0,1,0, 0,0,1",
+          "--matrix", "2 0 0 0 2 0 0 0 -0.5"},
          [](const settings& s) {
              EXPECT_EQ(s.inputs, words{"a.png"});
              EXPECT_EQ(s.output, "b.ppm");
              EXPECT_EQ(s.bits, 16);
-         }},
-        {{"--matrix", "1,0,0, 0,1,0, 0,0,1", "--matrix", "2 0 0 0 2 0 0 0 -0.5"},
-         [](const settings& s) {
              EXPECT_EQ(s.matrices,
                        (std::vector<std::array<float, 9>>{{1, 0, 0, 0, 1, 0, 0, 0, 1},
                                                           {2, 0, 0, 0, 2, 0, 0, 0, -0.5f}}));
          }},
-        {{"--input-lut", "srgb", "--input-lut", "r=gamma:2.2", "--output-lut", "bg=scale:0.5"},
+        {{"--input-lut", "srgb", "--input-lut", "r=gamma:2.2", "--output-lut", "bg=scale:0.5",
+          "--clamp", "100:200", "--clamp", "green=5:6", "--shift", "rb=-3"},
          [](const settings& s) {
              EXPECT_EQ(s.input_LUT[0].kind, kv_tool::curve_kind::srgb);
              EXPECT_EQ(s.input_LUT[1].kind, kv_tool::curve_kind::srgb);
@@ -49,9 +53,6 @@ TEST(Options, GoodCommandLines) {
              EXPECT_EQ(s.output_LUT[0].kind, kv_tool::curve_kind::scale);
              EXPECT_EQ(s.output_LUT[1].kind, kv_tool::curve_kind::scale);
              EXPECT_EQ(s.output_LUT[2].kind, kv_tool::curve_kind::off);
-         }},
-        {{"--clamp", "100:200", "--clamp", "green=5:6", "--shift", "rb=-3"},
-         [](const settings& s) {
              using limits = std::array<std::optional<uint16_t>, 3>;
              EXPECT_EQ(s.clamp_min, (limits{100, 5, 100}));
              EXPECT_EQ(s.clamp_max, (limits{200, 6, 200}));
@@ -63,18 +64,6 @@ TEST(Options, GoodCommandLines) {
              EXPECT_EQ(*s.tier, 2);
              EXPECT_EQ(s.input_layout, 0);
              EXPECT_EQ(s.output_layout, 7);  // left for the library to refuse
-         }},
-        {{"--tier", "-1"}, [](const settings& s) { EXPECT_EQ(*s.tier, -1); }},
-        {{"bench", "--json", "-", "--min-time", "0.25", "in.ppm"},
-         [](const settings& s) {
-             EXPECT_EQ(s.mode, kv_tool::run_mode::bench);
-             EXPECT_EQ(s.json, "-");
-             EXPECT_DOUBLE_EQ(s.min_time, 0.25);
-         }},
-        {{"a.png", "b.tif", "--output-dir", "out", "--output-type", "raw"},
-         [](const settings& s) {
-             EXPECT_EQ(s.output_type, kv_tool::file_type::raw);
-             EXPECT_EQ(s.inputs.size(), 2u);
          }},
         {{"--bits", "16", "--help", "--nonsense"},
          [](const settings& s) { EXPECT_EQ(s.mode, kv_tool::run_mode::help); }},
@@ -116,7 +105,6 @@ TEST(Options, BadCommandLinesNameTheOption) {
         {{"--tier", "fast"}, "--tier: 'fast' is not a tier"},
         {{"--threads", "0"}, "--threads: '0' is not a whole number from 1 to 256"},
         {{"bench", "--threads", "257"}, "--threads: '257' is not a whole number from 1 to 256"},
-        {{"--threads", "two"}, "--threads: 'two' is not a whole number"},
         {{"--input-layout", "grb"}, "--input-layout: 'grb' is not a layout (planes, bgr, rgb)"},
         {{"--chart-size", "10"}, "--chart-size: expected WIDTHxHEIGHT, got '10'"},
         {{"--chart-size", "65536x65536"}, "--chart-size: more pixels than one frame can hold"},
@@ -126,7 +114,6 @@ TEST(Options, BadCommandLinesNameTheOption) {
         {{"-o", "c.jpg"}, "-o: cannot tell the file type of 'c.jpg'"},
         {{"-o", "c.ppm", "--channels", "4"}, "-o: PPM holds three channels"},
         {{"--output-type", "png"}, "--output-type goes with --output-dir"},
-        {{"--output-dir", "d", "--output-type", "gif"}, "--output-type: cannot tell the file type"},
         {{"--json", "-"}, "--json, --svg and --min-time are options of bench"},
         {{"--narrow", "floor"}, "--narrow: 'floor' is not round or truncate"},
         {{"bench", "-o", "x.png"}, "bench writes no image"},
