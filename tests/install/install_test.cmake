@@ -4,8 +4,8 @@
 # the installed Python package, and the host once more with dlopen intercepted by a preloaded
 # library.
 # Run with cmake -P and: BUILD_DIR WORK_DIR HOST_DIR C_COMPILER C_FLAGS LINKER_FLAGS GENERATOR
-# PKG_CONFIG VERSION READELF PYTHON (empty: no Python check) PYTHON_DIR, CXX_COMPILER for the C++
-# host, SHIM_SOURCE and BROKEN_LUT_DIR (a folder whose LUT module lacks an entry point).
+# PKG_CONFIG VERSION READELF PYTHON (empty: no Python check) PYTHON_DIR, CXX_COMPILER and CPP_EXAMPLE for
+# the C++ example, SHIM_SOURCE and BROKEN_LUT_DIR (a folder whose LUT module lacks an entry point).
 
 # kv_run(WHAT <text> [EXPECT <exit code>] COMMAND <command...>): fails unless the command exits
 # with EXPECT (0 unless given).
@@ -104,15 +104,17 @@ kv_run(WHAT "build the pkg-config host"
                -o "${WORK_DIR}/pkg-config-host")
 kv_run(WHAT "run the pkg-config host" COMMAND ${run_env} "${WORK_DIR}/pkg-config-host")
 
-# 2b. The C++ interface, header-only over the same library (CXX_COMPILER given).
+# 2b. The C++ interface, header-only over the same library (CXX_COMPILER given): the documented
+#     C++ example, which checks its own pixels and links threads, built against the install.
 if(CXX_COMPILER)
   if(NOT EXISTS "${prefix}/include/kelvane_qor_color_processing.hpp")
     message(FATAL_ERROR "the install has no C++ header")
   endif()
-  kv_run(WHAT "build the C++ pkg-config host"
-         COMMAND "${CXX_COMPILER}" -std=c++17 -pthread ${c_flags} "${HOST_DIR}/host.cpp" ${flags}
+  kv_run(WHAT "build the C++ example as a pkg-config host"
+         COMMAND "${CXX_COMPILER}" -std=c++17 -pthread ${c_flags} "${CPP_EXAMPLE}" ${flags}
                  "-Wl,-rpath,${libdir}" -o "${WORK_DIR}/pkg-config-host-cpp")
-  kv_run(WHAT "run the C++ pkg-config host" COMMAND ${run_env} "${WORK_DIR}/pkg-config-host-cpp")
+  kv_run(WHAT "run the C++ example as a pkg-config host"
+         COMMAND ${run_env} "${WORK_DIR}/pkg-config-host-cpp")
 endif()
 
 # 3. The installed tool finds the library through its own RUNPATH.
