@@ -28,18 +28,9 @@
 #include "tests/module_support/loaded_module.h"
 
 #if defined(_WIN32)
-#include <process.h>
-
 #include "platform/windows_api.h"
-static int process_id() {
-    return _getpid();
-}
 #else
 #include <sys/stat.h>  // mkfifo
-#include <unistd.h>
-static int process_id() {
-    return static_cast<int>(getpid());
-}
 #endif
 
 namespace fs = std::filesystem;
@@ -157,11 +148,10 @@ class LoggerTest : public testing::Test {
   protected:
     void SetUp() override {
         previous_ = fs::current_path();
-        // Named after the test and the process, so that the same test running at once in another
-        // build, or in a death test's child, has a folder of its own.
+        // In the build folder CTest runs the test in, so that the same test running at once in
+        // another build has a folder of its own; a run that crashed leaves its folder to remove.
         const auto* test = testing::UnitTest::GetInstance()->current_test_info();
-        directory_ = fs::temp_directory_path() / ("kv_logger_" + std::string(test->name()) + "_" +
-                                                  std::to_string(process_id()));
+        directory_ = previous_ / ("kv_logger_" + std::string(test->name()));
         fs::remove_all(directory_);
         ASSERT_TRUE(fs::create_directory(directory_)) << directory_;
         fs::current_path(directory_);
