@@ -100,7 +100,8 @@ endif()
 separate_arguments(flags UNIX_COMMAND "${flags}")
 separate_arguments(c_flags UNIX_COMMAND "${C_FLAGS} ${LINKER_FLAGS}")
 kv_run(WHAT "build the pkg-config host"
-       COMMAND "${C_COMPILER}" ${c_flags} "${HOST_DIR}/host.c" ${flags} "-Wl,-rpath,${libdir}"
+       COMMAND "${C_COMPILER}" ${c_flags} "${HOST_DIR}/host.c"
+               "${HOST_DIR}/../../suite/c_header_test.c" ${flags} "-Wl,-rpath,${libdir}"
                -o "${WORK_DIR}/pkg-config-host")
 kv_run(WHAT "run the pkg-config host" COMMAND ${run_env} "${WORK_DIR}/pkg-config-host")
 
