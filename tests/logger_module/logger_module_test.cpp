@@ -311,7 +311,7 @@ TEST_F(LoggerTest, ConfigurationChoosesLevelsAndDestination) {
 // Copies the built module into `folder` and loads the copy, a module of its own with its own
 // state, reached through the returned functions.
 logger_functions load_copy(const fs::path& folder, std::unique_ptr<kv::test::loaded_module>& copy) {
-    const std::string built = kv::test::module_file_of(reinterpret_cast<const void*>(&qor_log));
+    const std::string built = kv::platform::module_path_of(reinterpret_cast<const void*>(&qor_log));
     fs::create_directories(folder);
     fs::copy_file(built, folder / module_file, fs::copy_options::overwrite_existing);
     copy = std::make_unique<kv::test::loaded_module>((folder / module_file).string());

@@ -44,10 +44,5 @@ class loaded_module {
     platform::module_handle handle_;
 };
 
-// The path of the loaded module that holds `address`; empty if none does.
-inline std::string module_file_of(const void* address) {
-    return platform::module_path_of(address);
-}
-
 }  // namespace test
 }  // namespace kv
