@@ -107,7 +107,7 @@ def first_failure(log):
     """The first failed test ctest reported in the log, for the table."""
     with open(log, encoding="utf-8", errors="replace") as f:
         text = f.read()
-    m = re.search(r"\d+/\d+ Test +#\d+: (.+?) \.{3,}\*{0,3}(Failed|Exception|Timeout|[A-Za-z ]*Fault)",
+    m = re.search(r"\d+/\d+ Test +#\d+: (.+?) \.{3,}\*{0,3}(Failed|Exception|Timeout|Subprocess aborted|[A-Za-z ]*Fault)",
                   text)
     if m:
         name = m.group(1).split("  #")[0].strip()  # without gtest's "# GetParam() = ..."
