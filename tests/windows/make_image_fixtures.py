@@ -45,12 +45,13 @@ def png(depth, bits, values):
             chunk(b'IEND', b''))
 
 
-def tiff(depth, bits, values, big_endian=False, width=WIDTH, height=HEIGHT):
+def tiff(depth, bits, values, big_endian=False, width=WIDTH, height=HEIGHT, count=None):
     order = '>' if big_endian else '<'
     strip = packed(values, bits, big_endian)
     entries = [(256, 4, [width]), (257, 4, [height]), (258, 3, [bits] * depth), (259, 3, [1]),
                (262, 3, [2 if depth >= 3 else 1]), (273, 4, [0]), (277, 3, [depth]),
-               (278, 4, [height]), (279, 4, [len(strip)]), (284, 3, [1])]
+               (278, 4, [height]), (279, 4, [len(strip) if count is None else count]),
+               (284, 3, [1])]
     if depth in (2, 4):
         entries.append((338, 3, [2]))  # unassociated alpha
     entries.sort()
@@ -107,6 +108,9 @@ def main():
         'rgba8.png': (png, 4, 8), 'graya16.png': (png, 2, 16), 'rgb16.tif': (tiff, 3, 16),
         'rgb16-mm.tif': (lambda d, b, v: tiff(d, b, v, big_endian=True), 3, 16),
         'rgba8.tif': (tiff, 4, 8), 'gray16.tif': (tiff, 1, 16), 'rgb8.bmp': (bmp, 3, 8),
+        # A lone uncompressed strip whose byte count runs far past the end of the file: libtiff
+        # recounts it from the image's size, and so must the checks made before decoding.
+        'rgb16-count.tif': (lambda d, b, v: tiff(d, b, v, count=0xFFFFFF00), 3, 16),
     }
     files = {}
     for name, (writer, depth, bits) in readable.items():

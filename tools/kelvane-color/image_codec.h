@@ -52,14 +52,33 @@ std::string png_cut_fault(bool image_complete, uint32_t rows_done, uint32_t heig
 struct tiff_strips {
     uint32_t height = 0;
     uint32_t rows_per_strip = 0xFFFFFFFFu;  // rows in every strip but the last
-    uint64_t row_bytes = 0;       // one decoded row
-    uint32_t compression = 1;     // as TIFF numbers it: 1 none, 5 LZW, 8 Deflate, ...
+    uint64_t row_bytes = 0;                 // one decoded row
+    uint32_t compression = 1;               // as TIFF numbers it: 1 none, 5 LZW, 8 Deflate, ...
     std::vector<uint64_t> offsets, counts;
 };
 
 // Checked before anything is decoded: every strip lies inside the file and holds enough bytes to
 // decode to its rows at its codec's largest expansion. Returns "" or the reason, in words.
 std::string tiff_strips_fault(const tiff_strips& layout, uint64_t file_size);
+
+// --- Checks of a file's own bytes, for decoders that accept more than libpng and libtiff do ---
+
+// A PNG's header read before any decoder sees it (some decode the whole image as soon as they
+// open the file): its pixel count and its size against the file's. Returns "" or the reason.
+std::string png_header_fault(const std::string& bytes);
+
+// Where a PNG's list of chunks stops short of its end chunk (IEND): libpng refuses such a file
+// wherever it was cut, some system decoders accept one cut after its image data.
+struct png_chunks {
+    bool cut = false;
+    bool after_image_data = false;  // the cut comes after the last image data chunk (IDAT)
+};
+png_chunks walk_png(const std::string& bytes);
+
+// The strips of a TIFF's first directory, read from its bytes with every position checked, so
+// they are checked against the file as libtiff's reader checks them. False for a file laid out
+// otherwise (tiles, separate planes, BigTIFF, a damaged directory): its decoder then judges it.
+bool read_tiff_strips(const std::string& bytes, tiff_strips* out);
 
 // An image of `width` x `height` pixels with room for `depth` samples a pixel (gray, gray + alpha,
 // RGB, RGBA) once gray is spread to RGB; no samples yet.

@@ -112,6 +112,138 @@ std::string tiff_strips_fault(const tiff_strips& layout, uint64_t file_size) {
     return std::string();
 }
 
+namespace {
+uint32_t big_endian_32(const std::string& bytes, size_t at) {
+    const auto byte = [&](size_t i) { return uint32_t(static_cast<unsigned char>(bytes[at + i])); };
+    return byte(0) << 24 | byte(1) << 16 | byte(2) << 8 | byte(3);
+}
+
+}  // namespace
+
+std::string png_header_fault(const std::string& bytes) {
+    if (bytes.size() < 26 || bytes.compare(12, 4, "IHDR") != 0) return std::string();
+    static const int channels_of_type[7] = {1, 0, 3, 1, 2, 0, 4};
+    const int type = static_cast<unsigned char>(bytes[25]);
+    const int channels = type < 7 ? channels_of_type[type] : 0;
+    if (channels == 0) return std::string();  // the decoder refuses it in its own words
+    const uint32_t width = big_endian_32(bytes, 16), height = big_endian_32(bytes, 20);
+    if (uint64_t(width) * height > max_pixels) {
+        return std::to_string(width) + "x" + std::to_string(height) +
+               " pixels is more than one frame can hold (2^31 - 1)";
+    }
+    return png_size_fault(width, height, channels, static_cast<unsigned char>(bytes[24]),
+                          bytes.size());
+}
+
+png_chunks walk_png(const std::string& bytes) {
+    png_chunks walk;
+    bool seen_data = false;
+    for (uint64_t at = 8;;) {
+        if (at + 8 > bytes.size()) {
+            walk.cut = true;
+            walk.after_image_data = seen_data;
+            return walk;
+        }
+        if (bytes.compare(size_t(at) + 4, 4, "IEND") == 0) return walk;
+        const bool data = bytes.compare(size_t(at) + 4, 4, "IDAT") == 0;
+        const uint64_t end = at + 12 + big_endian_32(bytes, size_t(at));
+        if (end > bytes.size()) {
+            walk.cut = true;
+            walk.after_image_data = seen_data && !data;
+            return walk;
+        }
+        seen_data = seen_data || data;
+        at = end;
+    }
+}
+
+bool read_tiff_strips(const std::string& bytes, tiff_strips* out) {
+    const bool big = bytes.size() >= 8 && bytes[0] == 'M';
+    const auto number = [&](uint64_t at, int size, uint64_t* value) {
+        if (at > bytes.size() || uint64_t(size) > bytes.size() - at) return false;
+        *value = 0;
+        for (int i = 0; i < size; ++i) {
+            const uint64_t byte = static_cast<unsigned char>(bytes[size_t(at) + i]);
+            *value |= byte << (8 * (big ? size - 1 - i : i));
+        }
+        return true;
+    };
+    uint64_t directory = 0, entries = 0, magic = 0;
+    if (!number(2, 2, &magic) || magic != 42 || !number(4, 4, &directory) ||
+        !number(directory, 2, &entries)) {
+        return false;
+    }
+    uint64_t width = 0, samples = 1, bits = 1, planar = 1;
+    std::vector<bool> seen(285);  // the tags read below are all under 285
+    for (uint64_t e = 0; e < entries; ++e) {
+        const uint64_t at = directory + 2 + 12 * e;
+        uint64_t tag = 0, type = 0, count = 0;
+        if (!number(at, 2, &tag) || !number(at + 2, 2, &type) || !number(at + 4, 4, &count)) {
+            return false;
+        }
+        // A tag written twice counts once, at its first entry, as libtiff reads it.
+        if (tag < seen.size()) {
+            if (seen[tag]) continue;
+            seen[tag] = true;
+        }
+        const int size = type == 3 ? 2 : type == 4 ? 4 : 0;  // SHORT or LONG
+        if (size == 0 || count == 0) continue;
+        uint64_t values = at + 8;
+        if (count * size > 4 && !number(at + 8, 4, &values)) return false;
+        if (count > (bytes.size() - std::min<uint64_t>(values, bytes.size())) / size) return false;
+        uint64_t first = 0;
+        number(values, size, &first);
+        switch (tag) {
+            case 256:
+                width = first;
+                break;
+            case 257:
+                out->height = uint32_t(first);
+                break;
+            case 258:
+                bits = first;
+                break;
+            case 259:
+                out->compression = uint32_t(first);
+                break;
+            case 277:
+                samples = first;
+                break;
+            case 278:
+                out->rows_per_strip = uint32_t(first);
+                break;
+            case 284:
+                planar = first;
+                break;
+            case 273:
+            case 279: {
+                std::vector<uint64_t>& list = tag == 273 ? out->offsets : out->counts;
+                list.resize(size_t(count));
+                for (uint64_t i = 0; i < count; ++i) number(values + i * size, size, &list[i]);
+                break;
+            }
+            default:
+                break;
+        }
+    }
+    out->row_bytes = (width * samples * bits + 7) / 8;
+    // libtiff recounts a lone strip whose byte count looks wrong, as writers that got it wrong are
+    // common: a count of zero or, uncompressed, one past the end of the file or too short for its
+    // rows. It then takes the strip's size uncompressed, at most the rest of the file compressed.
+    if (out->offsets.size() == 1 && out->counts.size() == 1 && out->offsets[0] != 0) {
+        const bool plain = out->compression == 1;
+        const uint64_t offset = out->offsets[0], size = bytes.size();
+        const uint64_t needed =
+            out->row_bytes * std::min<uint64_t>(out->height, out->rows_per_strip);
+        uint64_t& count = out->counts[0];
+        if (count == 0 ||
+            (plain && (count < needed || (offset <= size && count > size - offset)))) {
+            count = plain ? needed : offset <= size ? size - offset : 0;
+        }
+    }
+    return planar == 1 && !out->offsets.empty() && out->offsets.size() == out->counts.size();
+}
+
 void append_row(image* out, const uint16_t* row, uint32_t width, int depth) {
     if (depth == out->channels) {
         out->samples.insert(out->samples.end(), row, row + size_t(width) * depth);
