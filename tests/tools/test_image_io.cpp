@@ -47,6 +47,11 @@ TEST(ImageFiles, RoundTripsWidenEightBitSamples) {
             for (int channels : {3, 4}) cases.push_back({file_type::png, ".png", bits, channels});
         }
     }
+    if (kv_tool::tiff_supported()) {
+        for (int bits : {8, 16}) {
+            for (int channels : {3, 4}) cases.push_back({file_type::tiff, ".tif", bits, channels});
+        }
+    }
     const auto dir = scratch_dir();
     unsigned seed = 1;
     for (const round_trip_case& c : cases) {

@@ -20,8 +20,9 @@ constexpr uint64_t max_pixels = 0x7FFFFFFFu;
 // What the first bytes of a file say it is; `other` is anything read_image does not recognise.
 enum class coded_format { png, tiff, other };
 
-// Whether this build reads (`writing` false) or writes files of `type`.
-bool codec_handles(coded_format format, bool writing);
+// Whether this build reads and writes files of `format` (`other`: whether it has decoders for
+// formats read_image does not recognise itself).
+bool codec_handles(coded_format format);
 
 // Decodes the file of `size` bytes opened as `file` (its position anywhere) into 16-bit samples.
 image codec_read(const std::string& path, coded_format format, std::FILE* file, uint64_t size);

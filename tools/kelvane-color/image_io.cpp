@@ -715,14 +715,16 @@ void tiff_error_handler(const char* module, const char* format, va_list args) {
     tiff_message = module != nullptr ? std::string(module) + ": " + text : std::string(text);
 }
 
-// libtiff reads through these, so the file is the regular one already opened and checked, and a
-// read past its end is noticed here rather than reported as a byte count gone negative.
+// libtiff reads and writes through these, so the file is the regular one already opened and
+// checked, a read past its end is noticed here rather than reported as a byte count gone
+// negative, and a failed write keeps its reason.
 struct tiff_source {
     std::FILE* file;
     uint64_t size;
     uint64_t position = 0;
     bool ended = false;
     uint64_t ended_at = 0;
+    int write_error = 0;
 };
 
 tmsize_t tiff_read(thandle_t handle, void* data, tmsize_t length) {
@@ -736,8 +738,14 @@ tmsize_t tiff_read(thandle_t handle, void* data, tmsize_t length) {
     source->position += got;
     return tmsize_t(got);
 }
-tmsize_t tiff_write(thandle_t, void*, tmsize_t) {
-    return 0;
+tmsize_t tiff_write(thandle_t handle, void* data, tmsize_t length) {
+    auto* sink = static_cast<tiff_source*>(handle);
+    if (length <= 0) return 0;
+    const size_t put = std::fwrite(data, 1, size_t(length), sink->file);
+    if (put != size_t(length) && sink->write_error == 0) sink->write_error = errno;
+    sink->position += put;
+    sink->size = std::max(sink->size, sink->position);
+    return tmsize_t(put);
 }
 toff_t tiff_seek(thandle_t handle, toff_t offset, int whence) {
     auto* source = static_cast<tiff_source*>(handle);
@@ -864,6 +872,55 @@ image read_tiff(const std::string& path, std::FILE* file, uint64_t file_size) {
     }
     return out;
 }
+
+// Deflate-compressed strips of about 256 KiB, as the Windows build writes them.
+std::string tiff_to_stream(std::FILE* file, const image& picture) {
+    TIFFSetErrorHandler(tiff_error_handler);
+    TIFFSetWarningHandler(nullptr);
+    tiff_message.clear();
+    tiff_source sink{file, 0};
+    std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(
+        TIFFClientOpen("output", "wm", &sink, tiff_read, tiff_write, tiff_seek, tiff_close,
+                       tiff_size, nullptr, nullptr),
+        TIFFClose);
+    const uint32_t element_size = picture.bits == 16 ? 2 : 1;
+    const size_t row_samples = size_t(picture.width) * picture.channels;
+    const size_t row_bytes = row_samples * element_size;
+    const uint16_t unassociated_alpha[1] = {EXTRASAMPLE_UNASSALPHA};
+    bool ok = tiff != nullptr;
+    if (ok) {
+        TIFF* t = tiff.get();
+        ok = TIFFSetField(t, TIFFTAG_IMAGEWIDTH, uint32_t(picture.width)) &&
+             TIFFSetField(t, TIFFTAG_IMAGELENGTH, uint32_t(picture.height)) &&
+             TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, picture.bits) &&
+             TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, picture.channels) &&
+             TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB) &&
+             TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG) &&
+             TIFFSetField(t, TIFFTAG_SAMPLEFORMAT, SAMPLEFORMAT_UINT) &&
+             TIFFSetField(t, TIFFTAG_ROWSPERSTRIP,
+                          uint32_t(std::max<size_t>(1, (size_t(256) << 10) / row_bytes))) &&
+             (picture.channels == 3 ||
+              TIFFSetField(t, TIFFTAG_EXTRASAMPLES, 1, unassociated_alpha)) &&
+             (!TIFFIsCODECConfigured(COMPRESSION_ADOBE_DEFLATE) ||
+              TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE));
+    }
+    // libtiff's encoders may change a row in place, so each is copied first.
+    std::vector<unsigned char> row(row_bytes);
+    for (int32_t y = 0; ok && y < picture.height; ++y) {
+        const uint16_t* from = picture.samples.data() + size_t(y) * row_samples;
+        if (element_size == 2) {
+            std::memcpy(row.data(), from, row_bytes);  // libtiff takes host order
+        } else {
+            for (size_t i = 0; i < row_samples; ++i) row[i] = static_cast<unsigned char>(from[i]);
+        }
+        ok = TIFFWriteScanline(tiff.get(), row.data(), uint32_t(y), 0) == 1;
+    }
+    ok = ok && TIFFFlush(tiff.get()) == 1;
+    if (sink.write_error != 0)
+        return "cannot write: " + std::string(std::strerror(sink.write_error));
+    if (!ok) return "TIFF: cannot encode the image [libtiff: " + tiff_message + "]";
+    return std::string();
+}
 #endif
 
 std::string lower_extension(const std::string& path) {
@@ -882,7 +939,7 @@ std::string write_bytes(std::FILE* out, const void* data, size_t size) {
 }  // namespace
 
 #if !defined(_WIN32)
-bool codec_handles(coded_format format, bool writing) {
+bool codec_handles(coded_format format) {
     switch (format) {
         case coded_format::png:
 #if defined(KV_TOOL_HAVE_PNG)
@@ -892,7 +949,7 @@ bool codec_handles(coded_format format, bool writing) {
 #endif
         case coded_format::tiff:
 #if defined(KV_TOOL_HAVE_TIFF)
-            return !writing;
+            return true;
 #else
             return false;
 #endif
@@ -922,6 +979,12 @@ void codec_write(const std::string& path, coded_format format, const image& pict
         return;
     }
 #endif
+#if defined(KV_TOOL_HAVE_TIFF)
+    if (format == coded_format::tiff) {
+        replace_file(path, [&](std::FILE* out) { return tiff_to_stream(out, picture); });
+        return;
+    }
+#endif
     (void)picture;
     throw usage_error(path + ": " + (format == coded_format::tiff ? "TIFF" : "PNG") +
                       " support is not built into this kelvane-color");
@@ -929,16 +992,16 @@ void codec_write(const std::string& path, coded_format format, const image& pict
 #endif
 
 bool png_supported() {
-    return codec_handles(coded_format::png, false);
+    return codec_handles(coded_format::png);
 }
 
 bool tiff_supported() {
-    return codec_handles(coded_format::tiff, false);
+    return codec_handles(coded_format::tiff);
 }
 
 bool can_write(file_type type) {
-    if (type == file_type::png) return codec_handles(coded_format::png, true);
-    if (type == file_type::tiff) return codec_handles(coded_format::tiff, true);
+    if (type == file_type::png) return png_supported();
+    if (type == file_type::tiff) return tiff_supported();
     return true;
 }
 
@@ -950,7 +1013,7 @@ file_type file_type_of(const std::string& path, const char* option) {
     if (ext == ".tif" || ext == ".tiff") return file_type::tiff;
     if (ext == ".raw") return file_type::raw;
     throw usage_error(std::string(option) + ": cannot tell the file type of '" + path +
-                      "' (use .png, .ppm, .pam or .raw)");
+                      "' (use .png, .tif, .ppm, .pam or .raw)");
 }
 
 const char* file_type_name(file_type type) {
@@ -1010,7 +1073,7 @@ image read_image(const std::string& path) {
     }
     if (got == 0) throw file_error(path, "empty file");
     // The system's decoders (JPEG, BMP and others on Windows) have the last word.
-    if (codec_handles(coded_format::other, false)) {
+    if (codec_handles(coded_format::other)) {
         return codec_read(path, coded_format::other, in.file.get(), in.size);
     }
     throw file_error(path, "not a PNG, PPM, PGM, PAM or TIFF image");
@@ -1020,7 +1083,7 @@ void write_image(const std::string& path, file_type type, const image& picture) 
     if (type == file_type::ppm && picture.channels != 3) {
         throw usage_error(path + ": PPM holds three channels; write four to .pam, .png or .raw");
     }
-    if (type == file_type::png || (type == file_type::tiff && can_write(type))) {
+    if (type == file_type::png || type == file_type::tiff) {
         codec_write(path, type == file_type::png ? coded_format::png : coded_format::tiff, picture);
         return;
     }

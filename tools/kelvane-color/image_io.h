@@ -30,7 +30,7 @@ const char* file_type_name(file_type type);
 const char* file_type_extension(file_type type);
 bool png_supported();
 bool tiff_supported();
-// Whether this build writes files of `type` (TIFF only on Windows).
+// Whether this build writes files of `type` (PNG and TIFF need libpng and libtiff off Windows).
 bool can_write(file_type type);
 
 // Windows builds read and write PNG and TIFF through the system's codecs, which decode JPEG, BMP

@@ -372,7 +372,7 @@ void encode(const std::string& path, coded_format format, const image& picture) 
 
 }  // namespace
 
-bool codec_handles(coded_format format, bool) {
+bool codec_handles(coded_format format) {
     return format == coded_format::png || format == coded_format::tiff ||
            format == coded_format::other;
 }

@@ -172,8 +172,7 @@ constexpr const char* other_section = "Other:";
 
 const option_spec options[] = {
     {"-o", "--output", "FILE", output_section,
-     system_codecs ? "one output: .png, .tif, .ppm, .pam or .raw (the library's buffer as is)"
-                   : "one output: .png, .ppm, .pam or .raw (the library's buffer as is)",
+     "one output: .png, .tif, .ppm, .pam or .raw (the library's buffer as is)",
      [](parse_state& p, const std::string& name, const std::string& value) {
          p.s.output = value;
          if (p.s.output.empty()) throw usage_error(name + ": empty file name");
@@ -187,12 +186,12 @@ const option_spec options[] = {
          p.output_options = true;
      }},
     {nullptr, "--output-type", "TYPE", output_section,
-     system_codecs ? "png (default), tif, ppm, pam or raw, with --output-dir"
-                   : "png (default), ppm, pam or raw, with --output-dir",
+     "png (default), tif, ppm, pam or raw, with --output-dir",
      [](parse_state& p, const std::string&, const std::string& value) {
          p.s.output_type = file_type_of("x." + value, "--output-type");
          if (!can_write(p.s.output_type)) {
-             throw usage_error("--output-type: TIFF is read only (use png, ppm, pam or raw)");
+             throw usage_error(std::string("--output-type: ") + file_type_name(p.s.output_type) +
+                               " support is not built into this kelvane-color");
          }
          p.s.output_type_given = true;
          p.output_options = true;
@@ -451,7 +450,8 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
     if (!s.output.empty()) {
         const file_type type = file_type_of(s.output, "-o");
         if (!can_write(type)) {
-            throw usage_error("-o: TIFF is read only (use .png, .ppm, .pam or .raw)");
+            throw usage_error(std::string("-o: ") + file_type_name(type) +
+                              " support is not built into this kelvane-color");
         }
         if (type == file_type::ppm && s.channels == 4) {
             throw usage_error(
