@@ -17,12 +17,6 @@ for preset in "${presets[@]}"; do
         # Quiet Wine, and no offer to install .NET or a browser engine into a new prefix (the
         # first start of a new prefix takes some seconds more).
         export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
-        # Under load a Wine process has been seen to exit with code 1 and no output at all. One
-        # server for the whole run spares the many short Wine processes its start and stop, and the
-        # windows test preset runs a failed test a second time.
-        wineserver=$(command -v wineserver || echo /usr/lib/wine/wineserver64)
-        "${wineserver}" -p || true
-        trap '"${wineserver}" -k || true' EXIT
     fi
     echo "=== ${preset}: configure, build, test"
     cmake --preset "${preset}" >/dev/null
