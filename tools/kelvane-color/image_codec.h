@@ -81,6 +81,10 @@ png_chunks walk_png(const std::string& bytes);
 // otherwise (tiles, separate planes, BigTIFF, a damaged directory): its decoder then judges it.
 bool read_tiff_strips(const std::string& bytes, tiff_strips* out);
 
+// Copies `count` samples as a file's encoder takes them: at 16 bits two bytes each in host order,
+// at 8 bits one byte each.
+void pack_samples(const uint16_t* from, size_t count, int bits, unsigned char* to);
+
 // An image of `width` x `height` pixels with room for `depth` samples a pixel (gray, gray + alpha,
 // RGB, RGBA) once gray is spread to RGB; no samples yet.
 image empty_image(uint32_t width, uint32_t height, int depth);

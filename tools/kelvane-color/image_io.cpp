@@ -244,6 +244,14 @@ bool read_tiff_strips(const std::string& bytes, tiff_strips* out) {
     return planar == 1 && !out->offsets.empty() && out->offsets.size() == out->counts.size();
 }
 
+void pack_samples(const uint16_t* from, size_t count, int bits, unsigned char* to) {
+    if (bits == 16) {
+        std::memcpy(to, from, count * 2);
+    } else {
+        for (size_t i = 0; i < count; ++i) to[i] = static_cast<unsigned char>(from[i]);
+    }
+}
+
 void append_row(image* out, const uint16_t* row, uint32_t width, int depth) {
     if (depth == out->channels) {
         out->samples.insert(out->samples.end(), row, row + size_t(width) * depth);
@@ -685,13 +693,7 @@ std::string png_to_stream(std::FILE* file, const image& picture) {
     std::vector<unsigned char> packed;
     const size_t element_size = picture.bits == 16 ? 2 : 1;
     packed.resize(picture.samples.size() * element_size);
-    if (element_size == 2) {
-        std::memcpy(packed.data(), picture.samples.data(), packed.size());
-    } else {
-        for (size_t i = 0; i < picture.samples.size(); ++i) {
-            packed[i] = static_cast<unsigned char>(picture.samples[i]);
-        }
-    }
+    pack_samples(picture.samples.data(), picture.samples.size(), picture.bits, packed.data());
     const size_t row_bytes = size_t(picture.width) * picture.channels * element_size;
     std::vector<png_bytep> rows(picture.height);
     for (int32_t y = 0; y < picture.height; ++y) rows[y] = packed.data() + y * row_bytes;
@@ -907,12 +909,8 @@ std::string tiff_to_stream(std::FILE* file, const image& picture) {
     // libtiff's encoders may change a row in place, so each is copied first.
     std::vector<unsigned char> row(row_bytes);
     for (int32_t y = 0; ok && y < picture.height; ++y) {
-        const uint16_t* from = picture.samples.data() + size_t(y) * row_samples;
-        if (element_size == 2) {
-            std::memcpy(row.data(), from, row_bytes);  // libtiff takes host order
-        } else {
-            for (size_t i = 0; i < row_samples; ++i) row[i] = static_cast<unsigned char>(from[i]);
-        }
+        pack_samples(picture.samples.data() + size_t(y) * row_samples, row_samples, picture.bits,
+                     row.data());
         ok = TIFFWriteScanline(tiff.get(), row.data(), uint32_t(y), 0) == 1;
     }
     ok = ok && TIFFFlush(tiff.get()) == 1;

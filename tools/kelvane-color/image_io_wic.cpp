@@ -343,10 +343,8 @@ void encode(const std::string& path, coded_format format, const image& picture) 
         const uint32_t rows = std::min(band, uint32_t(picture.height) - y);
         const uint16_t* from = picture.samples.data() + size_t(y) * row_samples;
         const size_t count = size_t(row_samples) * rows;
-        if (wide) {
-            std::memcpy(packed.data(), from, count * 2);
-        } else {
-            for (size_t i = 0; i < count; ++i) packed[i] = static_cast<unsigned char>(from[i]);
+        pack_samples(from, count, picture.bits, packed.data());
+        if (!wide) {
             for (size_t i = 0; i < count; i += picture.channels)
                 std::swap(packed[i], packed[i + 2]);
         }
