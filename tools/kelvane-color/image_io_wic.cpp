@@ -82,6 +82,13 @@ class com_session {
     com_session(const com_session&) = delete;
     com_session& operator=(const com_session&) = delete;
     HRESULT result() const { return result_ == RPC_E_CHANGED_MODE ? S_OK : result_; }
+    // The imaging factory, once COM is up in this thread; the session outlives what it makes.
+    HRESULT create_factory(ComPtr<IWICImagingFactory>* factory) const {
+        const HRESULT hr = result();
+        if (FAILED(hr)) return hr;
+        return CoCreateInstance(CLSID_WICImagingFactory, nullptr, CLSCTX_INPROC_SERVER,
+                                IID_PPV_ARGS(factory->ReleaseAndGetAddressOf()));
+    }
 
   private:
     HRESULT result_;
@@ -194,15 +201,11 @@ image decode(const std::string& path, coded_format format, const std::string& by
         if (!fault.empty()) throw file_error(path, prefix + fault);
     }
     const com_session com;
-    HRESULT hr = com.result();
     ComPtr<IWICImagingFactory> factory;
     ComPtr<IWICStream> stream;
     ComPtr<IWICBitmapDecoder> decoder;
     ComPtr<IWICBitmapFrameDecode> frame;
-    if (SUCCEEDED(hr)) {
-        hr = CoCreateInstance(CLSID_WICImagingFactory, nullptr, CLSCTX_INPROC_SERVER,
-                              IID_PPV_ARGS(&factory));
-    }
+    HRESULT hr = com.create_factory(&factory);
     if (SUCCEEDED(hr)) hr = factory->CreateStream(&stream);
     if (SUCCEEDED(hr)) {
         hr = stream->InitializeFromMemory(reinterpret_cast<BYTE*>(const_cast<char*>(bytes.data())),
@@ -293,16 +296,12 @@ void encode(const std::string& path, coded_format format, const image& picture) 
                              ? (alpha ? GUID_WICPixelFormat64bppRGBA : GUID_WICPixelFormat48bppRGB)
                              : (alpha ? GUID_WICPixelFormat32bppBGRA : GUID_WICPixelFormat24bppBGR);
     const com_session com;
-    HRESULT hr = com.result();
     ComPtr<IWICImagingFactory> factory;
     ComPtr<IStream> stream;
     ComPtr<IWICBitmapEncoder> encoder;
     ComPtr<IWICBitmapFrameEncode> frame;
     ComPtr<IPropertyBag2> options;
-    if (SUCCEEDED(hr)) {
-        hr = CoCreateInstance(CLSID_WICImagingFactory, nullptr, CLSCTX_INPROC_SERVER,
-                              IID_PPV_ARGS(&factory));
-    }
+    HRESULT hr = com.create_factory(&factory);
     if (SUCCEEDED(hr)) hr = CreateStreamOnHGlobal(nullptr, TRUE, &stream);
     if (SUCCEEDED(hr)) {
         hr = factory->CreateEncoder(
