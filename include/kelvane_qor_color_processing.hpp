@@ -121,6 +121,27 @@ constexpr bool is_interleaved(layout l) noexcept {
 
 enum class channel : int { blue = 0, green = 1, red = 2 };
 
+// Below this many pixels a stripe costs more to start a thread for than it saves: a thread's
+// start and join take about as long as the fastest path needs for this many pixels.
+constexpr int32_t minimum_stripe_pixels = 32768;
+
+// The cores std::thread reports, at least 1.
+inline unsigned core_count() noexcept {
+    const unsigned cores = std::thread::hardware_concurrency();
+    return cores == 0 ? 1 : cores;
+}
+
+// How many stripes transform_striped cuts an interleaved frame of `pixels` into: `threads`
+// (0 for every core) but never more than `cores`, nor so many that a stripe holds fewer than
+// `minimum_stripe` pixels; at least 1.
+constexpr int64_t stripe_count(int32_t pixels, unsigned threads, unsigned cores,
+                               int32_t minimum_stripe = minimum_stripe_pixels) noexcept {
+    const int64_t wanted = threads == 0 || threads > cores ? cores : threads;
+    const int64_t fit = int64_t(pixels) / (minimum_stripe > 1 ? minimum_stripe : 1);
+    const int64_t stripes = wanted < fit ? wanted : fit;
+    return stripes > 1 ? stripes : 1;
+}
+
 // The 2^bits entries of one LUT, owned by its processor and valid while it lives.
 class LUT_span {
   public:
@@ -366,13 +387,13 @@ class processor {
         using getter = uint32_t* (*)(kv_color_processor_handle);
         const getter getters[3] = {kv_color_get_blue_input_LUT, kv_color_get_green_input_LUT,
                                    kv_color_get_red_input_LUT};
-        return table(getters[int(c)], input_bits_, "an input LUT");
+        return table(getters[channel_index(c)], input_bits_, "an input LUT");
     }
     LUT_span output_LUT(channel c) const {
         using getter = uint32_t* (*)(kv_color_processor_handle);
         const getter getters[3] = {kv_color_get_blue_output_LUT, kv_color_get_green_output_LUT,
                                    kv_color_get_red_output_LUT};
-        return table(getters[int(c)], output_bits_, "an output LUT");
+        return table(getters[channel_index(c)], output_bits_, "an output LUT");
     }
 
     // One frame on the calling thread. The pixel counts of the two frames must agree. A refusal
@@ -386,21 +407,23 @@ class processor {
               transform_name<Element>(output.channels()));
     }
 
-    // The same frame cut into up to `threads` stripes of whole pixels, all transformed at once on
-    // this processor (one stripe on the calling thread), with output identical to transform().
-    // Frames with a planar side run whole on the calling thread. A thread that cannot be started
-    // leaves its stripe to the calling thread. Every stripe is validated alike, so a refusal
-    // throws status_error with neither buffer touched, as in transform().
+    // The same frame cut into stripes of whole pixels, all transformed at once on this processor
+    // (one stripe on the calling thread), with output identical to transform(). `threads` 0 means
+    // every core; more than the machine's cores are not started, and no stripe is cut below
+    // `minimum_stripe` pixels (see stripe_count). Frames with a planar side run whole on the
+    // calling thread. A thread that cannot be started leaves its stripe to the calling thread.
+    // Every stripe is validated alike, so a refusal throws status_error with neither buffer
+    // touched, as in transform().
     template <typename Element>
     void transform_striped(const input_frame& input, const output_frame<Element>& output,
-                           const frame_settings& settings, unsigned threads) const {
+                           const frame_settings& settings, unsigned threads = 0,
+                           int32_t minimum_stripe = minimum_stripe_pixels) const {
         check_pixels(input.pixels(), output.pixels());
         const int32_t pixels = input.pixels();
         const bool stripes_possible =
             is_interleaved(input.pixel_layout()) && is_interleaved(output.pixel_layout());
-        const int64_t stripes = !stripes_possible || pixels <= 1 || threads <= 1
-                                    ? 1
-                                    : std::min<int64_t>(threads, pixels);
+        const int64_t stripes =
+            stripes_possible ? stripe_count(pixels, threads, core_count(), minimum_stripe) : 1;
         if (stripes == 1) {
             transform(input, output, settings);
             return;
@@ -462,6 +485,15 @@ class processor {
 
     static void check(kv_status status, const char* call) {
         if (status != KV_STATUS_SUCCESS) throw status_error(status, call);
+    }
+
+    static int channel_index(channel c) {
+        const int index = int(c);
+        if (index < 0 || index > 2) {
+            throw error("channel " + std::to_string(index) +
+                        " is none of blue (0), green (1), red (2)");
+        }
+        return index;
     }
 
     static void check_pixels(int32_t input_pixels, int32_t output_pixels) {

@@ -173,6 +173,41 @@ TEST(LUTSpan, SizeIsTwoToTheBitsAndWritesReachTheLibrary) {
     EXPECT_NE(red.data(), p.output_LUT(kelvane::channel::blue).data());
     std::fill(red.begin(), red.end(), 7u);
     EXPECT_EQ(kv_color_get_red_output_LUT(p.handle())[4095], 7u);
+    // A channel outside blue, green, red is an error, not an index past the getters.
+    for (int c : {-1, 3, 5}) {
+        EXPECT_THROW(p.input_LUT(kelvane::channel(c)), kelvane::error) << c;
+        EXPECT_THROW(p.output_LUT(kelvane::channel(c)), kelvane::error) << c;
+    }
+}
+
+// Stripes never outnumber the cores, 0 threads means every core, and no stripe is cut below the
+// minimum: a frame of fewer than two minimum stripes runs whole.
+TEST(StripeCount, BoundedByCoresAndStripeSize) {
+    constexpr int32_t m = kelvane::minimum_stripe_pixels;
+    struct row {
+        int32_t pixels;
+        unsigned threads, cores;
+        int32_t minimum;
+        int64_t stripes;
+    } rows[] = {
+        {200000, unsigned(-1), 2, m, 2},
+        {200000, 0, 2, m, 2},
+        {200000, 0, 64, m, 6},
+        {200000, 3, 64, m, 3},
+        {2 * m - 1, 8, 8, m, 1},
+        {2 * m, 8, 8, m, 2},
+        {5, 8, 8, 1, 5},
+        {5, 8, 8, 0, 5},
+        {1, 8, 8, 1, 1},
+        {0, 8, 8, 1, 1},
+        {-7, 8, 8, 1, 1},
+        {1000, 1, 8, 1, 1},
+    };
+    for (const row& r : rows) {
+        EXPECT_EQ(kelvane::stripe_count(r.pixels, r.threads, r.cores, r.minimum), r.stripes)
+            << r.pixels << " pixels, " << r.threads << " threads, " << r.cores << " cores, minimum "
+            << r.minimum;
+    }
 }
 
 // The last journal event of `module`, "" if none.
@@ -239,8 +274,9 @@ TEST(IncompleteLUTModule, FailedInitialiseIsThrownAndStillTerminated) {
     EXPECT_FALSE(library_is_up());
 }
 
-// One call, then 1 to 5 stripes, over outputs with 64 guard bytes on either side. The settings
-// clamp every channel, shift blue right and red left.
+// One call, then 1 to 5 threads (as many stripes as there are cores, down to one pixel each), over
+// outputs with 64 guard bytes on either side. The settings clamp every channel, shift blue right
+// and red left.
 template <typename Element>
 void compare_striped(const kelvane::processor& p, const kelvane::input_frame& input, layout out,
                      int channels) {
@@ -258,7 +294,7 @@ void compare_striped(const kelvane::processor& p, const kelvane::input_frame& in
     ASSERT_TRUE(whole != fresh) << "one call stored nothing";
     for (unsigned threads = 1; threads <= 5; ++threads) {
         std::vector<Element> striped = fresh;
-        p.transform_striped(input, view(striped), settings, threads);
+        p.transform_striped(input, view(striped), settings, threads, 1);
         ASSERT_TRUE(striped == whole) << threads << " threads";
     }
 }
