@@ -3,6 +3,8 @@
 // order of appended matrices and the alpha of four-channel images. Refused transforms are runs of
 // the program (CMakeLists.txt).
 #include <algorithm>
+#include <cmath>
+#include <utility>
 #include <cstring>
 
 #include "chart.h"
@@ -105,14 +107,19 @@ TEST(ToolPipeline, OptionSetsMatchTheReferenceModel) {
     }
 }
 
-// The alpha of four-channel output is the input's, narrowed with rounding; a three-channel input
-// gives opaque pixels. The color survives the trip through planes.
+// The alpha of four-channel output is the input's, every 16-bit value narrowed to
+// round(v x 255 / 65535) at 8 bits; a three-channel input gives opaque pixels. The color survives
+// the trip through planes.
 TEST(ToolPipeline, FourChannelImagesCarryTheInputAlpha) {
-    kv_tool::image picture = kv_tool::make_chart(3, 1);
+    kv_tool::image picture = kv_tool::make_chart(256, 256);
     picture.channels = 4;
-    picture.samples = {65535, 0, 0, 0, 0, 65535, 0, 32896, 1, 2, 3, 65535};
-    kv_tool::image opaque = kv_tool::make_chart(3, 1);
-    for (const kv_tool::image* source : {&picture, &opaque}) {
+    picture.samples.assign(4 * 65536, 0);
+    for (uint32_t v = 0; v < 65536; ++v) {
+        picture.samples[4 * v] = 65535;  // red
+        picture.samples[4 * v + 3] = uint16_t(v);
+    }
+    const kv_tool::image opaque = kv_tool::make_chart(256, 256);
+    for (const kv_tool::image* source : {&std::as_const(picture), &opaque}) {
         for (const int bits : {8, 16}) {
             SCOPED_TRACE(std::to_string(source->channels) + " channels in, " +
                          std::to_string(bits) + " bits");
@@ -120,22 +127,22 @@ TEST(ToolPipeline, FourChannelImagesCarryTheInputAlpha) {
                 {"--channels", "4", "--bits", std::to_string(bits), "--output-layout", "planes"});
             const kv_tool::pipeline_plan plan = kv_tool::plan_pipeline(s);
             const std::vector<uint16_t> input = kv_tool::to_input_buffer(*source, s.input_layout);
-            std::vector<uint16_t> out(kv_tool::output_bytes(s, 3) / 2 + 1);
+            std::vector<uint16_t> out(kv_tool::output_bytes(s, 65536) / 2 + 1);
             ASSERT_EQ(kv_tool::run_transform(kv_tool::processor(s, plan, 0), s, plan, input.data(),
-                                             out.data(), 3),
+                                             out.data(), 65536),
                       KV_STATUS_SUCCESS);
             const std::vector<uint16_t> got =
                 kv_tool::from_output_buffer(out.data(), s, *source).samples;
             const uint16_t full = bits == 8 ? 255 : 65535;
-            const std::vector<uint16_t> alpha = source == &opaque ? std::vector<uint16_t>(3, full)
-                                                : bits == 8
-                                                    ? std::vector<uint16_t>{0, 128, 255}
-                                                    : std::vector<uint16_t>{0, 32896, 65535};
-            ASSERT_EQ(got.size(), 12u);
-            EXPECT_EQ((std::vector<uint16_t>{got[3], got[7], got[11]}), alpha);
-            if (source == &picture) {
-                EXPECT_EQ((std::vector<uint16_t>{got[0], got[5]}),
-                          (std::vector<uint16_t>{full, full}));
+            ASSERT_EQ(got.size(), 4u * 65536);
+            for (uint32_t v = 0; v < 65536; ++v) {
+                const auto alpha = source == &opaque ? full
+                                   : bits == 8       ? uint16_t(std::lround(v * 255.0 / 65535.0))
+                                                     : uint16_t(v);
+                ASSERT_EQ(got[4 * v + 3], alpha) << "alpha " << v;
+                if (source == &picture) {
+                    ASSERT_EQ(got[4 * v], full) << "red of pixel " << v;
+                }
             }
         }
     }

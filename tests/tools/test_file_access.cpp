@@ -7,6 +7,7 @@
 #include "curves.h"
 #include "file_access.h"
 #include "image_io.h"
+#include "interruption.h"
 #include "tool_test_support.h"
 
 #if !defined(_WIN32)
@@ -131,6 +132,19 @@ TEST(InputFiles, OnlyRegularFilesWithinTheirBoundAreRead) {
     }
 }
 
+// What an interruption removes: the names registered at that moment, whether or not their file
+// exists yet, and nothing whose registration has ended.
+TEST(Interruption, RemovesTheRegisteredTemporariesOnly) {
+    const fs::path dir = scratch_dir();
+    const std::string names[] = {(dir / "a.kv-partial").string(), (dir / "b.kv-partial").string(),
+                                 (dir / "done.kv-partial").string()};
+    { kv_tool::pending_removal finished(names[2]); }
+    kv_tool::pending_removal a(names[0]), b(names[1]), never_created((dir / "none").string());
+    for (const std::string& name : names) write_text(name, "partial");
+    kv_tool::remove_pending_files();
+    EXPECT_EQ(listing(dir), (std::map<std::string, std::string>{{"done.kv-partial", "partial"}}));
+}
+
 struct escape_case {
     std::string text;
     std::string shown;
@@ -147,6 +161,13 @@ TEST(Messages, ControlBytesAreEscaped) {
          "31m",
          "csi \\xC2\\x9B31m"},
         {"caf\xc3\xa9 \xc2\xa0 \\x41", "caf\xc3\xa9 \xc2\xa0 \\x41"},  // UTF-8 and backslashes kept
+        // Lone C1 bytes and whatever is not UTF-8: cut sequences, overlong forms, surrogates,
+        // values past U+10FFFF. Four-byte characters pass.
+        {"a\x9b[31mb \x85", "a\\x9B[31mb \\x85"},
+        {"cut \xc3", "cut \\xC3"},
+        {"\xe2\x82 \xe0\x80\xaf \xc0\xaf", "\\xE2\\x82 \\xE0\\x80\\xAF \\xC0\\xAF"},
+        {"\xed\xa0\x80 \xf4\x90\x80\x80 \xf5", "\\xED\\xA0\\x80 \\xF4\\x90\\x80\\x80 \\xF5"},
+        {"\xf0\x9f\x8e\xa8 \xe2\x82\xac", "\xf0\x9f\x8e\xa8 \xe2\x82\xac"},
     };
     for (const escape_case& c : cases) {
         EXPECT_EQ(kv_tool::printable(c.text), c.shown);

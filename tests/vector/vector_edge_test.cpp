@@ -194,17 +194,21 @@ TEST_P(MemoryBounds, BuffersEndingOrBeginningAtAPageBoundary) {
 }
 
 // Overlapping buffers and counts of 0 or less are declined without a write (the scalar kernels
-// define what an overlapping call does); buffers that touch without overlapping are not.
+// define what an overlapping call does); buffers that touch without overlapping are not. An
+// output that ends in the input only by its fourth elements overlaps it too.
 TEST_P(MemoryBounds, OverlapAndEmptyCountsAreDeclined) {
     const int32_t n = 200;
     std::mt19937 rng(23);
     const std::vector<uint16_t> input = random_input(n, rng);
-    for (int width : {8, 16}) {
+    const std::pair<int, bool> forms[] = {{8, false}, {16, false}, {8, true}, {16, true}};
+    for (const auto& [width, fourth] : forms) {
         frame_settings s;
         s.width = width;
+        s.fourth_channel = fourth;
         const frame f(s, input, 9);
         const std::vector<uint8_t> expected = f.run_reference();
         const ptrdiff_t input_bytes = 6 * n, output_bytes = ptrdiff_t(f.output_bytes());
+        const ptrdiff_t element = width / 8, three_elements = 3 * n * element;
         struct placement {
             const char* name;
             ptrdiff_t output_from_input;  // bytes
@@ -217,6 +221,7 @@ TEST_P(MemoryBounds, OverlapAndEmptyCountsAreDeclined) {
             {"output two bytes before input's end", input_bytes - 2, n, true},
             {"output right behind input", input_bytes, n, false},
             {"input right behind output", -output_bytes, n, false},
+            {"output's fourth elements reach the input", -(three_elements + element), n, fourth},
             {"no pixels", input_bytes, 0, true},
             {"-1 pixels", input_bytes, -1, true},
             {"-64 pixels", input_bytes, -64, true},
@@ -234,12 +239,13 @@ TEST_P(MemoryBounds, OverlapAndEmptyCountsAreDeclined) {
             r.pixel_count = p.pixel_count;
             const int32_t count = module().transform(width, r);
             if (p.declined) {
-                EXPECT_EQ(count, 0) << p.name << ", width " << width;
-                EXPECT_EQ(storage, before) << p.name << ", width " << width;
+                EXPECT_EQ(count, 0) << p.name << ", width " << width << ", fourth " << fourth;
+                EXPECT_EQ(storage, before)
+                    << p.name << ", width " << width << ", fourth " << fourth;
             } else {
-                EXPECT_EQ(count, n) << p.name << ", width " << width;
+                EXPECT_EQ(count, n) << p.name << ", width " << width << ", fourth " << fourth;
                 EXPECT_EQ(0, std::memcmp(output_at, expected.data(), size_t(output_bytes)))
-                    << p.name << ", width " << width;
+                    << p.name << ", width " << width << ", fourth " << fourth;
                 EXPECT_EQ(0, std::memcmp(input_at, input.data(), size_t(input_bytes))) << p.name;
             }
         }

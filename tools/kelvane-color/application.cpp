@@ -95,6 +95,18 @@ image read_source(const std::string& input, const settings& s) {
     }
 }
 
+// The files a run reads: its images and the .cube files of its curves.
+std::vector<read_file> files_read(const settings& s) {
+    std::vector<read_file> reads;
+    for (const std::string& input : s.inputs) reads.push_back({input, "the input"});
+    for (const std::array<curve, 3>* curves : {&s.input_LUT, &s.output_LUT}) {
+        for (const curve& c : *curves) {
+            if (c.kind == curve_kind::cube) reads.push_back({c.text, "the .cube file"});
+        }
+    }
+    return reads;
+}
+
 // One input of a run and what became of it. Everything but the outcome is settled in input order
 // before any work starts, so that a batch run on several threads decides as one thread would.
 struct job {
@@ -268,6 +280,12 @@ int run_process(const settings& s) {
         uint16_t in[3] = {}, out[4] = {};
         check_transform(run_transform(p, library, plan, in, out, 0), jobs[0].name, library, plan);
     }
+    std::vector<std::string> targets;
+    for (job& j : jobs) {
+        if (s.output.empty() && s.output_dir.empty()) continue;
+        targets.push_back(output_path_for(s, j, &j.type));
+    }
+    refuse_outputs_that_are_read(targets, files_read(s));
     if (!s.output_dir.empty()) {
         std::error_code error;
         fs::create_directories(s.output_dir, error);
@@ -277,19 +295,14 @@ int run_process(const settings& s) {
         }
     }
     std::set<std::string> written;
-    for (job& j : jobs) {
-        if (s.output.empty() && s.output_dir.empty()) continue;
-        const std::string target = output_path_for(s, j, &j.type);
-        std::error_code error;
-        if (!j.input.empty() && fs::equivalent(j.input, target, error)) {
-            j.refusal = file_error(target, "is the input " + j.input + "; not overwritten");
-        } else if (!written.insert(fs::absolute(target).lexically_normal().string()).second) {
-            j.refusal = file_error(target,
-                                   "written already by an earlier input of this run; not "
-                                   "overwritten by " +
-                                       j.name);
+    for (size_t i = 0; i < targets.size(); ++i) {
+        if (written.insert(file_identity(targets[i])).second) {
+            jobs[i].target = targets[i];
         } else {
-            j.target = target;
+            jobs[i].refusal = file_error(targets[i],
+                                         "written already by an earlier input of this run; not "
+                                         "overwritten by " +
+                                             jobs[i].name);
         }
     }
 
@@ -349,6 +362,10 @@ int run_process(const settings& s) {
 }
 
 int run_bench_mode(const settings& s) {
+    std::vector<std::string> outputs;
+    if (!s.json.empty() && s.json != "-") outputs.push_back(s.json);
+    if (!s.svg.empty()) outputs.push_back(s.svg);
+    refuse_outputs_that_are_read(outputs, files_read(s));
     library_session session;
     const system_report system = probe_system();
     const std::string source = s.inputs.empty() ? "chart" : s.inputs[0];

@@ -2,21 +2,26 @@
 // on POSIX systems, and this file is the one place where that shows.
 #include "file_access.h"
 
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <new>
+#include <optional>
 #include <random>
 #include <system_error>
+#include <thread>
 
+#include "interruption.h"
 #include "tool_error.h"
 
 #if defined(_WIN32)
 #include <fcntl.h>
 #include <io.h>
 #include <sys/stat.h>
-#include <windows.h>
+
+#include "platform/windows_api.h"
 #else
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -25,6 +30,8 @@
 
 namespace kv_tool {
 namespace {
+
+namespace fs = std::filesystem;
 
 std::string error_text(int error) {
     return std::strerror(error);
@@ -44,9 +51,21 @@ bool is_regular(const stat_type& st) {
 const char* kind_of(const stat_type& st) {
     return (st.st_mode & _S_IFMT) == _S_IFDIR ? "a folder" : "a device or pipe";
 }
+// Shared for deletion, so that an interruption can remove the file while a writer holds it.
 int create_exclusive(const std::string& path) {
-    return _open(path.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY | _O_NOINHERIT,
-                 _S_IREAD | _S_IWRITE);
+    const HANDLE handle =
+        CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                    CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) {
+        const DWORD error = GetLastError();
+        errno = error == ERROR_FILE_EXISTS || error == ERROR_ALREADY_EXISTS ? EEXIST
+                : error == ERROR_PATH_NOT_FOUND                             ? ENOENT
+                                                                            : EACCES;
+        return -1;
+    }
+    const int fd = _open_osfhandle(reinterpret_cast<intptr_t>(handle), _O_WRONLY | _O_BINARY);
+    if (fd < 0) CloseHandle(handle);
+    return fd;
 }
 std::FILE* stream_of(int fd, const char* mode) {
     return _fdopen(fd, mode);
@@ -109,6 +128,11 @@ std::string random_temporary_name(const std::string& path) {
     std::snprintf(suffix, sizeof suffix, ".%016llx.kv-partial",
                   static_cast<unsigned long long>(random()));
     return (target.parent_path() / ("." + name + suffix)).string();
+}
+
+// An interruption is removing the temporaries and ending the program: create nothing more.
+[[noreturn]] void wait_for_the_end() {
+    for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
 }
 
 }  // namespace
@@ -187,18 +211,73 @@ void replace_file(const std::string& path, const file_writer& write) {
     replace_file(path, write, [&](int) { return random_temporary_name(path); });
 }
 
+void check_output_target(const std::string& path) {
+    std::error_code error;
+    const fs::file_status status = fs::symlink_status(path, error);
+    const fs::file_type type = status.type();
+    if (error || type == fs::file_type::not_found || type == fs::file_type::regular ||
+        type == fs::file_type::symlink) {
+        return;
+    }
+    const char* kind = type == fs::file_type::directory ? "a folder"
+                       : type == fs::file_type::fifo    ? "a FIFO (named pipe)"
+                       : type == fs::file_type::socket  ? "a socket"
+                                                        : "a device";
+    throw file_error(path, std::string("is ") + kind +
+                               "; kelvane-color writes regular files only, not overwritten");
+}
+
+bool same_file(const std::string& a, const std::string& b) {
+    std::error_code error;
+    return fs::equivalent(a, b, error) && !error;
+}
+
+std::string file_identity(const std::string& path) {
+    std::error_code error;
+    fs::path resolved = fs::weakly_canonical(fs::absolute(path), error);
+    if (error) resolved = fs::absolute(path).lexically_normal();
+    std::string name = resolved.string();
+#if defined(_WIN32)
+    for (char& c : name) c = char(std::tolower(static_cast<unsigned char>(c)));
+#endif
+    return name;
+}
+
+void refuse_outputs_that_are_read(const std::vector<std::string>& outputs,
+                                  const std::vector<read_file>& reads) {
+    for (const std::string& output : outputs) {
+        for (const read_file& read : reads) {
+            if (same_file(output, read.path)) {
+                throw file_error(output, "is " + read.what + " " + read.path +
+                                             "; not overwritten, and the run writes nothing");
+            }
+        }
+        check_output_target(output);
+    }
+}
+
 void replace_file(const std::string& path, const file_writer& write,
                   const std::function<std::string(int attempt)>& temporary_name) {
+    check_output_target(path);
     std::string temporary;
+    std::optional<pending_removal> pending;
     int fd = -1;
     for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
         temporary = temporary_name(attempt);
+        pending.reset();
+        pending.emplace(temporary);
+        if (pending_removal::interrupted()) wait_for_the_end();
         fd = create_exclusive(temporary);
         if (fd < 0 && errno != EEXIST) {
             throw file_error(path, "cannot create: " + error_text(errno));
         }
     }
     if (fd < 0) throw file_error(path, "cannot create: no free temporary name beside it");
+    if (pending_removal::interrupted()) {
+        close_descriptor(fd);
+        std::remove(temporary.c_str());
+        wait_for_the_end();
+    }
     std::FILE* out = stream_of(fd, "wb");
     if (out == nullptr) {
         const int error = errno;

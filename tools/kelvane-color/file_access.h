@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kv_tool {
 
@@ -40,10 +41,31 @@ bool seek_to(std::FILE* file, uint64_t offset);
 // Writes the whole file to `out`; returns "" or what went wrong, in words for the user.
 using file_writer = std::function<std::string(std::FILE* out)>;
 
+// An existing `path` that is not a regular file or a symbolic link (a folder, FIFO, device or
+// socket) is refused with a file error: writing would replace it by a file.
+void check_output_target(const std::string& path);
+
+// One name for every spelling of a path: links, "." and ".." resolved as far as the path exists,
+// and on Windows, whose file names ignore case, in one case.
+std::string file_identity(const std::string& path);
+
+// A file a run reads, and what it is to the user ("the input", "the .cube file").
+struct read_file {
+    std::string path;
+    std::string what;
+};
+
+// Before the first write of a run: refuses the whole run when an output is any file the run
+// reads, under any name (links, "./", "..", hard links, the case of a name on Windows), and when
+// an output exists as anything but a regular file or link.
+void refuse_outputs_that_are_read(const std::vector<std::string>& outputs,
+                                  const std::vector<read_file>& reads);
+
 // Writes `path` through a temporary created exclusively in the same folder (never following or
 // replacing anything found at its name) and renames it over `path`: an existing file there is
-// replaced, a symbolic link there is replaced by the file rather than followed. On failure the
-// temporary is removed and `path` keeps what it had; the error names `path` only.
+// replaced, a symbolic link there is replaced by the file rather than followed, anything else is
+// refused. On failure or interruption the temporary is removed and `path` keeps what it had; the
+// error names `path` only.
 void replace_file(const std::string& path, const file_writer& write);
 
 // The same with the names to try given: attempt n (from 0) creates `temporary_name(n)`.

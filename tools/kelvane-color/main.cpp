@@ -3,7 +3,9 @@
 #include <vector>
 
 #include "application.h"
+#include "interruption.h"
 
 int main(int argc, char** argv) {
+    kv_tool::install_interruption_cleanup();
     return kv_tool::run_kelvane_color(std::vector<std::string>(argv + 1, argv + argc));
 }

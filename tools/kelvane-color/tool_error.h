@@ -18,32 +18,11 @@ enum exit_code : int {
     EXIT_MISMATCH = 5,   // bench: a tier's output differs from the scalar output
 };
 
-// Text from files, file names and libraries as it may safely reach a terminal: bytes below 0x20,
-// 0x7F and the UTF-8 form of the C1 controls (which some terminals obey too) become \xNN.
-// Applying it twice changes nothing, so every message may go through it again.
-inline std::string printable(const std::string& text) {
-    std::string out;
-    out.reserve(text.size());
-    char escaped[8];
-    for (size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const bool c1 = byte == 0xC2 && i + 1 < text.size() &&
-                        static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
-                        static_cast<unsigned char>(text[i + 1]) <= 0x9F;
-        if (byte < 0x20 || byte == 0x7F || c1) {
-            std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
-            out += escaped;
-            if (c1) {
-                std::snprintf(escaped, sizeof escaped, "\\x%02X",
-                              static_cast<unsigned char>(text[++i]));
-                out += escaped;
-            }
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
+// Text from files, file names and libraries as it may safely reach a terminal: C0 bytes, DEL, the
+// C1 controls (as UTF-8 or as lone bytes, which 8-bit terminals obey) and every byte that is not
+// part of valid UTF-8 become \xNN; valid UTF-8 passes as it is. Applying it twice changes
+// nothing, so every message may go through it again.
+std::string printable(const std::string& text);
 
 // A word quoted from a file for a message: escaped, and cut after `limit` bytes so a line of
 // megabytes does not flood the terminal.
