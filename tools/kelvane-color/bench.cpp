@@ -2,60 +2,22 @@
 #include "bench.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 
+#include "bench/bench_timing.h"
 #include "processing.h"
 #include "tool_error.h"
 
 namespace kv_tool {
 namespace {
 
-using clock_type = std::chrono::steady_clock;
-
-// Runs `frame` until `min_time` seconds have passed and at least three frames were timed, after
-// one untimed frame. Returns the frame times in seconds.
-std::vector<double> time_frames(double min_time, const std::function<void()>& frame) {
-    frame();
-    std::vector<double> times;
-    const auto start = clock_type::now();
-    while (times.size() < 3 ||
-           std::chrono::duration<double>(clock_type::now() - start).count() < min_time) {
-        const auto before = clock_type::now();
-        frame();
-        times.push_back(std::chrono::duration<double>(clock_type::now() - before).count());
-    }
-    return times;
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 std::string module_problem(const module_report& module) {
     return "module " + module.file_name + " " + module_state_name(module.state) +
            (module.detail.empty() ? "" : " (" + module.detail + ")");
 }
 
-std::string json_text(const std::string& text) {
-    std::string out = "\"";
-    for (char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            out += escaped;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
+using kv::bench::json_string;
 
 std::string number(double value, int decimals) {
     char text[64];
@@ -130,15 +92,18 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
             std::vector<uint16_t>& target = tier == 0 ? scalar_output : output;
             std::fill(target.begin(), target.end(), uint16_t(0xA5A5));
             kv_status status = KV_STATUS_SUCCESS;
-            const std::vector<double> times = time_frames(s.min_time, [&] {
-                status = run_transform(p, s, plan, input.data(), target.data(), pixels, s.threads);
-            });
+            const kv::bench::timing t = kv::bench::measure(
+                [&] {
+                    status =
+                        run_transform(p, s, plan, input.data(), target.data(), pixels, s.threads);
+                },
+                s.min_time, 3);
             check_transform(status, source, s, plan);
             row.measured = true;
             row.status = "measured";
-            row.frames = int(times.size());
-            row.mpix_per_s = pixels / median(times) / 1e6;
-            row.best_mpix_per_s = pixels / *std::min_element(times.begin(), times.end()) / 1e6;
+            row.frames = t.runs;
+            row.mpix_per_s = pixels / t.median_seconds / 1e6;
+            row.best_mpix_per_s = pixels / t.best_seconds / 1e6;
             row.matches_scalar =
                 tier == 0 || std::memcmp(target.data(), scalar_output.data(), out_size) == 0;
         }
@@ -147,10 +112,10 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
 
     const size_t in_size = input.size() * sizeof(uint16_t);
     std::vector<uint16_t> copy(input.size());
-    const std::vector<double> times =
-        time_frames(s.min_time, [&] { std::memcpy(copy.data(), input.data(), in_size); });
-    result.memcpy_mpix_per_s = pixels / median(times) / 1e6;
-    result.memcpy_gb_per_s = double(in_size) / median(times) / 1e9;
+    const kv::bench::timing t =
+        kv::bench::measure([&] { std::memcpy(copy.data(), input.data(), in_size); }, s.min_time, 3);
+    result.memcpy_mpix_per_s = pixels / t.median_seconds / 1e6;
+    result.memcpy_gb_per_s = double(in_size) / t.median_seconds / 1e9;
     return result;
 }
 
@@ -182,22 +147,22 @@ std::string bench_table(const bench_result& r, const settings& s) {
 
 std::string bench_json(const bench_result& r, const settings& s) {
     std::string out = "{\n";
-    out += "  \"source\": " + json_text(r.source) + ",\n";
+    out += "  \"source\": " + json_string(r.source) + ",\n";
     out += "  \"width\": " + std::to_string(r.width) + ",\n";
     out += "  \"height\": " + std::to_string(r.height) + ",\n";
     out += "  \"output_bits\": " + std::to_string(s.bits) + ",\n";
     out += "  \"output_channels\": " + std::to_string(s.channels) + ",\n";
-    out += "  \"input_layout\": " + json_text(layout_name(s.input_layout)) + ",\n";
-    out += "  \"output_layout\": " + json_text(layout_name(s.output_layout)) + ",\n";
-    out += "  \"detected_tier\": " + json_text(tier_name(r.detected_tier)) + ",\n";
+    out += "  \"input_layout\": " + json_string(layout_name(s.input_layout)) + ",\n";
+    out += "  \"output_layout\": " + json_string(layout_name(s.output_layout)) + ",\n";
+    out += "  \"detected_tier\": " + json_string(tier_name(r.detected_tier)) + ",\n";
     out += "  \"threads\": " + std::to_string(r.threads) + ",\n";
     out += "  \"tiers\": [\n";
     for (size_t i = 0; i < r.tiers.size(); ++i) {
         const bench_row& row = r.tiers[i];
         out += "    {\"tier\": " + std::to_string(row.tier) +
-               ", \"name\": " + json_text(tier_name(row.tier)) +
+               ", \"name\": " + json_string(tier_name(row.tier)) +
                ", \"measured\": " + (row.measured ? "true" : "false") +
-               ", \"status\": " + json_text(row.status);
+               ", \"status\": " + json_string(row.status);
         if (row.measured) {
             out += ", \"mpix_per_s\": " + number(row.mpix_per_s, 3) +
                    ", \"best_mpix_per_s\": " + number(row.best_mpix_per_s, 3) +
