@@ -7,8 +7,8 @@
 #include <string>
 
 #include "fuzz/fuzz_support.h"
-#include "image_codec.h"
-#include "image_io.h"
+#include "image/image.h"
+#include "image/prechecks.h"
 #include "tool_error.h"
 
 namespace {

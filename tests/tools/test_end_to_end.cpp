@@ -4,10 +4,10 @@
 // the program (CMakeLists.txt).
 #include <algorithm>
 #include <cmath>
-#include <utility>
 #include <cstring>
+#include <utility>
 
-#include "chart.h"
+#include "image/chart.h"
 #include "processing.h"
 #include "tests/common/frames.h"
 #include "tests/common/reference_model.h"

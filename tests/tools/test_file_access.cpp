@@ -6,7 +6,7 @@
 
 #include "curves.h"
 #include "file_access.h"
-#include "image_io.h"
+#include "image/image.h"
 #include "interruption.h"
 #include "tool_test_support.h"
 

@@ -7,7 +7,7 @@
 #include "application.h"
 #include "bench.h"
 #include "file_access.h"
-#include "image_io.h"
+#include "image/image.h"
 #include "processing.h"
 #include "tool_test_support.h"
 

@@ -4,7 +4,7 @@
 #include <map>
 
 #include "application.h"
-#include "image_io.h"
+#include "image/image.h"
 #include "tool_test_support.h"
 
 #if !defined(_WIN32)

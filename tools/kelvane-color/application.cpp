@@ -17,8 +17,8 @@
 #include <utility>
 
 #include "bench.h"
-#include "chart.h"
 #include "file_access.h"
+#include "image/chart.h"
 #include "processing.h"
 #include "system_probe.h"
 #include "tool_error.h"

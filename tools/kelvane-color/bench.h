@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "image_io.h"
+#include "image/image.h"
 #include "options.h"
 #include "system_probe.h"
 

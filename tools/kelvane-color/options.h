@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "curves.h"
-#include "image_io.h"
+#include "image/image.h"
 
 namespace kv_tool {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "image_io.h"
+#include "image/image.h"
 #include "kelvane_qor_color_processing.hpp"
 #include "options.h"
 
