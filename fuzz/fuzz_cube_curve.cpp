@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "cli/tool_error.h"
 #include "curves.h"
 #include "fuzz/fuzz_support.h"
-#include "tool_error.h"
 
 namespace {
 

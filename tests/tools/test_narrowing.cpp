@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <functional>
 
-#include "application.h"
 #include "bench.h"
+#include "cli/application.h"
 #include "file_access.h"
 #include "image/image.h"
 #include "processing.h"

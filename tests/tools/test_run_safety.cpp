@@ -3,7 +3,7 @@
 // the folder holds afterwards exactly what it held before.
 #include <map>
 
-#include "application.h"
+#include "cli/application.h"
 #include "image/image.h"
 #include "tool_test_support.h"
 

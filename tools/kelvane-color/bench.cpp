@@ -6,8 +6,9 @@
 #include <cstring>
 
 #include "bench/bench_timing.h"
+#include "cli/tool_error.h"
+#include "pipeline/plan.h"
 #include "processing.h"
-#include "tool_error.h"
 
 namespace kv_tool {
 namespace {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/settings.h"
 #include "image/image.h"
-#include "options.h"
 #include "system_probe.h"
 
 namespace kv_tool {

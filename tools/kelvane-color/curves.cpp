@@ -6,9 +6,9 @@
 #include <cmath>
 #include <sstream>
 
+#include "cli/numbers.h"
+#include "cli/tool_error.h"
 #include "file_access.h"
-#include "numbers.h"
-#include "tool_error.h"
 
 namespace kv_tool {
 namespace {

@@ -13,8 +13,8 @@
 #include <system_error>
 #include <thread>
 
+#include "cli/tool_error.h"
 #include "interruption.h"
-#include "tool_error.h"
 
 #if defined(_WIN32)
 #include <fcntl.h>

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <thread>
 
-#include "tool_error.h"
+#include "cli/tool_error.h"
 
 #if defined(_WIN32)
 #include <cstdio>

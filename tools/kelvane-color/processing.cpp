@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "tool_error.h"
+#include "cli/tool_error.h"
 
 namespace kv_tool {
 namespace {

@@ -6,11 +6,11 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "cli/tool_error.h"
 #include "kelvane_qor_color_processing.h"
 #include "kelvane_qor_color_processing_suite/tier_selection.h"
 #include "platform/module_loader.h"
 #include "services/module_contract.h"
-#include "tool_error.h"
 
 #if defined(_WIN32)
 #include <io.h>

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "image/image.h"
-#include "tool_error.h"
+#include "cli/tool_error.h"
 
 namespace kv_tool {
 

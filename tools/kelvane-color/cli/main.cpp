@@ -2,7 +2,7 @@
 #include <string>
 #include <vector>
 
-#include "application.h"
+#include "cli/application.h"
 #include "interruption.h"
 
 int main(int argc, char** argv) {

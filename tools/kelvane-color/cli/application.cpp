@@ -1,5 +1,5 @@
 // The three modes of kelvane-color and the error reporting around them.
-#include "application.h"
+#include "cli/application.h"
 
 #include <algorithm>
 #include <chrono>
@@ -17,11 +17,12 @@
 #include <utility>
 
 #include "bench.h"
+#include "cli/tool_error.h"
 #include "file_access.h"
 #include "image/chart.h"
+#include "pipeline/plan.h"
 #include "processing.h"
 #include "system_probe.h"
-#include "tool_error.h"
 
 #if !defined(KV_TOOL_VERSION)
 #define KV_TOOL_VERSION "0"
