@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "cli/tool_error.h"
-#include "curves.h"
 #include "fuzz/fuzz_support.h"
+#include "pipeline/curves.h"
 
 namespace {
 

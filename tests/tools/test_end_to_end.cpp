@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "image/chart.h"
-#include "processing.h"
+#include "pipeline/processing.h"
 #include "tests/common/frames.h"
 #include "tests/common/reference_model.h"
 #include "tool_test_support.h"

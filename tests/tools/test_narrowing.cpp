@@ -6,9 +6,9 @@
 
 #include "bench.h"
 #include "cli/application.h"
-#include "file_access.h"
 #include "image/image.h"
-#include "processing.h"
+#include "pipeline/file_access.h"
+#include "pipeline/processing.h"
 #include "tool_test_support.h"
 
 namespace kv_tool_test {

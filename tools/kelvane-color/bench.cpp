@@ -8,7 +8,7 @@
 #include "bench/bench_timing.h"
 #include "cli/tool_error.h"
 #include "pipeline/plan.h"
-#include "processing.h"
+#include "pipeline/processing.h"
 
 namespace kv_tool {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "cli/settings.h"
 #include "image/image.h"
-#include "system_probe.h"
+#include "pipeline/system_probe.h"
 
 namespace kv_tool {
 

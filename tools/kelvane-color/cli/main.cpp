@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "cli/application.h"
-#include "interruption.h"
+#include "pipeline/interruption.h"
 
 int main(int argc, char** argv) {
     kv_tool::install_interruption_cleanup();

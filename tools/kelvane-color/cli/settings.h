@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "curves.h"
 #include "image/image.h"
+#include "pipeline/curves.h"
 
 namespace kv_tool {
 

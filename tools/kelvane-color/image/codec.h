@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "image/image.h"
 #include "cli/tool_error.h"
+#include "image/image.h"
 
 namespace kv_tool {
 

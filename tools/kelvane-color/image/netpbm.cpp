@@ -6,8 +6,8 @@
 #include <cstring>
 #include <new>
 
-#include "file_access.h"
 #include "image/codec.h"
+#include "pipeline/file_access.h"
 
 namespace kv_tool {
 namespace {

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <new>
 
-#include "file_access.h"
 #include "image/codec.h"
 #include "image/prechecks.h"
+#include "pipeline/file_access.h"
 
 namespace kv_tool {
 namespace {

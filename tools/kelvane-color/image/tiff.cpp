@@ -10,9 +10,9 @@
 #include <memory>
 #include <new>
 
-#include "file_access.h"
 #include "image/codec.h"
 #include "image/prechecks.h"
+#include "pipeline/file_access.h"
 
 namespace kv_tool {
 namespace {

@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "file_access.h"
 #include "image/codec.h"
 #include "image/prechecks.h"
+#include "pipeline/file_access.h"
 
 namespace kv_tool {
 namespace {

@@ -71,4 +71,13 @@ std::string tier_name(int32_t tier) {
     }
 }
 
+std::string backend_text(int32_t backend) {
+    return backend == 0 ? std::string("the scalar kernels do the whole frame")
+                        : tier_name(backend) + " module, the scalar kernels finish the frame";
+}
+
+std::string tier_text(const settings& s, const system_report& system) {
+    return s.tier ? tier_name(*s.tier) + " (forced)" : tier_name(system.cpu.tier) + " (detected)";
+}
+
 }  // namespace kv_tool

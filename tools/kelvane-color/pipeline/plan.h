@@ -1,5 +1,6 @@
 // Turning the settings into a processor set-up: the defaults that depend on several options (LUT
-// sizes, clamp bounds, shifts), and the names of the library's layouts and tiers in messages.
+// sizes, clamp bounds, shifts), and the names of the library's layouts, tiers and back-ends in
+// messages.
 #pragma once
 
 #include <array>
@@ -7,6 +8,7 @@
 #include <string>
 
 #include "cli/settings.h"
+#include "pipeline/system_probe.h"
 
 namespace kv_tool {
 

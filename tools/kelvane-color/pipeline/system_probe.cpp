@@ -1,7 +1,7 @@
 // Tier detection and module probing, through the library's own tier decision, routing rule,
 // module names and platform loader (kv_module_contract), so --info cannot disagree with the
 // library.
-#include "system_probe.h"
+#include "pipeline/system_probe.h"
 
 #include <cstdio>
 #include <filesystem>

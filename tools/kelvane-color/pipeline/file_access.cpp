@@ -1,6 +1,6 @@
 // Exclusive creation, bounded reading and checked standard output. The tool runs on Windows and
 // on POSIX systems, and this file is the one place where that shows.
-#include "file_access.h"
+#include "pipeline/file_access.h"
 
 #include <cctype>
 #include <cerrno>
@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "cli/tool_error.h"
-#include "interruption.h"
+#include "pipeline/interruption.h"
 
 #if defined(_WIN32)
 #include <fcntl.h>

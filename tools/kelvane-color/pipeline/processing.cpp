@@ -1,5 +1,5 @@
 // The library seen from a host: sessions, processors, buffers and transforms.
-#include "processing.h"
+#include "pipeline/processing.h"
 
 #include <algorithm>
 #include <cstring>
