@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <functional>
 
-#include "bench.h"
+#include "bench/bench.h"
 #include "cli/application.h"
 #include "image/image.h"
 #include "pipeline/file_access.h"

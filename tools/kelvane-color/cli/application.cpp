@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <new>
 
-#include "bench.h"
+#include "bench/bench.h"
 #include "cli/tool_error.h"
 #include "pipeline/batch.h"
 #include "pipeline/plan.h"
