@@ -10,6 +10,7 @@
 //                       [--workloads abcde] [--sizes 65536,1920x1080,3840x2160]
 #include <fcntl.h>
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cmath>
@@ -361,6 +362,30 @@ struct bench_context {
     std::vector<result>& results;
 };
 
+#if defined(KV_HAVE_OPENCV)
+// cv::transform on the same 16-bit 3x3 work.
+timing opencv_timing(const frame_size& size, const buffer& input, buffer& output,
+                     const options& o) {
+    const cv::Mat source(size.height, size.width, CV_16UC3, input.data);
+    cv::Mat destination(size.height, size.width, CV_16UC3, output.data);
+    // cv::transform's matrix maps source channels (B, G, R) to destination channels.
+    const float* m = color_matrix;
+    const cv::Matx33f bgr(m[8], m[7], m[6], m[5], m[4], m[3], m[2], m[1], m[0]);
+    return measure([&] { cv::transform(source, destination, bgr); }, o.min_time, o.min_runs);
+}
+#endif
+
+// The same frame as two halves of whole pixels, one a thread.
+std::array<transform_request, 2> halves(const transform_request& r, int width, void* output) {
+    const uint64_t n = uint64_t(r.pixel_count);
+    std::array<transform_request, 2> half = {r, r};
+    half[0].pixel_count = int32_t(n / 2);
+    half[1].pixel_count = int32_t(n - n / 2);
+    half[1].input_buffer = r.input_buffer + 3 * (n / 2);
+    half[1].output_buffer = static_cast<uint8_t*>(output) + 3 * (width / 8) * (n / 2);
+    return half;
+}
+
 // Every path on one workload at one frame size, each output compared with the scalar kernels'.
 void measure_case(const workload& w, const frame_size& size, const bench_context& c) {
     kv::color_correction_head matrix;
@@ -384,14 +409,9 @@ void measure_case(const workload& w, const frame_size& size, const bench_context
         c.results.push_back({w.key, size.label, path, n, threads, t, exact});
         std::fflush(stdout);
     };
-    // The same frame as two halves of whole pixels, one a thread (interleaved input and output
-    // only: planes are tied to the pixel count).
+    // Two threads on halves of interleaved frames only: planes are tied to the pixel count.
     const bool stripes = w.input_format != kv::FORMAT_BGR_PLANES;
-    transform_request half[2] = {r, r};
-    half[0].pixel_count = int32_t(n / 2);
-    half[1].pixel_count = int32_t(n - n / 2);
-    half[1].input_buffer = r.input_buffer + 3 * (n / 2);
-    half[1].output_buffer = static_cast<uint8_t*>(output.data) + 3 * (w.width / 8) * (n / 2);
+    const std::array<transform_request, 2> half = halves(r, w.width, output.data);
     auto two_threads = [&](const std::function<void(const transform_request&)>& run) {
         std::memset(output.data, 0xEE, output_bytes);
         return measure([&] { c.helper.run_both([&] { run(half[0]); }, [&] { run(half[1]); }); },
@@ -421,15 +441,7 @@ void measure_case(const workload& w, const frame_size& size, const bench_context
         measure([&] { std::memcpy(copy.data, input.data, input_bytes); }, min_time, min_runs),
         true);
 #if defined(KV_HAVE_OPENCV)
-    if (w.opencv_comparable) {
-        const cv::Mat source(size.height, size.width, CV_16UC3, input.data);
-        cv::Mat destination(size.height, size.width, CV_16UC3, output.data);
-        // cv::transform's matrix maps source channels (B, G, R) to destination channels.
-        const float* m = color_matrix;
-        const cv::Matx33f bgr(m[8], m[7], m[6], m[5], m[4], m[3], m[2], m[1], m[0]);
-        add("OpenCV", 1,
-            measure([&] { cv::transform(source, destination, bgr); }, min_time, min_runs), true);
-    }
+    if (w.opencv_comparable) add("OpenCV", 1, opencv_timing(size, input, output, c.o), true);
 #endif
 }
 
