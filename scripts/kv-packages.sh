@@ -3,7 +3,8 @@
 
 kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config libpng-dev libtiff-dev
                    libgtest-dev libgmock-dev python3-numpy python3-pytest python3-setuptools
-                   python3-wheel python3-pip valgrind)
+                   python3-wheel python3-pip valgrind liblcms2-dev libexpat1-dev colord-data
+                   icc-profiles-free)
 
 # The Windows cross build: MinGW-w64 (POSIX threads), GoogleTest's sources to build it with, and
 # Wine to run the tests.

@@ -1,0 +1,61 @@
+# The colour layer (color/): named spaces, ICC matrix-shaper profiles and CLF/CTF process lists
+# turned into processor set-ups, as the shared library kelvane_qor_color with the C ABI of
+# include/kelvane_qor_color.h (the C++ API, include/kelvane_qor_color.hpp, is header-only over
+# it). It needs LittleCMS 2 and expat; without them the layer is skipped with a message.
+if(CMAKE_CROSSCOMPILING)
+  message(STATUS "colour layer skipped in this cross build: no LittleCMS and expat built for the "
+                 "target")
+  return()
+endif()
+find_package(PkgConfig QUIET)
+if(PkgConfig_FOUND)
+  pkg_check_modules(KV_LCMS2 QUIET IMPORTED_TARGET lcms2)
+  pkg_check_modules(KV_EXPAT QUIET IMPORTED_TARGET expat)
+endif()
+if(NOT KV_LCMS2_FOUND OR NOT KV_EXPAT_FOUND)
+  message(STATUS "colour layer skipped: LittleCMS 2 (lcms2) and expat are needed "
+                 "(Debian: liblcms2-dev libexpat1-dev)")
+  return()
+endif()
+
+# The layer's code as a static library, which the tests and benchmarks also link for the parts
+# the C ABI does not show; the shared library adds the C ABI on top.
+add_library(kv_color_core STATIC
+  color/color_error.cpp
+  color/file_input.cpp
+  color/icc_profile.cpp
+  color/matrix3.cpp
+  color/named_spaces.cpp
+  color/process_list.cpp
+  color/process_list_nodes.cpp
+  color/processor_setup.cpp
+  color/transfer_curve.cpp
+  color/xml_tree.cpp)
+target_include_directories(kv_color_core PUBLIC "${PROJECT_SOURCE_DIR}"
+                           "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>")
+target_link_libraries(kv_color_core PUBLIC kelvane_qor_color_processing
+                      PRIVATE PkgConfig::KV_LCMS2 PkgConfig::KV_EXPAT)
+
+add_library(kelvane_qor_color SHARED color/c_api.cpp)
+target_include_directories(kelvane_qor_color PUBLIC
+                           "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>")
+target_include_directories(kelvane_qor_color PRIVATE "${PROJECT_SOURCE_DIR}")
+target_link_libraries(kelvane_qor_color PUBLIC kelvane_qor_color_processing PRIVATE kv_color_core)
+target_compile_definitions(kelvane_qor_color PRIVATE KV_COLOR_LAYER_BUILD)
+if(WIN32)
+  set_target_properties(kelvane_qor_color PROPERTIES PREFIX "")
+else()
+  # The processing library is found beside this one once installed.
+  set_target_properties(kelvane_qor_color PROPERTIES
+    BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH "\$ORIGIN")
+endif()
+
+# The benchmarks: speed against LittleCMS (kv_color_benchmark) and the accuracy table
+# (kv_color_accuracy). They run with the real LUT and vector modules on the module search path.
+add_library(kv_color_measure STATIC bench/color_measure.cpp)
+target_include_directories(kv_color_measure PUBLIC "${PROJECT_SOURCE_DIR}")
+target_link_libraries(kv_color_measure PUBLIC kelvane_qor_color PkgConfig::KV_LCMS2)
+foreach(_kv_program color_benchmark color_accuracy)
+  add_executable(kv_${_kv_program} bench/${_kv_program}.cpp)
+  target_link_libraries(kv_${_kv_program} PRIVATE kv_color_measure PkgConfig::KV_LCMS2)
+endforeach()
