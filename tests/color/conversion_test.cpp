@@ -101,6 +101,8 @@ TEST(ColorCABI, StatusesAndMessages) {
     ASSERT_EQ(kv_color_conversion_between(s, s, 16, &c), KV_COLOR_LAYER_OK);
     // A processor of smaller tables is refused before a table is written.
     EXPECT_EQ(kv_color_conversion_configure(c, nullptr, 16, 12), KV_COLOR_LAYER_INVALID_ARGUMENT);
+    EXPECT_STREQ(kv_color_layer_message(),
+                 "a processor with LUT depths 16 and 12 bits: the conversion needs 16 and 16");
     EXPECT_EQ(kv_color_conversion_configure(c, nullptr, 16, 16), KV_COLOR_LAYER_INVALID_ARGUMENT);
     size_t size = 0;
     ASSERT_EQ(kv_color_space_icc(s, nullptr, 0, &size), KV_COLOR_LAYER_OK);

@@ -31,11 +31,12 @@ double interpolate(const std::vector<double>& table, double x) {
     return table[i] + (table[i + 1] - table[i]) * (position - double(i));
 }
 
-std::string lut1d(const std::vector<double>& v, const char* in, const char* out) {
+// `v` holds `channels` values an entry, red first.
+std::string lut1d(const std::vector<double>& v, const char* in, const char* out, int channels = 1) {
     std::ostringstream s;
     s.precision(17);
     s << "<LUT1D inBitDepth=\"" << in << "\" outBitDepth=\"" << out << "\"><Array dim=\""
-      << v.size() << " 1\">";
+      << v.size() / size_t(channels) << " " << channels << "\">";
     for (double x : v) s << x << "\n";
     s << "</Array></LUT1D>\n";
     return s.str();
@@ -108,15 +109,22 @@ TEST_F(ColorProcessLists, SRGBToDisplayP3ThroughLUT1DMatrixLUT1D) {
 }
 
 TEST_F(ColorProcessLists, TablesAndRangesWithoutMatrixAreExact) {
-    // 10-bit codes in, 12-bit codes out, then a Range that stretches [256, 3839] to 16 bits.
-    const auto curve = sampled([](double x) { return std::pow(x, 0.45); }, 1024, 4095.0);
+    // 10-bit codes in, 12-bit codes out (a curve a channel), then a Range that stretches
+    // [256, 3839] to 16 bits.
+    std::vector<double> curves[3], interleaved;
+    for (int c = 0; c < 3; ++c) {
+        curves[c] = sampled([c](double x) { return std::pow(x, 0.45 + 0.2 * c); }, 1024, 4095.0);
+    }
+    for (size_t i = 0; i < 1024; ++i) {
+        for (const auto& curve : curves) interleaved.push_back(curve[i]);
+    }
     const std::string xml = process_list(
-        lut1d(curve, "10i", "12i") +
+        lut1d(interleaved, "10i", "12i", 3) +
         "<Range inBitDepth=\"12i\" outBitDepth=\"16i\"><minInValue>256</minInValue>"
         "<maxInValue>3839</maxInValue><minOutValue>0</minOutValue><maxOutValue>65535</maxOutValue>"
         "</Range>");
     auto exact = [&](int c, const double* rgb) {
-        const double v = interpolate(curve, rgb[c]);
+        const double v = interpolate(curves[c], rgb[c]);
         return (std::min(std::max(v, 256.0), 3839.0) - 256.0) / (3839.0 - 256.0);
     };
     for (int bits : {8, 16}) {
