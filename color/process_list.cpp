@@ -4,6 +4,7 @@
 // rounded to float once.
 #include "color/process_list.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
@@ -87,8 +88,10 @@ void fold_with_matrix(const list_shape& s, double output_top, uint32_t top,
             setup.input[size_t(2 - c)] =
                 make_table([&](double x) { return run(s.before, c, x) / peak; }, 65535);
         }
+        // The output is clamped to [0, 1] after the last node.
+        auto output_of = [&](double z) { return std::min(1.0, std::max(0.0, run(s.after, c, z))); };
         for (const double below : {-1e-3, -1.0}) {
-            if (run(s.after, c, below) != run(s.after, c, 0.0)) {
+            if (output_of(below) != output_of(0.0)) {
                 refuse(label,
                        "the nodes after the Matrix map values below 0 apart from 0; the "
                        "processor clamps the matrix result at 0");
