@@ -2,20 +2,30 @@
 # turned into processor set-ups, as the shared library kelvane_qor_color with the C ABI of
 # include/kelvane_qor_color.h (the C++ API, include/kelvane_qor_color.hpp, is header-only over
 # it). It needs LittleCMS 2 and expat; without them the layer is skipped with a message.
-if(CMAKE_CROSSCOMPILING)
-  message(STATUS "colour layer skipped in this cross build: no LittleCMS and expat built for the "
-                 "target")
+# KV_COLOR_LCMS2 and KV_COLOR_EXPAT name the two libraries' targets for everything below.
+if(CMAKE_CROSSCOMPILING AND WIN32)
+  include(cmake/kv_color_deps.cmake)
+  if(NOT KV_COLOR_DEPS_FOUND)
+    return()
+  endif()
+  set(KV_COLOR_LCMS2 kv_lcms2)
+  set(KV_COLOR_EXPAT kv_expat)
+elseif(CMAKE_CROSSCOMPILING)
+  message(STATUS "colour layer skipped in this cross build: no LittleCMS and expat for the target")
   return()
-endif()
-find_package(PkgConfig QUIET)
-if(PkgConfig_FOUND)
-  pkg_check_modules(KV_LCMS2 QUIET IMPORTED_TARGET lcms2)
-  pkg_check_modules(KV_EXPAT QUIET IMPORTED_TARGET expat)
-endif()
-if(NOT KV_LCMS2_FOUND OR NOT KV_EXPAT_FOUND)
-  message(STATUS "colour layer skipped: LittleCMS 2 (lcms2) and expat are needed "
-                 "(Debian: liblcms2-dev libexpat1-dev)")
-  return()
+else()
+  find_package(PkgConfig QUIET)
+  if(PkgConfig_FOUND)
+    pkg_check_modules(KV_LCMS2 QUIET IMPORTED_TARGET lcms2)
+    pkg_check_modules(KV_EXPAT QUIET IMPORTED_TARGET expat)
+  endif()
+  if(NOT KV_LCMS2_FOUND OR NOT KV_EXPAT_FOUND)
+    message(STATUS "colour layer skipped: LittleCMS 2 (lcms2) and expat are needed "
+                   "(Debian: liblcms2-dev libexpat1-dev)")
+    return()
+  endif()
+  set(KV_COLOR_LCMS2 PkgConfig::KV_LCMS2)
+  set(KV_COLOR_EXPAT PkgConfig::KV_EXPAT)
 endif()
 
 # The layer's code as a static library, which the tests and benchmarks also link for the parts
@@ -34,7 +44,7 @@ add_library(kv_color_core STATIC
 target_include_directories(kv_color_core PUBLIC "${PROJECT_SOURCE_DIR}"
                            "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>")
 target_link_libraries(kv_color_core PUBLIC kelvane_qor_color_processing
-                      PRIVATE PkgConfig::KV_LCMS2 PkgConfig::KV_EXPAT)
+                      PRIVATE ${KV_COLOR_LCMS2} ${KV_COLOR_EXPAT})
 
 add_library(kelvane_qor_color SHARED color/c_api.cpp)
 target_include_directories(kelvane_qor_color PUBLIC
@@ -54,8 +64,8 @@ endif()
 # (kv_color_accuracy). They run with the real LUT and vector modules on the module search path.
 add_library(kv_color_measure STATIC bench/color_measure.cpp)
 target_include_directories(kv_color_measure PUBLIC "${PROJECT_SOURCE_DIR}")
-target_link_libraries(kv_color_measure PUBLIC kelvane_qor_color PkgConfig::KV_LCMS2)
+target_link_libraries(kv_color_measure PUBLIC kelvane_qor_color ${KV_COLOR_LCMS2})
 foreach(_kv_program color_benchmark color_accuracy)
   add_executable(kv_${_kv_program} bench/${_kv_program}.cpp)
-  target_link_libraries(kv_${_kv_program} PRIVATE kv_color_measure PkgConfig::KV_LCMS2)
+  target_link_libraries(kv_${_kv_program} PRIVATE kv_color_measure ${KV_COLOR_LCMS2})
 endforeach()
