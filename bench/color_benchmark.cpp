@@ -70,16 +70,23 @@ std::vector<uint16_t> chart(int width, int height) {
     return rgb;
 }
 
-void compare(const char* content, const kelvane::color_conversion& c, const kelvane::processor& p,
-             const kelvane::color_space& from, const kelvane::color_space& to,
-             const std::vector<uint16_t>& in, int repeat) {
+// The best time of the processor's transform of `in` (RGB interleaved, 16-bit out).
+double transform_seconds(const kelvane::color_conversion& c, const kelvane::processor& p,
+                         const std::vector<uint16_t>& in, int repeat) {
     const int32_t pixels = int32_t(in.size() / 3);
     std::vector<uint16_t> out(in.size());
     const kelvane::input_frame frame_in(in, kelvane::layout::rgb_interleaved, pixels);
     const kelvane::output_frame<uint16_t> frame_out(out, kelvane::layout::rgb_interleaved, 3,
                                                     pixels);
-    const double ours =
-        best_seconds(repeat, [&] { p.transform(frame_in, frame_out, c.settings()); });
+    return best_seconds(repeat, [&] { p.transform(frame_in, frame_out, c.settings()); });
+}
+
+void compare(const char* content, const kelvane::color_conversion& c, const kelvane::processor& p,
+             const kelvane::color_space& from, const kelvane::color_space& to,
+             const std::vector<uint16_t>& in, int repeat) {
+    const int32_t pixels = int32_t(in.size() / 3);
+    std::vector<uint16_t> out(in.size());
+    const double ours = transform_seconds(c, p, in, repeat);
     const double lcms = lcms_seconds(from, to, in, out, std::max(1, repeat / 3));
     const double mpix = pixels / 1e6;
     std::printf(
@@ -91,16 +98,11 @@ void compare(const char* content, const kelvane::color_conversion& c, const kelv
 // The chart on each tier, forced (a tier the processor lacks runs the scalar kernels).
 void tiers(const kelvane::color_conversion& c, const kelvane::session& library,
            const std::vector<uint16_t>& in, int repeat) {
-    const int32_t pixels = int32_t(in.size() / 3);
-    std::vector<uint16_t> out(in.size());
-    const kelvane::input_frame frame_in(in, kelvane::layout::rgb_interleaved, pixels);
-    const kelvane::output_frame<uint16_t> frame_out(out, kelvane::layout::rgb_interleaved, 3,
-                                                    pixels);
+    const double pixels = double(in.size() / 3);
     const char* names[] = {"scalar", "SSE4.1", "AVX2", "AVX-512"};
     for (kv_processor_tier tier = KV_TIER_SCALAR; tier <= KV_TIER_AVX512; ++tier) {
         const kelvane::processor p = c.make_processor(library, tier);
-        const double t =
-            best_seconds(repeat, [&] { p.transform(frame_in, frame_out, c.settings()); });
+        const double t = transform_seconds(c, p, in, repeat);
         std::printf("chart, %-7s %7.1f Mpix/s\n", names[tier], pixels / 1e6 / t);
     }
 }

@@ -8,6 +8,7 @@
 
 #include "bench/color_measure.h"
 #include "kelvane_qor_color.hpp"
+#include "tests/color/accuracy_targets.h"
 
 namespace {
 
@@ -36,13 +37,7 @@ TEST_F(ColorConversion, NamedPairsMatchDoublePrecision) {
             const kv_measure::error_stats s =
                 kv_measure::compare(kv_measure::run_conversion(c, library, pixels), exact, bits);
             SCOPED_TRACE(c.description() + ": " + kv_measure::format(s));
-            if (bits == 8) {
-                EXPECT_GE(s.exact, 0.995);
-                EXPECT_LE(s.max, 2);
-            } else {
-                EXPECT_GE(s.within_one, 0.88);
-                EXPECT_LE(s.p999, 16);
-            }
+            expect_accuracy(s, bits);
         }
     }
 }

@@ -9,6 +9,7 @@
 
 #include "bench/color_measure.h"
 #include "kelvane_qor_color.hpp"
+#include "tests/color/accuracy_targets.h"
 
 namespace {
 
@@ -65,13 +66,7 @@ TEST_F(ColorProfiles, RealProfilesMatchDoublePrecision) {
                 exact, bits);
             SCOPED_TRACE(c.description() + ": " + kv_measure::format(ours) + "; LittleCMS " +
                          kv_measure::format(lcms));
-            if (bits == 8) {
-                EXPECT_GE(ours.exact, 0.995);
-                EXPECT_LE(ours.max, 2);
-            } else {
-                EXPECT_GE(ours.within_one, 0.88);
-                EXPECT_LE(ours.p999, std::max(16, lcms.p999));
-            }
+            expect_accuracy(ours, bits, std::max(16, lcms.p999));
         }
     }
 }
