@@ -3,6 +3,7 @@
 // computed in double from its curve and rounded once.
 #include "color/processor_setup.h"
 
+#include <cfloat>
 #include <cmath>
 
 #include "color/color_error.h"
@@ -77,7 +78,14 @@ bool is_identity(const std::vector<uint32_t>& table) {
 
 std::array<float, 9> to_float(const mat3& m) {
     std::array<float, 9> f{};
-    for (size_t i = 0; i < 9; ++i) f[i] = float(m[i]);
+    for (size_t i = 0; i < 9; ++i) {
+        if (!(std::fabs(m[i]) <= double(FLT_MAX))) {
+            throw color_error(status::invalid_argument, "the conversion's matrix has an element (" +
+                                                            std::to_string(m[i]) +
+                                                            ") that single precision cannot hold");
+        }
+        f[i] = float(m[i]);
+    }
     return f;
 }
 
