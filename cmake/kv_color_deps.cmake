@@ -123,7 +123,8 @@ if(EXISTS "${_kv_install}/.complete")
   if(EXISTS "${KV_CROSS_LCMS2}" AND EXISTS "${KV_CROSS_EXPAT}")
     add_library(kv_lcms2 STATIC IMPORTED)
     set_target_properties(kv_lcms2 PROPERTIES IMPORTED_LOCATION "${KV_CROSS_LCMS2}"
-                          INTERFACE_INCLUDE_DIRECTORIES "${_kv_install}/include")
+                          INTERFACE_INCLUDE_DIRECTORIES "${_kv_install}/include"
+                          INTERFACE_COMPILE_DEFINITIONS CMS_NO_REGISTER_KEYWORD=1)
     add_library(kv_expat STATIC IMPORTED)
     set_target_properties(kv_expat PROPERTIES IMPORTED_LOCATION "${KV_CROSS_EXPAT}"
                           INTERFACE_INCLUDE_DIRECTORIES "${_kv_install}/include"
