@@ -88,10 +88,10 @@ TEST(ColorCurves, InverseRoundTripsEverySpace) {
 
 TEST(ColorCurves, SampledCurveInterpolatesAndInverts) {
     const kv_color::transfer_curve c = kv_color::transfer_curve::sampled({0.0, 0.25, 1.0});
-    EXPECT_DOUBLE_EQ(c.decode(0.25), 0.125);
-    EXPECT_DOUBLE_EQ(c.decode(0.75), 0.625);
-    EXPECT_DOUBLE_EQ(c.encode(0.625), 0.75);
-    EXPECT_DOUBLE_EQ(c.encode(0.125), 0.25);
+    EXPECT_DOUBLE_EQ(c.decode(0.1), 0.05);
+    EXPECT_DOUBLE_EQ(c.decode(0.9), 0.85);
+    EXPECT_DOUBLE_EQ(c.encode(0.05), 0.1);
+    EXPECT_DOUBLE_EQ(c.encode(0.85), 0.9);
     EXPECT_THROW(kv_color::transfer_curve::sampled({0.0, 0.6, 0.5, 1.0}).check_rising("falling"),
                  color_error);
 }

@@ -25,11 +25,13 @@ struct profile_pair {
     const char *source, *destination;
 };
 
-// v2 sampled (sRGB, L*, Cineon log), v2 gamma, v4 parametric and v4 sampled (Rec709) curves.
+// v2 sampled (sRGB, L*, Cineon log), v2 gamma, v4 parametric and v4 sampled (Rec709) curves, on
+// both sides (a sampled destination curve is inverted piece by piece).
 const profile_pair pairs[] = {
     {"sRGB.icc", "colord/AdobeRGB1998.icc"},
     {"colord/sRGB.icc", "colord/ProPhotoRGB.icc"},
     {"LStar-RGB.icc", "colord/sRGB.icc"},
+    {"colord/sRGB.icc", "LStar-RGB.icc"},
     {"colord/Rec709.icc", "colord/sRGB.icc"},
     {"CineonLog_M.icc", "colord/sRGB.icc"},
     {"compatibleWithAdobeRGB1998.icc", "colord/ECI-RGBv2.icc"},
