@@ -60,6 +60,14 @@ else()
     BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH "\$ORIGIN")
 endif()
 
+# Installed beside the processing library, with both headers.
+include(GNUInstallDirs)
+install(TARGETS kelvane_qor_color COMPONENT color
+        RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+        ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+install(FILES include/kelvane_qor_color.h include/kelvane_qor_color.hpp COMPONENT color
+        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+
 # The benchmarks: speed against LittleCMS (kv_color_benchmark) and the accuracy table
 # (kv_color_accuracy). They run with the real LUT and vector modules on the module search path.
 add_library(kv_color_measure STATIC bench/color_measure.cpp)
