@@ -112,7 +112,8 @@ process_node read_LUT1D(const node_context& n, process_node node, double in_scal
     const size_t entries = size_t(dims[0]), stride = size_t(dims[1]);
     (void)in_scale;  // a LUT1D spans the full scale of its input depth whatever that is
     node.function = [table, entries, stride](int c, double x) {
-        const double position = std::min(std::max(x, 0.0), 1.0) * double(entries - 1);
+        // Clamped to the table, NaN (from extreme values upstream) to its start.
+        const double position = (x > 0.0 ? (x < 1.0 ? x : 1.0) : 0.0) * double(entries - 1);
         const size_t i = std::min(size_t(position), entries - 2);
         const size_t k = stride == 3 ? size_t(c) : 0;
         const double low = (*table)[i * stride + k], high = (*table)[(i + 1) * stride + k];
