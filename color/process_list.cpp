@@ -80,10 +80,10 @@ double input_peak(const list_shape& s, int c, const std::string& label) {
 
 void fold_with_matrix(const list_shape& s, double output_top, uint32_t top,
                       const std::string& label, processor_setup& setup) {
-    vec3 scale{};
+    vec3 unscale{};  // from the input tables' 16-bit values back to the nodes' values
     for (int c = 0; c < 3; ++c) {
         const double peak = s.before.empty() ? 1.0 : input_peak(s, c, label);
-        scale[size_t(c)] = 65535.0 / peak;
+        unscale[size_t(c)] = peak / 65535.0;
         if (!s.before.empty()) {
             setup.input[size_t(2 - c)] =
                 make_table([&](double x) { return run(s.before, c, x) / peak; }, 65535);
@@ -102,8 +102,7 @@ void fold_with_matrix(const list_shape& s, double output_top, uint32_t top,
     }
     const mat3 to_index =
         diagonal({65535.0 / output_top, 65535.0 / output_top, 65535.0 / output_top});
-    setup.matrix =
-        to_float(multiply(to_index, multiply(s.matrix, inverse(diagonal(scale), "scale"))));
+    setup.matrix = to_float(multiply(to_index, multiply(s.matrix, diagonal(unscale))));
 }
 
 }  // namespace
@@ -124,7 +123,12 @@ processor_setup setup_from_process_list(const std::string& text, const std::stri
     if (!s.has_matrix) {
         fold_without_matrix(s, top, setup);
     } else {
-        fold_with_matrix(s, matrix_domain_top(nodes), top, label, setup);
+        try {
+            fold_with_matrix(s, matrix_domain_top(nodes), top, label, setup);
+        } catch (const color_error& e) {
+            if (e.code() != status::invalid_argument) throw;
+            refuse(label, e.what());  // a matrix beyond single precision
+        }
     }
     for (int c = 0; c < 3; ++c) {
         auto& in = setup.input[size_t(c)];
