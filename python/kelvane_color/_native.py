@@ -6,6 +6,8 @@ import enum
 import os
 import threading
 
+from ._messages import printable, quoted
+
 LIBRARY_VARIABLE = "KELVANE_COLOR_LIBRARY"
 
 if os.name == "nt":
@@ -50,7 +52,6 @@ class LibraryNotFound(OSError):
 _handle = ctypes.c_void_p
 _u16 = ctypes.c_uint16
 _i32 = ctypes.c_int32
-_entries = ctypes.POINTER(ctypes.c_uint32)
 # processor, input, input format, six clamp limits, three shifts, output, output format, pixels
 _TRANSFORM_ARGUMENTS = [_handle, ctypes.c_void_p, _i32] + [_u16] * 6 + [_i32] * 3 + [
     ctypes.c_void_p, _i32, _i32]
@@ -67,9 +68,9 @@ _PROTOTYPES = {
     "kv_color_enable_input_LUTs": (_i32, [_handle, _i32, _i32, _i32]),
     "kv_color_enable_output_LUTs": (_i32, [_handle, _i32, _i32, _i32]),
 }
-for _stage in ("input", "output"):
+for _stage in ("input", "output"):  # each getter returns its table's address
     for _channel in ("blue", "green", "red"):
-        _PROTOTYPES[f"kv_color_get_{_channel}_{_stage}_LUT"] = (_entries, [_handle])
+        _PROTOTYPES[f"kv_color_get_{_channel}_{_stage}_LUT"] = (ctypes.c_void_p, [_handle])
 for _bits in (24, 32, 48, 64):
     _PROTOTYPES[f"kv_color_transform_48_to_{_bits}"] = (_i32, _TRANSFORM_ARGUMENTS)
 
@@ -97,26 +98,50 @@ def _candidates():
         yield "in the system's search order", FILE_NAME
 
 
+def _is_file(path):
+    return os.sep in path or bool(os.altsep and os.altsep in path)
+
+
+def _open(where, path):
+    """(the library at path with its prototypes set, None), or (None, why) for a bare name the
+    system did not find. A file that is there but is no loadable copy of the library raises
+    LibraryNotFound: a broken install, so the search goes no further."""
+    try:
+        # CDLL, never PyDLL: ctypes then releases the GIL around every call into the library,
+        # so transforms on several threads run at once.
+        loaded = ctypes.CDLL(path)
+    except OSError as error:
+        # ctypes gives no text when the loader's message is not UTF-8
+        why = printable(error) or "the loader gave no reason"
+        if not _is_file(path):
+            return None, why
+        raise LibraryNotFound(f"{where}: {quoted(path)} does not load: {why}") from None
+    for name, (result, arguments) in _PROTOTYPES.items():
+        try:
+            function = getattr(loaded, name)
+        except AttributeError:
+            raise LibraryNotFound(f"{where}: {quoted(path)} is not the color processing "
+                                  f"library: it lacks {name}") from None
+        function.restype = result
+        function.argtypes = arguments
+    return loaded, None
+
+
 def _load():
     tried = []
     for where, path in _candidates():
         if not path:
             continue
-        is_file = os.sep in path or (os.altsep and os.altsep in path)
-        if is_file and not os.path.isfile(path):
+        shown = quoted(path)
+        if _is_file(path) and not os.path.isfile(path):
             if where == LIBRARY_VARIABLE:
-                raise LibraryNotFound(f"{LIBRARY_VARIABLE} names {path!r}, which is not a file")
-            tried.append(f"{where}: {path!r} does not exist")
+                raise LibraryNotFound(f"{LIBRARY_VARIABLE} names {shown}, which is not a file")
+            tried.append(f"{where}: {shown} does not exist")
             continue
-        try:
-            # CDLL, never PyDLL: ctypes then releases the GIL around every call into the library,
-            # so transforms on several threads run at once.
-            return ctypes.CDLL(path), path
-        except OSError as error:
-            if is_file:
-                # A file that is there but does not load is a broken install: say so, go no further.
-                raise LibraryNotFound(f"{where}: {path!r} does not load: {error}") from error
-            tried.append(f"{where}: {error}")
+        loaded, failure = _open(where, path)
+        if loaded is not None:
+            return loaded, path
+        tried.append(f"{where}: {failure}")
     raise LibraryNotFound(
         "the color processing library was not found (set "
         + LIBRARY_VARIABLE
@@ -135,12 +160,7 @@ def library():
     global _library, _library_path
     with _lock:
         if _library is None:
-            loaded, path = _load()
-            for name, (result, arguments) in _PROTOTYPES.items():
-                function = getattr(loaded, name)
-                function.restype = result
-                function.argtypes = arguments
-            _library, _library_path = loaded, path
+            _library, _library_path = _load()
         return _library
 
 

@@ -182,7 +182,7 @@ TEST(LUTSpan, SizeIsTwoToTheBitsAndWritesReachTheLibrary) {
 
 // Stripes never outnumber the cores, 0 threads means every core, and no stripe is cut below the
 // minimum: a frame of fewer than two minimum stripes runs whole.
-TEST(StripeCount, BoundedByCoresAndStripeSize) {
+TEST(Striped, CountIsBoundedByCoresAndStripeSize) {
     constexpr int32_t m = kelvane::minimum_stripe_pixels;
     struct row {
         int32_t pixels;

@@ -2,6 +2,9 @@
 choice (KELVANE_TEST_SEED, printed in the report header and in every failure message)."""
 
 import os
+import subprocess
+import sys
+import textwrap
 
 import numpy as np
 import pytest
@@ -31,3 +34,11 @@ def random_frame(rng, pixels, layout, high=65536):
     """A uint16 frame of the given pixel count, shaped as the layout wants."""
     values = rng.integers(0, high, size=3 * pixels, dtype=np.uint16)
     return values.reshape((3, pixels) if layout == kc.Layout.BGR_PLANES else (pixels, 3))
+
+
+def run_python(code, timeout=120, wrapper=(), **environment):
+    """Runs code in a fresh interpreter (the loader's environment is read at process start),
+    under wrapper (a command and its options) if given."""
+    env = dict(os.environ, **environment)
+    return subprocess.run([*wrapper, sys.executable, "-c", textwrap.dedent(code)], env=env,
+                          capture_output=True, text=True, timeout=timeout)

@@ -4,12 +4,12 @@ name, the package's own checks as ValueError, sessions, and where the library is
 import os
 import subprocess
 import sys
-import textwrap
 
 import numpy as np
 import pytest
 
 import kelvane_color as kc
+from conftest import run_python
 
 FRAME = np.arange(12, dtype=np.uint16).reshape(2, 2, 3)
 
@@ -45,8 +45,14 @@ def test_library_refusals_name_the_status(session, settings, status):
     ({"frame": np.zeros((2, 4), np.uint16)}, "needs 3 as the last dimension"),
     ({"frame": np.zeros((2, 3), np.uint16), "input_layout": kc.Layout.BGR_PLANES}, "first"),
     ({"bits": 12}, "bits: 12"),
+    ({"bits": 8.0}, "bits: 8.0 is neither 8 nor 16"),
+    ({"bits": "\x1b[2J\x9b\udcff"}, r"bits: '\\x1b\[2J\\x9b\\udcff' is neither"),
     ({"channels": 5}, "channels: 5"),
-    ({"input_layout": 3}, "3 is not a valid Layout"),
+    ({"channels": 4.0}, "channels: 4.0 is neither 3 nor 4"),
+    ({"channels": True}, "channels: True"),
+    ({"input_layout": 3}, "input_layout: 3 is not a valid Layout"),
+    ({"output_layout": 1.0}, "output_layout: 1.0 is not a valid Layout"),
+    ({"frame": [[1, 2, 3]]}, "dtype int64 is not uint16"),
     ({"clamp": (0, 65536)}, "65536 is not an integer from 0 to 65535"),
     ({"clamp": (0, 1, 2)}, "expected \\(min, max\\)"),
     ({"shifts": 2**31}, "is not an integer from"),
@@ -58,8 +64,24 @@ def test_bad_arguments_raise_value_error(session, arguments, message):
     arguments = dict(arguments)
     frame = arguments.pop("frame", FRAME)
     with kc.Processor() as p:
-        with pytest.raises(ValueError, match=message):
+        with pytest.raises(ValueError, match=message) as e:
             p.transform(frame, **arguments)
+    assert str(e.value).isprintable(), "a control character reached the message"
+
+
+@pytest.mark.parametrize("call,message", [
+    (lambda p: p.append_matrix(np.eye(2)), "3 x 3 or 9 values"),
+    (lambda p: p.append_matrix("abc"), "matrix: 'abc' is not numbers"),
+    (lambda p: p.append_matrix({}), "matrix: {} is not numbers"),
+    (lambda p: kc.Processor(17, 8), "input_lut_bits: 17"),
+    (lambda p: kc.Processor(8, 16.0), "output_lut_bits: 16.0"),
+    (lambda p: kc.Processor(tier="AVX2"), "tier: 'AVX2' is not a valid Tier"),
+    (lambda p: kc.Processor(tier=4), "tier: 4 is not a valid Tier"),
+])
+def test_bad_settings_raise_value_error(session, call, message):
+    with kc.Processor() as p:
+        with pytest.raises(ValueError, match=message):
+            call(p)
 
 
 def test_out_must_not_overlap_or_be_read_only(session):
@@ -71,10 +93,6 @@ def test_out_must_not_overlap_or_be_read_only(session):
         read_only.flags.writeable = False
         with pytest.raises(ValueError, match="writable"):
             p.transform(frame, out=read_only)
-        with pytest.raises(ValueError, match="3 x 3 or 9 values"):
-            p.append_matrix(np.eye(2))
-        with pytest.raises(ValueError, match="input_lut_bits: 17"):
-            kc.Processor(17, 8)
 
 
 def test_sessions_nest_and_close_their_processors(session):
@@ -91,13 +109,6 @@ def test_sessions_nest_and_close_their_processors(session):
     with pytest.raises(ValueError, match="closed"):
         p.transform(FRAME)
     assert p.input_luts is None
-
-
-def run_python(code, **environment):
-    """Runs code in a fresh interpreter (the loader's environment is read at process start)."""
-    env = dict(os.environ, **environment)
-    return subprocess.run([sys.executable, "-c", textwrap.dedent(code)], env=env,
-                          capture_output=True, text=True, timeout=120)
 
 
 def test_outside_a_session_and_without_the_LUT_module(tmp_path):
@@ -129,3 +140,31 @@ def test_library_is_found_beside_the_package_first(tmp_path):
     missing = run_python("import kelvane_color as kc; kc.library_path()",
                          KELVANE_COLOR_LIBRARY="/nonexistent/x.so")
     assert "KELVANE_COLOR_LIBRARY names '/nonexistent/x.so', which is not a file" in missing.stderr
+
+
+@pytest.mark.parametrize("kind,message", [
+    ("missing", b"which is not a file"),
+    ("text file", b"does not load"),
+    ("another library", b"is not the color processing library: it lacks kv_color_"),
+])
+def test_a_wrong_library_is_named_escaped(tmp_path, kind, message):
+    # A name with C0, DEL, C1 and a byte that is not UTF-8: the message shows them escaped.
+    path = os.path.join(os.fsencode(tmp_path), b"lib\x1b[31m\x7f\xc2\x9b\xff\n.so")
+    if kind == "text file":
+        with open(path, "wb") as f:
+            f.write(b"not a library\n")
+    elif kind == "another library":
+        import _ctypes  # a shared object that loads, with none of the library's functions
+        os.symlink(_ctypes.__file__, path)
+    code = ("import kelvane_color as kc\n"
+            "try:\n    kc.Session().__enter__()\n"
+            "except kc.LibraryNotFound as e:\n    print('LibraryNotFound:', e)\n")
+    env = {**os.environb, kc.LIBRARY_VARIABLE.encode(): path}
+    result = subprocess.run([sys.executable, "-c", code], env=env, capture_output=True,
+                            timeout=120)
+    assert result.stdout.startswith(b"LibraryNotFound: "), result.stderr
+    assert message in result.stdout
+    assert rb"lib\x1b[31m\x7f\x9b\xff\x0a.so" in result.stdout
+    for raw in (b"\x1b", b"\x7f", b"\xc2\x9b", b"\xff"):
+        assert raw not in result.stdout
+
