@@ -20,7 +20,8 @@ set(KV_TOOL_PNG_SOURCES image/png.cpp)
 set(KV_TOOL_TIFF_SOURCES image/tiff.cpp)
 # The Windows Imaging Component (Windows only).
 set(KV_TOOL_WIC_SOURCES image/wic.cpp)
-# The rest: modes, --help, the chart, the processor and its runs, the machine probe, bench.
+# The rest: modes, --help, the chart, the processor and its runs, colour conversions and
+# profiles, the machine probe, bench.
 set(KV_TOOL_HOST_SOURCES
   bench/bench.cpp
   bench/report.cpp
@@ -28,6 +29,8 @@ set(KV_TOOL_HOST_SOURCES
   cli/help.cpp
   image/chart.cpp
   pipeline/batch.cpp
+  pipeline/color.cpp
   pipeline/processing.cpp
+  pipeline/profile_info.cpp
   pipeline/run.cpp
   pipeline/system_probe.cpp)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
 #include "bench/bench_timing.h"
 #include "cli/tool_error.h"
@@ -20,7 +21,7 @@ std::string module_problem(const module_report& module) {
 }  // namespace
 
 bench_result run_bench(const settings& s, const system_report& system, const image& picture,
-                       const std::string& source) {
+                       const std::string& source, const color_run* color) {
     bench_result result;
     result.source = source;
     result.width = picture.width;
@@ -33,6 +34,8 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
     const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
     const size_t out_size = output_bytes(s, picture.pixel_count());
     std::vector<uint16_t> scalar_output((out_size + 1) / 2), output((out_size + 1) / 2);
+    std::optional<kelvane::color_conversion> conversion;
+    if (color) conversion = color->conversion_for(picture.profile, source);
 
     for (int32_t tier = 0; tier < 4; ++tier) {
         bench_row row;
@@ -42,17 +45,25 @@ bench_result run_bench(const settings& s, const system_report& system, const ima
         } else if (tier > 0 && system.vector[tier - 1].state != module_state::ready) {
             row.status = module_problem(system.vector[tier - 1]);
         } else {
-            processor p(s, plan, tier);
+            std::optional<color_setup> colored;
+            std::optional<processor> plain;
+            if (conversion) {
+                colored.emplace(*conversion, s, tier);
+            } else {
+                plain.emplace(s, plan, tier);
+            }
+            const processor& p = colored ? colored->p : *plain;
+            const pipeline_plan& used = colored ? colored->route.plan : plan;
             std::vector<uint16_t>& target = tier == 0 ? scalar_output : output;
             std::fill(target.begin(), target.end(), uint16_t(0xA5A5));
             kv_status status = KV_STATUS_SUCCESS;
             const kv::bench::timing t = kv::bench::measure(
                 [&] {
                     status =
-                        run_transform(p, s, plan, input.data(), target.data(), pixels, s.threads);
+                        run_transform(p, s, used, input.data(), target.data(), pixels, s.threads);
                 },
                 s.min_time, 3);
-            check_transform(status, source, s, plan);
+            check_transform(status, source, s, used);
             row.measured = true;
             row.status = "measured";
             row.frames = t.runs;

@@ -9,6 +9,7 @@
 
 #include "cli/settings.h"
 #include "image/image.h"
+#include "pipeline/color.h"
 #include "pipeline/system_probe.h"
 
 namespace kv_tool {
@@ -34,9 +35,10 @@ struct bench_result {
     double memcpy_gb_per_s = 0;
 };
 
-// Runs with the library started. Every tier's output is compared with the scalar tier's.
+// Runs with the library started. Every tier's output is compared with the scalar tier's. With
+// `color`, each tier's processor is set up from the picture's colour conversion.
 bench_result run_bench(const settings& s, const system_report& system, const image& picture,
-                       const std::string& source);
+                       const std::string& source, const color_run* color);
 
 // Written by report.cpp.
 std::string bench_table(const bench_result& result, const settings& s);

@@ -4,11 +4,14 @@
 
 #include <cstdio>
 #include <new>
+#include <optional>
 
 #include "bench/bench.h"
 #include "cli/tool_error.h"
 #include "pipeline/batch.h"
+#include "pipeline/color.h"
 #include "pipeline/plan.h"
+#include "pipeline/profile_info.h"
 #include "pipeline/run.h"
 #include "pipeline/system_probe.h"
 
@@ -54,6 +57,37 @@ int run_info(const settings& s) {
     return EXIT_OK;
 }
 
+// --info FILE...: each image's size and the profile it carries; a file that cannot be read is
+// reported and the others go on.
+int run_file_info(const settings& s) {
+    int code = EXIT_OK;
+    for (const std::string& input : s.inputs) {
+        try {
+            const image picture = read_image(input);
+            std::printf(
+                "%s: %dx%d, %s
+                ", printable(input).c_str(), picture.width,
+                picture.height,
+                picture.channels == 4 ? "RGBA" : "RGB");
+            std::printf("  profile: %s\n", printable(profile_text(picture.profile)).c_str());
+            const std::string refusal = profile_refusal(picture.profile);
+            if (!refusal.empty()) {
+                std::printf("  refused as a source: %s\n", printable(refusal).c_str());
+            }
+        } catch (const tool_error& e) {
+            std::fflush(stdout);
+            std::fprintf(stderr, "kelvane-color: %s\n", e.what());
+            code = e.code();
+        }
+    }
+    return code;
+}
+
+int run_list_spaces() {
+    for (const std::string& name : kelvane::color_space_names()) std::printf("%s\n", name.c_str());
+    return EXIT_OK;
+}
+
 int run_bench_mode(const settings& s) {
     std::vector<std::string> outputs;
     if (!s.json.empty() && s.json != "-") outputs.push_back(s.json);
@@ -63,7 +97,9 @@ int run_bench_mode(const settings& s) {
     const system_report system = probe_system();
     const std::string source = s.inputs.empty() ? "chart" : s.inputs[0];
     const image picture = read_source(s.inputs.empty() ? std::string() : s.inputs[0], s);
-    const bench_result result = run_bench(s, system, picture, source);
+    std::optional<color_run> color;
+    if (color_requested(s)) color.emplace(s);
+    const bench_result result = run_bench(s, system, picture, source, color ? &*color : nullptr);
     if (s.json != "-" && !s.quiet) std::fputs(bench_table(result, s).c_str(), stdout);
     if (!s.json.empty()) {
         const std::string json = bench_json(result, s);
@@ -98,7 +134,9 @@ int run_selected(const settings& s) {
             std::printf("kelvane-color %s\n", KV_TOOL_VERSION);
             return EXIT_OK;
         case run_mode::info:
-            return run_info(s);
+            return s.inputs.empty() ? run_info(s) : run_file_info(s);
+        case run_mode::list_spaces:
+            return run_list_spaces();
         case run_mode::bench:
             return run_bench_mode(s);
         case run_mode::process:

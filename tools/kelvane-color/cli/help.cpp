@@ -12,6 +12,8 @@ std::string build_usage_text() {
         R"(usage: kelvane-color [OPTIONS] [INPUT...]     process images (none: a built-in test chart)
        kelvane-color bench [OPTIONS] [INPUT]    Mpix/s of each tier next to memcpy
        kelvane-color --info                     tier, modules and back-end of this machine
+       kelvane-color --info FILE...             an image's size and colour profile
+       kelvane-color --list-spaces              the colour space names of --to and --from
 
 Input: PNG, PPM/PGM/PAM (binary, maximum value up to 65535), TIFF; read as 16-bit samples.
 )" +

@@ -15,7 +15,17 @@ constexpr const char* output_section =
 constexpr const char* pipeline_section =
     "Pipeline (every CH= prefix is optional: b, g, r, any of them together, or blue, green, "
     "red):";
+constexpr const char* color_section =
+    "Colour (instead of the pipeline options; the outputs carry the destination's profile):";
 constexpr const char* other_section = "Other:";
+
+// A colour option's value, noted for the checks of how options go together.
+void set_color(parse_state& p, const std::string& name, const std::string& value,
+               std::string* field) {
+    if (value.empty()) throw usage_error(name + ": empty value");
+    *field = value;
+    if (p.color_option.empty()) p.color_option = name;
+}
 
 const option_spec options[] = {
     {"-o", "--output", "FILE", output_section,
@@ -113,6 +123,26 @@ const option_spec options[] = {
      "force a tier: scalar, sse, avx2, avx512 or a number",
      [](parse_state& p, const std::string&, const std::string& value) {
          p.s.tier = parse_tier(value);
+     }},
+    {nullptr, "--to", "SPACE|FILE.icc", color_section,
+     "convert to a named space (--list-spaces) or an ICC RGB matrix-shaper\n"
+     "profile, from the input's embedded profile (untagged: sRGB)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         set_color(p, name, value, &p.s.color_to);
+     }},
+    {nullptr, "--from", "SPACE|FILE.icc", color_section,
+     "the source space of every input, instead of its embedded profile",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         set_color(p, name, value, &p.s.color_from);
+     }},
+    {nullptr, "--clf", "FILE", color_section,
+     "apply a CLF/CTF process list (LUT1D, Range, Matrix nodes)",
+     [](parse_state& p, const std::string& name, const std::string& value) {
+         set_color(p, name, value, &p.s.clf);
+     }},
+    {nullptr, "--list-spaces", nullptr, color_section, "the names --to and --from know",
+     [](parse_state& p, const std::string&, const std::string&) {
+         p.s.mode = run_mode::list_spaces;
      }},
     {nullptr, "--chart-size", "WxH", other_section,
      "size of the built-in chart (default 1920x1080)",

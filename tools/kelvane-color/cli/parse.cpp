@@ -8,6 +8,17 @@
 namespace kv_tool {
 namespace {
 
+// Options that set what a colour conversion sets: the matrix, the tables, clamps, shifts and the
+// 8-bit rounding.
+void note_conversion_part(parse_state& p, const std::string& name) {
+    static const char* const parts[] = {"--matrix",          "--input-lut",      "--output-lut",
+                                        "--output-lut-bits", "--output-lut-max", "--clamp",
+                                        "--shift",           "--narrow"};
+    for (const char* part : parts) {
+        if (name == part && p.pipeline_option.empty()) p.pipeline_option = name;
+    }
+}
+
 // Every word of the line: "bench" first, options (with "--name=value" or the next word as
 // value), and input files.
 void read_arguments(const std::vector<std::string>& arguments, parse_state& p) {
@@ -42,14 +53,19 @@ void read_arguments(const std::vector<std::string>& arguments, parse_state& p) {
             value = arguments[++a];
         }
         option->apply(p, arg, value);
+        note_conversion_part(p, option->long_name);
     }
 }
 
 // Options that belong to another mode, and inputs a mode does not take.
 void check_modes(const parse_state& p) {
     const settings& s = p.s;
-    if (s.mode == run_mode::info && !s.inputs.empty()) {
-        throw usage_error("--info: takes no input files");
+    if (s.mode == run_mode::list_spaces && (!s.inputs.empty() || p.output_options)) {
+        throw usage_error("--list-spaces: takes no input files and writes no image");
+    }
+    if (s.mode == run_mode::info && !p.color_option.empty()) {
+        throw usage_error("--info: " + p.color_option +
+                          " is not one of its options (it shows the profile a file carries)");
     }
     if (s.mode == run_mode::bench) {
         if (p.output_options)
@@ -59,6 +75,24 @@ void check_modes(const parse_state& p) {
         if (s.inputs.size() > 1) throw usage_error("bench: one input image at most");
     } else if (p.bench_options) {
         throw usage_error("--json, --svg and --min-time are options of bench");
+    }
+}
+
+// How the colour options go together, and with the pipeline options they replace.
+void check_color(const parse_state& p) {
+    const settings& s = p.s;
+    if (p.color_option.empty()) return;
+    if (!p.pipeline_option.empty()) {
+        throw usage_error(p.color_option + " and " + p.pipeline_option +
+                          ": the colour conversion sets the matrix, LUTs, clamps, shifts and "
+                          "8-bit rounding itself; give one or the other");
+    }
+    if (!s.clf.empty() && (!s.color_to.empty() || !s.color_from.empty())) {
+        throw usage_error(std::string("--clf and ") + (s.color_to.empty() ? "--from" : "--to") +
+                          ": a process list is the whole conversion; give one or the other");
+    }
+    if (!s.color_from.empty() && s.color_to.empty()) {
+        throw usage_error("--from: needs --to (the space to convert to)");
     }
 }
 
@@ -106,6 +140,7 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
     read_arguments(arguments, p);
     if (p.stop) return p.s;
     check_modes(p);
+    check_color(p);
     check_output_places(p.s);
     if (p.chart_size_given && !p.s.inputs.empty()) {
         throw usage_error("--chart-size: only without input files");

@@ -13,7 +13,7 @@
 
 namespace kv_tool {
 
-enum class run_mode { process, bench, info, help, version };
+enum class run_mode { process, bench, info, list_spaces, help, version };
 
 // The number of cores, 1 to max_threads: what --threads is without a value.
 constexpr unsigned max_threads = 256;
@@ -41,6 +41,10 @@ struct settings {
     int32_t input_layout = 2;   // KV_FORMAT_RGB_INTERLEAVED
     int32_t output_layout = 2;  // KV_FORMAT_RGB_INTERLEAVED
     std::optional<int32_t> tier;
+
+    // Colour conversion: each of --from and --to a space name or an ICC profile file; --clf a
+    // CLF/CTF process list. Empty: not given.
+    std::string color_from, color_to, clf;
     int32_t chart_width = 1920;
     int32_t chart_height = 1080;
     bool quiet = false;

@@ -10,6 +10,19 @@
 
 namespace kv_tool {
 
+// The colour profile an image file carries: ICC bytes (PNG iCCP, TIFF tag 34675, the Windows
+// codecs' colour context), PNG's sRGB chunk, or neither. Written with an image as it is here.
+struct color_profile {
+    std::vector<uint8_t> icc;
+    bool srgb = false;  // sRGB: PNG writes its sRGB chunk, other formats the ICC bytes
+    std::string fault;  // why a profile the file has could not be taken (damaged, too large)
+    bool present() const { return srgb || !icc.empty() || !fault.empty(); }
+};
+
+// Embedded profiles are bounded as the colour layer bounds profile files (4 MiB); a larger one is
+// refused with the file rather than read.
+constexpr uint64_t max_embedded_profile = uint64_t(4) << 20;
+
 // Interleaved samples, r g b (a) per pixel, each at most 2^bits - 1.
 struct image {
     int32_t width = 0;
@@ -17,6 +30,7 @@ struct image {
     int channels = 3;  // 3 (RGB) or 4 (RGBA)
     int bits = 16;     // 8 or 16
     std::vector<uint16_t> samples;
+    color_profile profile;
 
     uint64_t pixel_count() const { return uint64_t(width) * uint64_t(height); }
 };

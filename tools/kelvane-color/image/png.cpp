@@ -26,6 +26,7 @@ struct png_context {
     uint32_t rows_done = 0;
     bool out_of_memory = false;
     bool plain_message = false;  // `message` is the tool's own wording
+    char profile_warning[256];   // libpng dropped the iCCP chunk, and why
 };
 
 void png_error_handler(png_structp png, png_const_charp message) {
@@ -33,7 +34,14 @@ void png_error_handler(png_structp png, png_const_charp message) {
     std::snprintf(context->message, sizeof context->message, "%s", message);
     std::longjmp(context->jump, 1);
 }
-void png_warning_handler(png_structp, png_const_charp) {}
+// Warnings are dropped but one: libpng leaves out a damaged or oversized iCCP chunk with a warning,
+// and an image whose profile is lost must not pass for an untagged one.
+void png_warning_handler(png_structp png, png_const_charp message) {
+    auto* context = static_cast<png_context*>(png_get_error_ptr(png));
+    if (std::strstr(message, "iCCP") != nullptr && context->profile_warning[0] == '\0') {
+        std::snprintf(context->profile_warning, sizeof context->profile_warning, "%s", message);
+    }
+}
 
 void png_read_bytes(png_structp png, png_bytep data, png_size_t length) {
     auto* context = static_cast<png_context*>(png_get_io_ptr(png));
@@ -91,6 +99,34 @@ bool png_prepare(png_structp png, png_infop info, png_context* context, uint64_t
     return true;
 }
 
+// The iCCP bytes or the sRGB chunk into `out`; false when memory runs out.
+bool png_take_profile(png_structp png, png_infop info, const png_context& context, image* out) {
+    png_charp name = nullptr;
+    int compression = 0;
+    png_bytep data = nullptr;
+    png_uint_32 length = 0;
+    int intent = 0;
+    try {
+        if (png_get_iCCP(png, info, &name, &compression, &data, &length) != 0 && length > 0) {
+            if (length > max_embedded_profile) {
+                out->profile.fault = "its ICC profile (iCCP) is " + std::to_string(length) +
+                                     " bytes, more than the " +
+                                     std::to_string(max_embedded_profile) + " accepted";
+            } else {
+                out->profile.icc.assign(data, data + length);
+            }
+        } else if (png_get_sRGB(png, info, &intent) != 0) {
+            out->profile.srgb = true;
+        } else if (context.profile_warning[0] != '\0') {
+            out->profile.fault = std::string("its ICC profile (iCCP) was left out by libpng: ") +
+                                 context.profile_warning;
+        }
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 // An interlaced image needs all its rows at once, after the size check against the file.
 bool png_read_interlaced(png_structp png, png_context* context, image* out,
                          std::vector<png_bytep>* rows) {
@@ -138,6 +174,10 @@ bool png_decode(png_structp png, png_infop info, png_context* context, uint64_t 
     if (!png_prepare(png, info, context, file_size, &passes)) return false;
     *out = empty_image(png_get_image_width(png, info), png_get_image_height(png, info),
                        png_get_channels(png, info));
+    if (!png_take_profile(png, info, *context, out)) {
+        context->out_of_memory = true;
+        return false;
+    }
     const bool ok = passes > 1 ? png_read_interlaced(png, context, out, rows)
                                : png_read_rows(png, context, out, row);
     if (ok) png_read_end(png, nullptr);
@@ -239,6 +279,13 @@ bool png_write_from(png_context* context, const image& picture,
                  picture.channels == 4 ? PNG_COLOR_TYPE_RGBA : PNG_COLOR_TYPE_RGB,
                  PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     png_set_compression_level(png, 3);
+    const color_profile& profile = picture.profile;
+    if (profile.srgb) {
+        png_set_sRGB_gAMA_and_cHRM(png, info, PNG_sRGB_INTENT_PERCEPTUAL);
+    } else if (!profile.icc.empty()) {
+        png_set_iCCP(png, info, "ICC profile", PNG_COMPRESSION_TYPE_BASE, profile.icc.data(),
+                     png_uint_32(profile.icc.size()));
+    }
     png_write_info(png, info);
     if (picture.bits == 16) png_set_swap(png);
     png_write_image(png, const_cast<png_bytepp>(rows.data()));

@@ -178,6 +178,24 @@ image read_tiff_rows(const std::string& path, TIFF* tiff, const tiff_source& sou
     return out;
 }
 
+// Tag 34675 (ICC profile), whose bytes libtiff has read with the directory, within the file.
+void read_tiff_profile(TIFF* tiff, color_profile* profile) {
+    uint32_t count = 0;
+    const void* data = nullptr;
+    if (TIFFGetField(tiff, TIFFTAG_ICCPROFILE, &count, &data) == 0 || data == nullptr ||
+        count == 0) {
+        return;
+    }
+    if (count > max_embedded_profile) {
+        profile->fault = "its ICC profile (tag 34675) is " + std::to_string(count) +
+                         " bytes, more than the " + std::to_string(max_embedded_profile) +
+                         " accepted";
+        return;
+    }
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    profile->icc.assign(bytes, bytes + count);
+}
+
 }  // namespace
 
 image read_tiff(const std::string& path, std::FILE* file, uint64_t file_size) {
@@ -199,7 +217,9 @@ image read_tiff(const std::string& path, std::FILE* file, uint64_t file_size) {
     uint16_t bits = 1;
     const uint16_t samples_per_pixel = check_tiff_layout(path, tiff.get(), &bits);
     check_strips(path, tiff.get(), file_size);
-    return read_tiff_rows(path, tiff.get(), source, bits, samples_per_pixel);
+    image out = read_tiff_rows(path, tiff.get(), source, bits, samples_per_pixel);
+    read_tiff_profile(tiff.get(), &out.profile);
+    return out;
 }
 
 // Deflate-compressed strips of about 256 KiB, as the Windows build writes them.
@@ -229,6 +249,9 @@ std::string tiff_to_stream(std::FILE* file, const image& picture) {
                           uint32_t(std::max<size_t>(1, (size_t(256) << 10) / row_bytes))) &&
              (picture.channels == 3 ||
               TIFFSetField(t, TIFFTAG_EXTRASAMPLES, 1, unassociated_alpha)) &&
+             (picture.profile.icc.empty() ||
+              TIFFSetField(t, TIFFTAG_ICCPROFILE, uint32_t(picture.profile.icc.size()),
+                           picture.profile.icc.data())) &&
              (!TIFFIsCODECConfigured(COMPRESSION_ADOBE_DEFLATE) ||
               TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE));
     }

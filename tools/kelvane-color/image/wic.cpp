@@ -244,6 +244,46 @@ HRESULT source_in(const decoding& d, layout l, ComPtr<IWICBitmapSource>* source)
     return hr;
 }
 
+// The frame's first ICC colour context (PNG iCCP, TIFF tag 34675, JPEG APP2...), or the EXIF
+// colour space sRGB, into `profile`. A decoder without colour contexts leaves the image untagged.
+void read_color_context(const decoding& d, color_profile* profile) {
+    UINT count = 0;
+    if (FAILED(d.frame->GetColorContexts(0, nullptr, &count)) || count == 0) return;
+    std::vector<ComPtr<IWICColorContext>> contexts(std::min<UINT>(count, 8));
+    std::vector<IWICColorContext*> raw;
+    for (ComPtr<IWICColorContext>& c : contexts) {
+        if (FAILED(d.factory->CreateColorContext(&c))) return;
+        raw.push_back(c.Get());
+    }
+    if (FAILED(d.frame->GetColorContexts(UINT(raw.size()), raw.data(), &count))) return;
+    for (UINT i = 0; i < std::min<UINT>(count, UINT(raw.size())); ++i) {
+        WICColorContextType type{};
+        if (FAILED(raw[i]->GetType(&type))) continue;
+        UINT size = 0;
+        if (type == WICColorContextProfile &&
+            SUCCEEDED(raw[i]->GetProfileBytes(0, nullptr, &size))) {
+            if (size > max_embedded_profile) {
+                profile->fault = "its ICC profile is " + std::to_string(size) +
+                                 " bytes, more than the " + std::to_string(max_embedded_profile) +
+                                 " accepted";
+                return;
+            }
+            std::vector<uint8_t> bytes(size);
+            if (SUCCEEDED(raw[i]->GetProfileBytes(size, bytes.data(), &size)) &&
+                size <= bytes.size()) {
+                bytes.resize(size);
+                profile->icc = std::move(bytes);
+                return;
+            }
+        }
+        UINT exif = 0;
+        if (type == WICColorContextExifColorSpace && SUCCEEDED(raw[i]->GetExifColorSpace(&exif)) &&
+            exif == 1) {
+            profile->srgb = true;
+        }
+    }
+}
+
 // The samples of `source`, in bands of rows, widened to 16 bits.
 image copy_samples(const std::string& path, const std::string& prefix, IWICBitmapSource* source,
                    UINT width, UINT height, layout l) {
@@ -316,6 +356,7 @@ image decode(const std::string& path, coded_format format, const std::string& by
     hr = source_in(d, l, &source);
     if (FAILED(hr)) throw fail(hr);
     image out = copy_samples(path, prefix, source.Get(), width, height, l);
+    read_color_context(d, &out.profile);
     // Decoded whole, yet cut short after its image data: refused as libpng refuses it.
     if (chunks.cut)
         throw file_error(path, prefix + png_cut_fault(true, height, height, bytes.size()));
@@ -357,6 +398,26 @@ HRESULT start_encoder(const com_session& com, coded_format format, const image& 
     if (SUCCEEDED(hr)) hr = e->frame->SetSize(UINT(picture.width), UINT(picture.height));
     if (SUCCEEDED(hr)) hr = e->frame->SetPixelFormat(offered);
     return hr;
+}
+
+// The output's profile as the frame's colour context, before its pixels.
+void write_color_context(const std::string& path, const std::string& prefix, const image& picture,
+                         encoding* e) {
+    if (picture.profile.icc.empty()) return;
+    ComPtr<IWICColorContext> context;
+    HRESULT hr = e->factory->CreateColorContext(&context);
+    if (SUCCEEDED(hr)) {
+        hr = context->InitializeFromMemory(picture.profile.icc.data(),
+                                           UINT(picture.profile.icc.size()));
+    }
+    IWICColorContext* contexts[1] = {context.Get()};
+    if (SUCCEEDED(hr)) hr = e->frame->SetColorContexts(1, contexts);
+    if (FAILED(hr)) {
+        throw file_error(path, prefix +
+                                   "this system's encoder cannot embed the colour profile "
+                                   "(IWICBitmapFrameEncode::SetColorContexts: " +
+                                   hresult_words(hr) + "); nothing written");
+    }
 }
 
 // The samples in bands of rows, as the encoders take them natively: 8-bit ones in BGR order.
@@ -423,6 +484,7 @@ void encode(const std::string& path, coded_format format, const image& picture) 
                                    std::to_string(picture.bits) + "-bit " +
                                    (alpha ? "RGBA" : "RGB") + " samples");
     }
+    if (SUCCEEDED(hr)) write_color_context(path, prefix, picture, &e);
     if (SUCCEEDED(hr)) hr = write_samples(path, prefix, picture, e.frame.Get());
     if (SUCCEEDED(hr)) hr = e.frame->Commit();
     if (SUCCEEDED(hr)) hr = e.encoder->Commit();

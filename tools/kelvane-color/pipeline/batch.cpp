@@ -18,7 +18,9 @@ namespace kv_tool {
 image read_source(const std::string& input, const settings& s) {
     if (!input.empty()) return read_image(input);
     try {
-        return make_chart(s.chart_width, s.chart_height);
+        image chart = make_chart(s.chart_width, s.chart_height);
+        chart.profile.srgb = true;  // made in sRGB's codes
+        return chart;
     } catch (const std::bad_alloc&) {
         throw file_error("chart", "not enough memory for its " + std::to_string(s.chart_width) +
                                       "x" + std::to_string(s.chart_height) + " pixels");
@@ -28,10 +30,13 @@ image read_source(const std::string& input, const settings& s) {
 namespace {
 
 // Reads, transforms and writes one job; `threads` stripes for its frame.
-void run_job(job& j, const settings& s, const output_route& route, const processor& p,
-             unsigned threads) {
+void run_job(job& j, const settings& s, const output_route& plain_route,
+             const processor& plain_processor, color_run* color, unsigned threads) {
     try {
         const image picture = read_source(j.input, s);
+        const color_setup* setup = color ? &color->setup_for(picture.profile, j.name) : nullptr;
+        const output_route& route = setup ? setup->route : plain_route;
+        const processor& p = setup ? setup->p : plain_processor;
         j.width = picture.width;
         j.height = picture.height;
         const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
@@ -48,7 +53,9 @@ void run_job(job& j, const settings& s, const output_route& route, const process
         if (j.type == file_type::raw) {
             write_file(j.target, output.data(), out_size);
         } else {
-            write_image(j.target, j.type, from_output_buffer(output.data(), s, picture));
+            image written = from_output_buffer(output.data(), s, picture);
+            if (color) written.profile = color->output_profile();
+            write_image(j.target, j.type, written);
         }
     } catch (const std::bad_alloc&) {
         // The image was read (its reader reports its own shortage), so the buffers of the
@@ -115,14 +122,14 @@ class job_board {
 }  // namespace
 
 void run_jobs(std::vector<job>& jobs, const settings& s, const output_route& route,
-              const processor& p, const std::function<bool(size_t)>& report) {
+              const processor& p, color_run* color, const std::function<bool(size_t)>& report) {
     const size_t workers = std::min<size_t>(s.threads, jobs.size());
     const unsigned stripes = std::max(1u, s.threads / unsigned(workers));
     job_board board(jobs);
     auto work = [&] {
         size_t i = 0;
         while (board.claim(&i)) {
-            run_job(jobs[i], s, route, p, stripes);
+            run_job(jobs[i], s, route, p, color, stripes);
             board.finish(i);
         }
         board.wake();

@@ -13,6 +13,7 @@
 
 #include "cli/settings.h"
 #include "cli/tool_error.h"
+#include "pipeline/color.h"
 #include "pipeline/processing.h"
 
 namespace kv_tool {
@@ -39,9 +40,11 @@ struct job {
 image read_source(const std::string& input, const settings& s);
 
 // Runs the jobs on up to s.threads threads: files at once in a batch, each frame in stripes with
-// the threads left over. `report(i)` is called on this thread for every job in input order, as
-// soon as it and those before it are done, until a job ends the run or `report` returns false.
+// the threads left over. With `color`, each frame runs through the processor of its source
+// profile and the outputs carry the destination's profile. `report(i)` is called on this thread for
+// every job in input order, as soon as it and those before it are done, until a job ends the run or
+// `report` returns false.
 void run_jobs(std::vector<job>& jobs, const settings& s, const output_route& route,
-              const processor& p, const std::function<bool(size_t)>& report);
+              const processor& p, color_run* color, const std::function<bool(size_t)>& report);
 
 }  // namespace kv_tool

@@ -66,6 +66,14 @@ kelvane::processor make_processor(const library_session& session, const pipeline
     }
 }
 
+// What a colour conversion's processor is created with: 16-bit tables on both sides.
+pipeline_plan color_tables_plan() {
+    pipeline_plan plan;
+    plan.input_LUT_bits = 16;
+    plan.output_LUT_bits = 16;
+    return plan;
+}
+
 }  // namespace
 
 library_session::library_session() : session_(start_library()) {}
@@ -98,6 +106,15 @@ processor::processor(const settings& s, const pipeline_plan& plan, std::optional
                                      plan.channel[2].input_LUT);
         processor_.enable_output_LUTs(plan.channel[0].output_LUT, plan.channel[1].output_LUT,
                                       plan.channel[2].output_LUT);
+    } catch (const kelvane::error& e) {
+        throw library_error(e.what());
+    }
+}
+
+processor::processor(const kelvane::color_conversion& conversion, std::optional<int32_t> tier)
+    : processor_(make_processor(session_, color_tables_plan(), tier)) {
+    try {
+        conversion.configure(processor_);
     } catch (const kelvane::error& e) {
         throw library_error(e.what());
     }

@@ -10,6 +10,7 @@
 
 #include "cli/settings.h"
 #include "image/image.h"
+#include "kelvane_qor_color.hpp"
 #include "kelvane_qor_color_processing.hpp"
 #include "pipeline/plan.h"
 
@@ -34,6 +35,8 @@ class library_session {
 class processor {
   public:
     processor(const settings& s, const pipeline_plan& plan, std::optional<int32_t> tier);
+    // 16-bit LUT depths, with the matrix, tables and flags of a colour conversion.
+    processor(const kelvane::color_conversion& conversion, std::optional<int32_t> tier);
     const kelvane::processor& get() const { return processor_; }
     kv_color_processor_handle handle() const { return processor_.handle(); }
 

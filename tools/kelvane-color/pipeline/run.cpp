@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "pipeline/batch.h"
+#include "pipeline/color.h"
 #include "pipeline/plan.h"
 #include "pipeline/system_probe.h"
 
@@ -20,6 +21,7 @@ std::vector<read_file> files_read(const settings& s) {
             if (c.kind == curve_kind::cube) reads.push_back({c.text, "the .cube file"});
         }
     }
+    add_color_reads(s, &reads);
     return reads;
 }
 
@@ -70,7 +72,8 @@ std::string output_path_for(const settings& s, const job& j, file_type* type) {
 // work starts: refused when it is a file the run reads, or written already by an earlier job.
 // The settings are refused, if at all, before a file is read or written: every frame of the run
 // would be refused alike.
-std::vector<job> plan_jobs(const settings& s, const output_route& route, const processor& p) {
+std::vector<job> plan_jobs(const settings& s, const output_route& route, const processor& p,
+                           color_run* color) {
     std::vector<job> jobs;
     if (s.inputs.empty()) jobs.emplace_back("", "chart");
     for (const std::string& input : s.inputs) jobs.emplace_back(input, input);
@@ -83,6 +86,7 @@ std::vector<job> plan_jobs(const settings& s, const output_route& route, const p
     for (job& j : jobs) {
         if (s.output.empty() && s.output_dir.empty()) continue;
         targets.push_back(output_path_for(s, j, &j.type));
+        if (color) color->note_output_type(j.type);
     }
     refuse_outputs_that_are_read(targets, files_read(s));
     if (!s.output_dir.empty()) {
@@ -184,15 +188,27 @@ class run_report {
 
 int run_process(const settings& s) {
     const system_report system = probe_system();
-    // Without an output file only the library's own frame is timed.
-    const output_route route = route_output(s, !s.output.empty()      ? file_type_of(s.output, "-o")
-                                               : s.output_dir.empty() ? file_type::raw
-                                                                      : s.output_type);
-    const processor p(route.library, route.plan, s.tier);
+    // With colour options every source has its processor; the sRGB one (or --from's, or
+    // --clf's) also checks the settings before any file is read.
+    std::optional<color_run> color;
+    std::optional<output_route> plain_route;
+    std::optional<processor> plain;
+    if (color_requested(s)) color.emplace(s);
+    const color_setup* first = color ? &color->setup_for(color_profile{{}, true, {}}, "") : nullptr;
+    if (!first) {
+        // Without an output file only the library's own frame is timed.
+        plain_route = route_output(s, !s.output.empty()      ? file_type_of(s.output, "-o")
+                                      : s.output_dir.empty() ? file_type::raw
+                                                             : s.output_type);
+        plain.emplace(plain_route->library, plain_route->plan, s.tier);
+    }
+    const output_route& route = first ? first->route : *plain_route;
+    const processor& p = first ? first->p : *plain;
     const int32_t backend = routed_backend(s.tier.value_or(system.cpu.tier), system.vector);
-    std::vector<job> jobs = plan_jobs(s, route, p);
+    std::vector<job> jobs = plan_jobs(s, route, p, color ? &*color : nullptr);
     run_report report(s, system, backend, jobs.size());
-    run_jobs(jobs, s, route, p, [&](size_t i) { return report.job_done(i, jobs[i]); });
+    run_jobs(jobs, s, route, p, color ? &*color : nullptr,
+             [&](size_t i) { return report.job_done(i, jobs[i]); });
     return report.finish(jobs.size());
 }
 
