@@ -71,7 +71,12 @@ configure_file("${CMAKE_CURRENT_LIST_DIR}/install/kelvane_qor_color_processing.p
 install(FILES "${PROJECT_BINARY_DIR}/kelvane_qor_color_processing.pc"
   DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
 
-install(TARGETS kelvane-color RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tool)
+if(TARGET kelvane-color)
+  # The tool runs on the colour layer too: the tool component brings it along.
+  install(TARGETS kelvane-color RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tool)
+  install(TARGETS kelvane_qor_color COMPONENT tool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
+          LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+endif()
 
 # The Python package, and beside it a record of where this install put the library, so that the
 # package finds it with nothing but PYTHONPATH set. The record is written at install time, when
