@@ -119,7 +119,10 @@ TEST(Options, BadCommandLinesNameTheOption) {
         {{"bench", "-o", "x.png"}, "bench writes no image"},
         {{"bench", "a.png", "b.png"}, "bench: one input image at most"},
         {{"bench", "--min-time", "0"}, "--min-time: '0' is not a number of seconds"},
-        {{"--info", "a.png"}, "--info: takes no input files"},
+        {{"--info", "a.png", "--to", "srgb"}, "--info: --to is not one of its options"},
+        {{"--to", "srgb", "--clf", "a.clf"}, "--clf and --to: a process list is the whole"},
+        {{"--clf", "a.clf", "--narrow", "round"}, "--clf and --narrow: the colour conversion"},
+        {{"--list-spaces", "a.png"}, "--list-spaces: takes no input files"},
         {{"--input-lut", "no_such_file.cube"}, "no_such_file.cube: cannot open"},
     };
     for (const bad_case& c : cases) {
