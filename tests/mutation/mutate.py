@@ -184,6 +184,7 @@ def main():
     parser.add_argument("--test-timeout", type=int, default=900, help="seconds per test")
     parser.add_argument("--suite-timeout", type=int, default=2400, help="seconds per ctest run")
     parser.add_argument("--jobs", type=int, default=2)
+    parser.add_argument("--label", help="run only the tests of this CTest label (ctest -L)")
     parser.add_argument("--table", help="also write the summary table (Markdown) here")
     args = parser.parse_args()
 
@@ -238,6 +239,8 @@ def main():
     build_cmd = ["cmake", "--build", build, "-j", str(args.jobs)]
     test_cmd = ["ctest", "--test-dir", build, "-j", str(args.jobs), "--stop-on-failure",
                 "--timeout", str(args.test_timeout), "--output-on-failure"]
+    if args.label:
+        test_cmd += ["-L", args.label]
     started = time.time()
     base_log = os.path.join(logs, "baseline.log")
     open(base_log, "w").close()

@@ -285,6 +285,10 @@ bool png_write_from(png_context* context, const image& picture,
     } else if (!profile.icc.empty()) {
         png_set_iCCP(png, info, "ICC profile", PNG_COMPRESSION_TYPE_BASE, profile.icc.data(),
                      png_uint_32(profile.icc.size()));
+        // libpng drops a profile it finds fault with, warning only: an output must not lose it.
+        if (png_get_valid(png, info, PNG_INFO_iCCP) == 0) {
+            png_error(png, "libpng refused to embed the ICC profile (iCCP)");
+        }
     }
     png_write_info(png, info);
     if (picture.bits == 16) png_set_swap(png);
