@@ -71,6 +71,7 @@ std::vector<uint16_t> samples_of(const std::string& path, int bits) {
     return samples;
 }
 
+#if defined(KV_TOOL_HAVE_PNG)
 // The chunk types of a PNG file in order, read here rather than through libpng.
 std::vector<std::string> png_chunks(const std::string& path) {
     const std::string b = contents(path);
@@ -87,6 +88,7 @@ std::vector<std::string> png_chunks(const std::string& path) {
 bool has(const std::vector<std::string>& list, const std::string& item) {
     return std::find(list.begin(), list.end(), item) != list.end();
 }
+#endif
 
 // The profile bytes of a written file, checked apart from the tool's reader where the build can.
 void expect_profile(const std::string& path, const std::vector<uint8_t>& icc, bool srgb_chunk) {
