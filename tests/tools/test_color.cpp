@@ -165,7 +165,7 @@ TEST(ToolColor, TaggedFilesConvertAsTheLayerDoes) {
     }
 }
 
-// To sRGB a PNG carries the sRGB chunk and a TIFF the profile's bytes; --from replaces the
+// To sRGB a PNG carries the sRGB chunk (libpng) and a TIFF the profile's bytes; --from replaces the
 // embedded profile; the chart counts as sRGB and says nothing.
 TEST(ToolColor, SrgbChunkFromAndChart) {
     const fs::path dir = scratch_dir();
@@ -175,7 +175,8 @@ TEST(ToolColor, SrgbChunkFromAndChart) {
     for (const char* name : {"out.png", "out.tif"}) {
         const std::string output = (dir / name).string();
         ASSERT_EQ(run_tool({input, "--to", "srgb", "-o", output}).code, 0);
-        expect_profile(output, srgb, std::string(name) == "out.png");
+        // The Windows encoders write every profile as ICC bytes; libpng writes the sRGB chunk.
+        expect_profile(output, srgb, std::string(name) == "out.png" && !kv_tool::system_codecs);
     }
     const std::string untagged = (dir / "untagged.png").string();
     write_input(untagged, {});
