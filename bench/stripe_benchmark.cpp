@@ -4,25 +4,18 @@
 // thread's start weighs most) and all six LUTs. Prints the best of many runs of each.
 //   kv_stripe_benchmark [repeats]
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <vector>
 
+#include "bench/bench_timing.h"
 #include "kelvane_qor_color_processing.hpp"
 
 namespace {
 
 double best_seconds(int repeats, const std::function<void()>& run) {
-    double best = 1e9;
-    for (int i = 0; i < repeats; ++i) {
-        const auto start = std::chrono::steady_clock::now();
-        run();
-        best = std::min(
-            best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-    }
-    return best;
+    return kv::bench::measure(run, 0, repeats).best_seconds;
 }
 
 void measure(const kelvane::processor& p, const char* name, int repeats) {

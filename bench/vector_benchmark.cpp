@@ -10,9 +10,9 @@
 //                       [--workloads abcde] [--sizes 65536,1920x1080,3840x2160]
 #include <fcntl.h>
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <cstdint>
@@ -37,6 +37,7 @@
 #include <opencv2/core.hpp>
 #endif
 
+#include "bench/bench_timing.h"
 #include "kernels/dispatch.h"
 #include "kernels/transform_request.h"
 #include "modules/vector/instruction_sets.h"
@@ -183,30 +184,8 @@ std::vector<uint32_t> curve(double exponent) {
     return table;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Timing
-// ---------------------------------------------------------------------------------------------
-
-struct timing {
-    double best_seconds = 0, median_seconds = 0;
-    int runs = 0;
-};
-
-timing measure(const std::function<void()>& run, double min_time, int min_runs) {
-    run();  // warm-up: caches, page tables, branch predictors
-    std::vector<double> times;
-    double total = 0;
-    while (total < min_time || int(times.size()) < min_runs) {
-        const auto start = std::chrono::steady_clock::now();
-        run();
-        const double t =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        times.push_back(t);
-        total += t;
-    }
-    std::sort(times.begin(), times.end());
-    return {times.front(), times[times.size() / 2], int(times.size())};
-}
+using kv::bench::measure;
+using kv::bench::timing;
 
 // A second thread that runs a given job whenever asked, so that two threads can transform the
 // halves of one frame at once without a thread start in every measurement.
@@ -311,176 +290,175 @@ std::string printable(const std::string& s) {
     return out;
 }
 
-std::string json_escape(const std::string& s) {
-    std::string out;
-    for (char c : s) {
-        if (c == '"' || c == '\\') out += '\\';
-        out += c;
-    }
-    return out;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
+struct options {
     std::string json_path, module_directory = KV_VECTOR_MODULE_DIRECTORY;
     std::string only_workloads = "abcde", only_sizes = "65536,1920x1080,3840x2160";
     double min_time = 0.4;
     int min_runs = 5;
+};
+
+// False, after the usage, on an argument it does not know.
+bool parse_arguments(int argc, char** argv, options& o) {
     for (int a = 1; a < argc; ++a) {
         const std::string arg = argv[a];
         if (arg == "--json" && a + 1 < argc) {
-            json_path = argv[++a];
+            o.json_path = argv[++a];
         } else if (arg == "--modules" && a + 1 < argc) {
-            module_directory = argv[++a];
+            o.module_directory = argv[++a];
         } else if (arg == "--min-time" && a + 1 < argc) {
-            min_time = std::atof(argv[++a]);
+            o.min_time = std::atof(argv[++a]);
         } else if (arg == "--workloads" && a + 1 < argc) {
-            only_workloads = argv[++a];
+            o.only_workloads = argv[++a];
         } else if (arg == "--sizes" && a + 1 < argc) {
-            only_sizes = "," + std::string(argv[++a]) + ",";
+            o.only_sizes = "," + std::string(argv[++a]) + ",";
         } else if (arg == "--quick") {
-            min_time = 0.05;
-            min_runs = 2;
+            o.min_time = 0.05;
+            o.min_runs = 2;
         } else {
             std::fprintf(stderr,
                          "usage: %s [--json FILE] [--modules DIR] [--min-time SECONDS] "
                          "[--quick] [--workloads abcde] [--sizes 65536,1920x1080,3840x2160]\n"
                          "(unknown argument \"%s\")\n",
                          printable(argv[0]).c_str(), printable(arg).c_str());
-            return 2;
+            return false;
         }
     }
+    return true;
+}
 
-    vector_module modules[3] = {
-        {"SSE", kv::VECTOR_MODULES[0], kv::vector::instruction_set::sse41, nullptr, nullptr, {}},
-        {"AVX2", kv::VECTOR_MODULES[1], kv::vector::instruction_set::avx2, nullptr, nullptr, {}},
-        {"AVX-512",
-         kv::VECTOR_MODULES[2],
-         kv::vector::instruction_set::avx512,
-         nullptr,
-         nullptr,
-         {}}};
-    for (vector_module& m : modules) {
-        load(m, module_directory);
-        if (!m.unavailable.empty())
-            std::printf("# %s skipped: %s\n", m.label, m.unavailable.c_str());
-    }
+// The gamma-like tables every workload with LUTs uses.
+struct curves {
+    std::vector<uint32_t> decode = curve(2.2), encode = curve(1.0 / 2.2);
+};
+
+// The request of workload `w` over the whole frame.
+transform_request request_for(const workload& w, const frame_size& size, const buffer& input,
+                              buffer& output, const kv::color_correction_head& matrix,
+                              const curves& tables) {
+    transform_request r;
+    std::memset(&r, 0, sizeof r);
+    r.input_buffer = static_cast<const uint16_t*>(input.data);
+    r.input_format = w.input_format;
+    r.output_buffer = output.data;
+    r.output_format = w.output_format;
+    r.pixel_count = int32_t(uint64_t(size.width) * size.height);
+    r.processor = reinterpret_cast<const kv::color_correction*>(&matrix);
+    r.blue_output_max = r.green_output_max = r.red_output_max = 0xFFFF;
+    r.blue_input_LUT = r.green_input_LUT = r.red_input_LUT = tables.decode.data();
+    r.blue_output_LUT = r.green_output_LUT = r.red_output_LUT = tables.encode.data();
+    r.blue_input_LUT_enabled = r.green_input_LUT_enabled = r.red_input_LUT_enabled = w.input_LUTs;
+    r.blue_output_LUT_enabled = r.green_output_LUT_enabled = r.red_output_LUT_enabled =
+        w.output_LUTs;
+    r.blue_shift_distance = r.green_shift_distance = r.red_shift_distance = w.shift;
+    return r;
+}
+
+// What measure_case needs beside the workload and the frame size.
+struct bench_context {
+    const options& o;
+    const std::vector<vector_module>& modules;
+    const curves& tables;
+    helper_thread& helper;
+    std::vector<result>& results;
+};
+
 #if defined(KV_HAVE_OPENCV)
-    cv::setNumThreads(1);
-    std::printf("# OpenCV %s, cv::transform single-threaded\n", CV_VERSION);
-#else
-    std::printf("# OpenCV not found at build time: no cv::transform column\n");
+// cv::transform on the same 16-bit 3x3 work.
+timing opencv_timing(const frame_size& size, const buffer& input, buffer& output,
+                     const options& o) {
+    const cv::Mat source(size.height, size.width, CV_16UC3, input.data);
+    cv::Mat destination(size.height, size.width, CV_16UC3, output.data);
+    // cv::transform's matrix maps source channels (B, G, R) to destination channels.
+    const float* m = color_matrix;
+    const cv::Matx33f bgr(m[8], m[7], m[6], m[5], m[4], m[3], m[2], m[1], m[0]);
+    return measure([&] { cv::transform(source, destination, bgr); }, o.min_time, o.min_runs);
+}
 #endif
 
-    const std::vector<uint32_t> decode = curve(2.2), encode = curve(1.0 / 2.2);
-    helper_thread helper;
+// The same frame as two halves of whole pixels, one a thread.
+std::array<transform_request, 2> halves(const transform_request& r, int width, void* output) {
+    const uint64_t n = uint64_t(r.pixel_count);
+    std::array<transform_request, 2> half = {r, r};
+    half[0].pixel_count = int32_t(n / 2);
+    half[1].pixel_count = int32_t(n - n / 2);
+    half[1].input_buffer = r.input_buffer + 3 * (n / 2);
+    half[1].output_buffer = static_cast<uint8_t*>(output) + 3 * (width / 8) * (n / 2);
+    return half;
+}
 
-    std::vector<result> results;
-    for (const workload& w : workloads) {
-        if (only_workloads.find(w.key) == std::string::npos) continue;
-        kv::color_correction_head matrix;
-        std::memcpy(matrix.matrix, w.matrix, sizeof matrix.matrix);
-        for (const frame_size& size : sizes) {
-            if (("," + only_sizes + ",").find("," + std::string(size.label) + ",") ==
-                std::string::npos) {
-                continue;
-            }
-            const uint64_t n = uint64_t(size.width) * size.height;
-            const size_t input_bytes = 6 * n, output_bytes = n * 3 * (w.width / 8);
-            buffer input(input_bytes), output(output_bytes), expected(output_bytes),
-                copy(input_bytes);
-            fill_image(static_cast<uint16_t*>(input.data), size, w.input_format);
+// Every path on one workload at one frame size, each output compared with the scalar kernels'.
+void measure_case(const workload& w, const frame_size& size, const bench_context& c) {
+    kv::color_correction_head matrix;
+    std::memcpy(matrix.matrix, w.matrix, sizeof matrix.matrix);
+    const uint64_t n = uint64_t(size.width) * size.height;
+    const size_t input_bytes = 6 * n, output_bytes = n * 3 * (w.width / 8);
+    buffer input(input_bytes), output(output_bytes), expected(output_bytes), copy(input_bytes);
+    fill_image(static_cast<uint16_t*>(input.data), size, w.input_format);
+    const transform_request r = request_for(w, size, input, output, matrix, c.tables);
+    const double min_time = c.o.min_time;
+    const int min_runs = c.o.min_runs;
 
-            transform_request r;
-            std::memset(&r, 0, sizeof r);
-            r.input_buffer = static_cast<const uint16_t*>(input.data);
-            r.input_format = w.input_format;
-            r.output_buffer = output.data;
-            r.output_format = w.output_format;
-            r.pixel_count = int32_t(n);
-            r.processor = reinterpret_cast<const kv::color_correction*>(&matrix);
-            r.blue_output_max = r.green_output_max = r.red_output_max = 0xFFFF;
-            r.blue_input_LUT = r.green_input_LUT = r.red_input_LUT = decode.data();
-            r.blue_output_LUT = r.green_output_LUT = r.red_output_LUT = encode.data();
-            r.blue_input_LUT_enabled = r.green_input_LUT_enabled = r.red_input_LUT_enabled =
-                w.input_LUTs;
-            r.blue_output_LUT_enabled = r.green_output_LUT_enabled = r.red_output_LUT_enabled =
-                w.output_LUTs;
-            r.blue_shift_distance = r.green_shift_distance = r.red_shift_distance = w.shift;
-
-            auto scalar = [&](const transform_request& request, int32_t start) {
-                if (w.width == 8) {
-                    kv::dispatch_kernel_8(&request, start);
-                } else {
-                    kv::dispatch_kernel_16(&request, start);
-                }
-            };
-            auto add = [&](const char* path, int threads, const timing& t, bool exact) {
-                results.push_back({w.key, size.label, path, n, threads, t, exact});
-                std::fflush(stdout);
-            };
-            // The same frame as two halves of whole pixels, one a thread (interleaved input and
-            // output only: planes are tied to the pixel count).
-            const bool stripes = w.input_format != kv::FORMAT_BGR_PLANES;
-            transform_request half[2] = {r, r};
-            half[0].pixel_count = int32_t(n / 2);
-            half[1].pixel_count = int32_t(n - n / 2);
-            half[1].input_buffer = r.input_buffer + 3 * (n / 2);
-            half[1].output_buffer =
-                static_cast<uint8_t*>(output.data) + 3 * (w.width / 8) * (n / 2);
-            auto two_threads = [&](const std::function<void(const transform_request&)>& run) {
-                return measure(
-                    [&] { helper.run_both([&] { run(half[0]); }, [&] { run(half[1]); }); },
-                    min_time, min_runs);
-            };
-            auto matches = [&] {
-                return std::memcmp(output.data, expected.data, output_bytes) == 0;
-            };
-
-            transform_request scalar_request = r;
-            scalar_request.output_buffer = expected.data;
-            add("scalar", 1, measure([&] { scalar(scalar_request, 0); }, min_time, 2), true);
-            if (stripes) {
-                std::memset(output.data, 0xEE, output_bytes);
-                const timing t = two_threads([&](const transform_request& q) { scalar(q, 0); });
-                add("scalar", 2, t, matches());
-            }
-            for (const vector_module& m : modules) {
-                if (!m.unavailable.empty()) continue;
-                const auto transform = w.width == 8 ? m.transform_8 : m.transform_16;
-                std::memset(output.data, 0xEE, output_bytes);
-                const timing t = measure([&] { scalar(r, transform(&r)); }, min_time, min_runs);
-                add(m.label, 1, t, matches());
-                if (!stripes) continue;
-                std::memset(output.data, 0xEE, output_bytes);
-                const timing t2 =
-                    two_threads([&](const transform_request& q) { scalar(q, transform(&q)); });
-                add(m.label, 2, t2, matches());
-            }
-            add("memcpy", 1,
-                measure([&] { std::memcpy(copy.data, input.data, input_bytes); }, min_time,
-                        min_runs),
-                true);
-#if defined(KV_HAVE_OPENCV)
-            if (w.opencv_comparable) {
-                const cv::Mat source(size.height, size.width, CV_16UC3, input.data);
-                cv::Mat destination(size.height, size.width, CV_16UC3, output.data);
-                // cv::transform's matrix maps source channels (B, G, R) to destination channels.
-                const float* m = color_matrix;
-                const cv::Matx33f bgr(m[8], m[7], m[6], m[5], m[4], m[3], m[2], m[1], m[0]);
-                add("OpenCV", 1,
-                    measure([&] { cv::transform(source, destination, bgr); }, min_time, min_runs),
-                    true);
-            }
-#endif
+    auto scalar = [&](const transform_request& request, int32_t start) {
+        if (w.width == 8) {
+            kv::dispatch_kernel_8(&request, start);
+        } else {
+            kv::dispatch_kernel_16(&request, start);
         }
-    }
+    };
+    auto add = [&](const char* path, int threads, const timing& t, bool exact) {
+        c.results.push_back({w.key, size.label, path, n, threads, t, exact});
+        std::fflush(stdout);
+    };
+    // Two threads on halves of interleaved frames only: planes are tied to the pixel count.
+    const bool stripes = w.input_format != kv::FORMAT_BGR_PLANES;
+    const std::array<transform_request, 2> half = halves(r, w.width, output.data);
+    auto two_threads = [&](const std::function<void(const transform_request&)>& run) {
+        std::memset(output.data, 0xEE, output_bytes);
+        return measure([&] { c.helper.run_both([&] { run(half[0]); }, [&] { run(half[1]); }); },
+                       min_time, min_runs);
+    };
+    auto matches = [&] { return std::memcmp(output.data, expected.data, output_bytes) == 0; };
 
-    // The table: one row per workload and size, Mpix/s per path, and the ratios the targets use.
-    const char* paths[] = {"scalar", "SSE", "AVX2", "AVX-512", "memcpy", "OpenCV"};
-    std::printf("\nMpix/s, best of repeated runs, single thread\n");
-    // The ratios the targets are stated in: path over reference path, both from this run.
+    transform_request scalar_request = r;
+    scalar_request.output_buffer = expected.data;
+    add("scalar", 1, measure([&] { scalar(scalar_request, 0); }, min_time, 2), true);
+    if (stripes) {
+        const timing t = two_threads([&](const transform_request& q) { scalar(q, 0); });
+        add("scalar", 2, t, matches());
+    }
+    for (const vector_module& m : c.modules) {
+        if (!m.unavailable.empty()) continue;
+        const auto transform = w.width == 8 ? m.transform_8 : m.transform_16;
+        std::memset(output.data, 0xEE, output_bytes);
+        const timing t = measure([&] { scalar(r, transform(&r)); }, min_time, min_runs);
+        add(m.label, 1, t, matches());
+        if (!stripes) continue;
+        const timing t2 =
+            two_threads([&](const transform_request& q) { scalar(q, transform(&q)); });
+        add(m.label, 2, t2, matches());
+    }
+    add("memcpy", 1,
+        measure([&] { std::memcpy(copy.data, input.data, input_bytes); }, min_time, min_runs),
+        true);
+#if defined(KV_HAVE_OPENCV)
+    if (w.opencv_comparable) add("OpenCV", 1, opencv_timing(size, input, output, c.o), true);
+#endif
+}
+
+const char* const paths[] = {"scalar", "SSE", "AVX2", "AVX-512", "memcpy", "OpenCV"};
+
+// A figure of a table, or "-" when there is none.
+void print_figure(double value, double shown, const char* format) {
+    if (value > 0) {
+        std::printf(format, shown);
+    } else {
+        std::printf(" %9s", "-");
+    }
+}
+
+// One row per workload and size: Mpix/s per path, and the ratios the targets are stated in
+// (path over reference path, both from this run).
+void print_single_thread_table(const std::vector<result>& results) {
     struct ratio_column {
         const char* label;
         int path, reference;
@@ -490,6 +468,7 @@ int main(int argc, char** argv) {
                                    {"AVX2/mcpy", 2, 4},
                                    {"SSE/scal", 1, 0},
                                    {"512/scal", 3, 0}};
+    std::printf("\nMpix/s, best of repeated runs, single thread\n");
     std::printf("%-3s %-10s %9s %9s %9s %9s %9s %9s ", "", "size", "scalar", "SSE", "AVX2",
                 "AVX-512", "memcpy", "OpenCV");
     for (const ratio_column& r : ratios) std::printf(" %9s", r.label);
@@ -508,32 +487,19 @@ int main(int argc, char** argv) {
             }
             if (!measured) continue;
             std::printf("(%s) %-10s", w.key, size.label);
-            for (double v : value) {
-                if (v > 0) {
-                    std::printf(" %9.0f", v);
-                } else {
-                    std::printf(" %9s", "-");
-                }
-            }
+            for (double v : value) print_figure(v, v, " %9.0f");
             std::printf(" ");
             for (const ratio_column& r : ratios) {
                 const double a = value[r.path], b = value[r.reference];
-                if (a > 0 && b > 0) {
-                    std::printf(" %9.2f", a / b);
-                } else {
-                    std::printf(" %9s", "-");
-                }
+                print_figure(a > 0 && b > 0 ? a : 0, b > 0 ? a / b : 0, " %9.2f");
             }
             std::printf("%s\n", inexact ? "  OUTPUT DIFFERS FROM SCALAR" : "");
         }
     }
-    for (const workload& w : workloads) {
-        if (only_workloads.find(w.key) != std::string::npos)
-            std::printf("(%s) %s\n", w.key, w.title);
-    }
-    std::printf("memcpy copies the frame's input bytes (6 per pixel); OCV: cv::transform.\n");
+}
 
-    // Two threads on halves of the same frame, beside one thread of the same path.
+// Two threads on halves of the same frame, beside one thread of the same path.
+void print_two_thread_table(const std::vector<result>& results) {
     std::printf(
         "\nMpix/s with 2 threads (halves of one interleaved frame), and x: over 1 thread\n");
     std::printf("%-3s %-10s", "", "size");
@@ -564,36 +530,95 @@ int main(int argc, char** argv) {
             std::printf("%s\n", inexact ? "  OUTPUT DIFFERS FROM SCALAR" : "");
         }
     }
+}
+
+std::string results_json(const std::vector<result>& results) {
+    std::ostringstream json;
+    json << "{\n  \"unit\": \"Mpix/s\",\n  \"results\": [\n";
+    for (size_t i = 0; i < results.size(); ++i) {
+        const result& x = results[i];
+        const workload* w = nullptr;
+        for (const workload& candidate : workloads) {
+            if (x.workload == candidate.key) w = &candidate;
+        }
+        json << "    {\"workload\": \"" << x.workload
+             << "\", \"title\": " << kv::bench::json_string(w->title) << ", \"size\": \"" << x.size
+             << "\", \"pixels\": " << x.pixels << ", \"path\": \"" << x.path
+             << "\", \"threads\": " << x.threads << ", \"mpix_per_s\": " << x.mpix()
+             << ", \"best_ms\": " << x.time.best_seconds * 1e3
+             << ", \"median_ms\": " << x.time.median_seconds * 1e3 << ", \"runs\": " << x.time.runs
+             << ", \"exact\": " << (x.exact ? "true" : "false") << "}"
+             << (i + 1 < results.size() ? "," : "") << "\n";
+    }
+    json << "  ]\n}\n";
+    return json.str();
+}
+
+// The three modules from `directory`, each with why it is skipped when it is.
+std::vector<vector_module> load_modules(const std::string& directory) {
+    std::vector<vector_module> modules = {
+        {"SSE", kv::VECTOR_MODULES[0], kv::vector::instruction_set::sse41, nullptr, nullptr, {}},
+        {"AVX2", kv::VECTOR_MODULES[1], kv::vector::instruction_set::avx2, nullptr, nullptr, {}},
+        {"AVX-512",
+         kv::VECTOR_MODULES[2],
+         kv::vector::instruction_set::avx512,
+         nullptr,
+         nullptr,
+         {}}};
+    for (vector_module& m : modules) {
+        load(m, directory);
+        if (!m.unavailable.empty())
+            std::printf("# %s skipped: %s\n", m.label, m.unavailable.c_str());
+    }
+    return modules;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    options o;
+    if (!parse_arguments(argc, argv, o)) return 2;
+    const std::vector<vector_module> modules = load_modules(o.module_directory);
+#if defined(KV_HAVE_OPENCV)
+    cv::setNumThreads(1);
+    std::printf("# OpenCV %s, cv::transform single-threaded\n", CV_VERSION);
+#else
+    std::printf("# OpenCV not found at build time: no cv::transform column\n");
+#endif
+
+    const curves tables;
+    helper_thread helper;
+    std::vector<result> results;
+    const bench_context context{o, modules, tables, helper, results};
+    for (const workload& w : workloads) {
+        if (o.only_workloads.find(w.key) == std::string::npos) continue;
+        for (const frame_size& size : sizes) {
+            if (("," + o.only_sizes + ",").find("," + std::string(size.label) + ",") ==
+                std::string::npos) {
+                continue;
+            }
+            measure_case(w, size, context);
+        }
+    }
+
+    print_single_thread_table(results);
+    for (const workload& w : workloads) {
+        if (o.only_workloads.find(w.key) != std::string::npos)
+            std::printf("(%s) %s\n", w.key, w.title);
+    }
+    std::printf("memcpy copies the frame's input bytes (6 per pixel); OCV: cv::transform.\n");
+    print_two_thread_table(results);
 
     bool all_exact = true;
     for (const result& x : results) all_exact = all_exact && x.exact;
-
-    if (!json_path.empty()) {
-        std::ostringstream json;
-        json << "{\n  \"unit\": \"Mpix/s\",\n  \"results\": [\n";
-        for (size_t i = 0; i < results.size(); ++i) {
-            const result& x = results[i];
-            const workload* w = nullptr;
-            for (const workload& candidate : workloads) {
-                if (x.workload == candidate.key) w = &candidate;
-            }
-            json << "    {\"workload\": \"" << x.workload << "\", \"title\": \""
-                 << json_escape(w->title) << "\", \"size\": \"" << x.size
-                 << "\", \"pixels\": " << x.pixels << ", \"path\": \"" << x.path
-                 << "\", \"threads\": " << x.threads << ", \"mpix_per_s\": " << x.mpix()
-                 << ", \"best_ms\": " << x.time.best_seconds * 1e3
-                 << ", \"median_ms\": " << x.time.median_seconds * 1e3
-                 << ", \"runs\": " << x.time.runs << ", \"exact\": " << (x.exact ? "true" : "false")
-                 << "}" << (i + 1 < results.size() ? "," : "") << "\n";
-        }
-        json << "  ]\n}\n";
-        const std::string failure = write_new_file(json_path, json.str());
+    if (!o.json_path.empty()) {
+        const std::string failure = write_new_file(o.json_path, results_json(results));
         if (!failure.empty()) {
             std::fprintf(stderr, "kv_vector_benchmark: --json %s: %s\n",
-                         printable(json_path).c_str(), failure.c_str());
+                         printable(o.json_path).c_str(), failure.c_str());
             return 2;
         }
-        std::printf("JSON written to %s\n", printable(json_path).c_str());
+        std::printf("JSON written to %s\n", printable(o.json_path).c_str());
     }
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
         std::fprintf(stderr, "kv_vector_benchmark: writing the tables to standard output failed\n");

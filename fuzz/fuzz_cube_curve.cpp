@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "curves.h"
+#include "cli/tool_error.h"
 #include "fuzz/fuzz_support.h"
-#include "tool_error.h"
+#include "pipeline/curves.h"
 
 namespace {
 

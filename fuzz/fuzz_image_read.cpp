@@ -6,10 +6,10 @@
 // refuse a PNG or TIFF that libpng or libtiff reads.
 #include <string>
 
+#include "cli/tool_error.h"
 #include "fuzz/fuzz_support.h"
-#include "image_codec.h"
-#include "image_io.h"
-#include "tool_error.h"
+#include "image/image.h"
+#include "image/prechecks.h"
 
 namespace {
 

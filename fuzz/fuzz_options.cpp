@@ -3,9 +3,10 @@
 #include <string>
 #include <vector>
 
+#include "cli/settings.h"
+#include "cli/tool_error.h"
 #include "fuzz/fuzz_support.h"
-#include "options.h"
-#include "tool_error.h"
+#include "pipeline/plan.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<std::string> arguments(1);

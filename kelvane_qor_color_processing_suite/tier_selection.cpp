@@ -1,30 +1,17 @@
-// Tier selection: three groups of bit checks, the first group that passes in full wins. Only the
-// AVX-512 group asks the operating system (xgetbv); the others trust the processor's bits.
+// Tier selection: each tier's decision checks come from the one record of what the tiers require
+// (platform/tier_requirements.h); the first tier, from AVX-512 down, whose checks all pass wins.
 #include "kelvane_qor_color_processing_suite/tier_selection.h"
 
 #include <initializer_list>
 
 #include "kernels/transform_request.h"
+#include "platform/tier_requirements.h"
 
 namespace kv {
 
-using platform::bit;
-
 bool passes_tier_checks(const processor_identification& id, int32_t tier) {
-    switch (tier) {
-        case TIER_AVX512:
-            // OSXSAVE, AVX; opmask, upper ZMM and high ZMM state (not the SSE and AVX state);
-            // AVX512F, AVX512DQ, AVX512BW.
-            return bit(id.leaf1_ecx, 27) && bit(id.leaf1_ecx, 28) && (id.xcr0 & 0xE0u) == 0xE0u &&
-                   bit(id.leaf7_ebx, 16) && bit(id.leaf7_ebx, 17) && bit(id.leaf7_ebx, 30);
-        case TIER_AVX2:
-            return bit(id.leaf7_ebx, 5) && bit(id.leaf1_ecx, 12);  // AVX2, FMA
-        case TIER_SSE:
-            return bit(id.leaf1_edx, 25) && bit(id.leaf1_edx, 26) &&  // SSE, SSE2
-                   bit(id.leaf1_ecx, 19);                             // SSE4.1
-        default:
-            return false;
-    }
+    const platform::tier_requirements* required = platform::requirements_of(tier);
+    return required != nullptr && platform::first_missing(required->decision, id) == nullptr;
 }
 
 int32_t select_processor_tier(const processor_identification& identification) {

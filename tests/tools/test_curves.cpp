@@ -2,7 +2,7 @@
 // the messages for malformed files.
 #include <cmath>
 
-#include "curves.h"
+#include "pipeline/curves.h"
 #include "tool_test_support.h"
 
 namespace kv_tool_test {

@@ -4,11 +4,11 @@
 // the program (CMakeLists.txt).
 #include <algorithm>
 #include <cmath>
-#include <utility>
 #include <cstring>
+#include <utility>
 
-#include "chart.h"
-#include "processing.h"
+#include "image/chart.h"
+#include "pipeline/processing.h"
 #include "tests/common/frames.h"
 #include "tests/common/reference_model.h"
 #include "tool_test_support.h"

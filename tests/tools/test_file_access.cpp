@@ -4,10 +4,10 @@
 #include <cstring>
 #include <map>
 
-#include "curves.h"
-#include "file_access.h"
-#include "image_io.h"
-#include "interruption.h"
+#include "image/image.h"
+#include "pipeline/curves.h"
+#include "pipeline/file_access.h"
+#include "pipeline/interruption.h"
 #include "tool_test_support.h"
 
 #if !defined(_WIN32)

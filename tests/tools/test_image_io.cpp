@@ -3,7 +3,7 @@
 #include <random>
 #include <tuple>
 
-#include "image_io.h"
+#include "image/image.h"
 #include "tool_test_support.h"
 
 namespace kv_tool_test {

@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <functional>
 
-#include "application.h"
-#include "bench.h"
-#include "file_access.h"
-#include "image_io.h"
-#include "processing.h"
+#include "bench/bench.h"
+#include "cli/application.h"
+#include "image/image.h"
+#include "pipeline/file_access.h"
+#include "pipeline/processing.h"
 #include "tool_test_support.h"
 
 namespace kv_tool_test {

@@ -3,8 +3,8 @@
 // the folder holds afterwards exactly what it held before.
 #include <map>
 
-#include "application.h"
-#include "image_io.h"
+#include "cli/application.h"
+#include "image/image.h"
 #include "tool_test_support.h"
 
 #if !defined(_WIN32)

@@ -10,8 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "options.h"
-#include "tool_error.h"
+#include "cli/settings.h"
+#include "cli/tool_error.h"
+#include "pipeline/plan.h"
 
 namespace kv_tool_test {
 

@@ -8,9 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "image_io.h"
+#include "cli/settings.h"
+#include "image/image.h"
 #include "kelvane_qor_color_processing.hpp"
-#include "options.h"
+#include "pipeline/plan.h"
 
 namespace kv_tool {
 

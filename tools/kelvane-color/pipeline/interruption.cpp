@@ -1,12 +1,12 @@
 // The removal of temporaries on an interruption. A signal handler may only do async-signal-safe
 // work, so the names live in a fixed table of lock-free slots that the handler walks and unlinks.
-#include "interruption.h"
+#include "pipeline/interruption.h"
 
 #include <atomic>
 #include <cstring>
 #include <thread>
 
-#include "tool_error.h"
+#include "cli/tool_error.h"
 
 #if defined(_WIN32)
 #include <cstdio>

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "image_io.h"
-#include "options.h"
-#include "system_probe.h"
+#include "cli/settings.h"
+#include "image/image.h"
+#include "pipeline/system_probe.h"
 
 namespace kv_tool {
 
@@ -38,6 +38,7 @@ struct bench_result {
 bench_result run_bench(const settings& s, const system_report& system, const image& picture,
                        const std::string& source);
 
+// Written by report.cpp.
 std::string bench_table(const bench_result& result, const settings& s);
 std::string bench_json(const bench_result& result, const settings& s);
 

@@ -1,4 +1,5 @@
-// The command line of kelvane-color: what it may say and the settings it turns into.
+// The settings of one run of kelvane-color, as its command line gives them: the option table
+// (option_table.cpp) fills them, parse.cpp checks how they go together.
 #pragma once
 
 #include <array>
@@ -7,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "curves.h"
-#include "image_io.h"
+#include "image/image.h"
+#include "pipeline/curves.h"
 
 namespace kv_tool {
 
@@ -53,33 +54,7 @@ struct settings {
 // Throws a usage error (exit code 2) whose message names the option at fault.
 settings parse_command_line(const std::vector<std::string>& arguments);
 
-// What the pipeline gets once defaults are filled in, per channel blue, green, red.
-struct channel_plan {
-    bool input_LUT = false;
-    bool output_LUT = false;
-    uint16_t minimum = 0;
-    uint16_t maximum = 65535;
-    int32_t shift = 0;
-};
-struct pipeline_plan {
-    std::array<channel_plan, 3> channel;
-    int32_t input_LUT_bits = 0;
-    int32_t output_LUT_bits = 0;
-    uint32_t output_LUT_max = 0;
-    // Output tables rewritten to the 8-bit rounding of what they give at 16 bits, after the
-    // shift of that channel's 16-bit output (the library's own shift then stays off).
-    bool tables_to_8_bits = false;
-    std::array<int32_t, 3> table_shift_at_16{};
-};
-
-// Clamp maximum: 2^bits - 1 of the output LUT when it is on, else 65535. Shift: moves the top of
-// the channel's range (the LUT maximum when the output LUT is on, else the clamp maximum) to the
-// top bit of the output element.
-pipeline_plan plan_pipeline(const settings& s);
-
-std::string layout_name(int32_t layout);
-std::string tier_name(int32_t tier);
-
+// The text of --help.
 const char* usage_text();
 
 }  // namespace kv_tool

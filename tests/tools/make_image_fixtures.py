@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Writes the image fixtures of the Windows image tests into tests/windows/images/, byte by byte:
-PNG with zlib and struct, TIFF as a bare header, directory and strip, BMP as headers and rows. Beside each readable image it
-writes <name>.expected.pam, the 16-bit samples kelvane-color must get from it (8-bit samples times
-257, gray spread to RGB), so the tests compare against values no image library computed.
+"""Writes the image fixtures of kelvane-color's image tests into tests/tools/images/, byte by byte:
+PNG with zlib and struct, TIFF as a bare header, directory and strip, BMP as headers and rows.
+Beside each readable image it writes <name>.expected.pam, the 16-bit samples kelvane-color must
+get from it (8-bit samples times 257, gray spread to RGB), so the tests compare against values no
+image library computed.
 Usage: make_image_fixtures.py [OUTPUT_DIR]"""
 import os
 import struct

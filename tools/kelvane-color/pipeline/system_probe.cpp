@@ -1,16 +1,16 @@
 // Tier detection and module probing, through the library's own tier decision, routing rule,
 // module names and platform loader (kv_module_contract), so --info cannot disagree with the
 // library.
-#include "system_probe.h"
+#include "pipeline/system_probe.h"
 
 #include <cstdio>
 #include <filesystem>
 
+#include "cli/tool_error.h"
 #include "kelvane_qor_color_processing.h"
 #include "kelvane_qor_color_processing_suite/tier_selection.h"
 #include "platform/module_loader.h"
 #include "services/module_contract.h"
-#include "tool_error.h"
 
 #if defined(_WIN32)
 #include <io.h>

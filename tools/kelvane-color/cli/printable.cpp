@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <string>
 
-#include "tool_error.h"
+#include "cli/tool_error.h"
 
 namespace kv_tool {
 namespace {

@@ -1,7 +1,7 @@
-// Image files in and out: binary PPM, PGM and PAM by hand; PNG and TIFF through libpng and libtiff
-// (TIFF read only) or, on Windows, through the Windows Imaging Component, which also reads JPEG,
-// BMP and whatever else the system decodes. Every image read becomes 16-bit samples; writers take
-// 8 or 16 bits, RGB or RGBA.
+// Image files in and out, as the rest of the tool sees them: binary PPM, PGM and PAM by hand; PNG
+// and TIFF through libpng and libtiff or, on Windows, through the Windows Imaging Component, which
+// also reads JPEG, BMP and whatever else the system decodes. Every image read becomes 16-bit
+// samples; writers take 8 or 16 bits, RGB or RGBA. How the formats plug in: codec.h.
 #pragma once
 
 #include <cstdint>

@@ -2,8 +2,8 @@
 #include <string>
 #include <vector>
 
-#include "application.h"
-#include "interruption.h"
+#include "cli/application.h"
+#include "pipeline/interruption.h"
 
 int main(int argc, char** argv) {
     kv_tool::install_interruption_cleanup();

@@ -1,5 +1,5 @@
 // The synthetic test chart.
-#include "chart.h"
+#include "image/chart.h"
 
 #include <array>
 

@@ -15,8 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "file_access.h"
-#include "image_codec.h"
+#include "image/codec.h"
+#include "image/prechecks.h"
+#include "pipeline/file_access.h"
 
 namespace kv_tool {
 namespace {
@@ -174,19 +175,10 @@ uint32_t band_rows(uint64_t row_bytes) {
     return uint32_t(std::max<uint64_t>(1, (uint64_t(4) << 20) / std::max<uint64_t>(row_bytes, 1)));
 }
 
-image decode(const std::string& path, coded_format format, const std::string& bytes) {
-    const std::string kind = format_name(format);
-    const std::string prefix = format == coded_format::other ? std::string() : kind + ": ";
-    const auto fail = [&](HRESULT hr) {
-        if (format == coded_format::other &&
-            (hr == WINCODEC_ERR_COMPONENTNOTFOUND || hr == WINCODEC_ERR_UNKNOWNIMAGEFORMAT)) {
-            return file_error(path,
-                              "not a PNG, PPM, PGM, PAM or TIFF image, nor one Windows "
-                              "decodes");
-        }
-        return file_error(path, prefix + "not " + (format == coded_format::other ? "an" : "a") +
-                                    " " + kind + " file the tool can read: " + hresult_words(hr));
-    };
+// The pre-checks libpng and libtiff would make, for decoders that accept more: a PNG's header and
+// cut, a TIFF's strips. Returns where the PNG's chunks stop (nothing cut for other formats).
+png_chunks precheck(const std::string& path, coded_format format, const std::string& bytes,
+                    const std::string& prefix) {
     const png_chunks chunks = format == coded_format::png ? walk_png(bytes) : png_chunks{};
     if (format == coded_format::png) {
         const std::string fault = png_header_fault(bytes);
@@ -200,57 +192,62 @@ image decode(const std::string& path, coded_format format, const std::string& by
         const std::string fault = tiff_strips_fault(strips, bytes.size());
         if (!fault.empty()) throw file_error(path, prefix + fault);
     }
-    const com_session com;
+    return chunks;
+}
+
+// A file's first frame, and what it takes to read it.
+struct decoding {
     ComPtr<IWICImagingFactory> factory;
     ComPtr<IWICStream> stream;
     ComPtr<IWICBitmapDecoder> decoder;
     ComPtr<IWICBitmapFrameDecode> frame;
-    HRESULT hr = com.create_factory(&factory);
-    if (SUCCEEDED(hr)) hr = factory->CreateStream(&stream);
+};
+
+// A file whose first bytes name its format goes to that format's decoder, which then speaks for
+// the file rather than "no decoder knows it"; anything else to whichever accepts it.
+HRESULT open_frame(const com_session& com, coded_format format, const std::string& bytes,
+                   decoding* d) {
+    HRESULT hr = com.create_factory(&d->factory);
+    if (SUCCEEDED(hr)) hr = d->factory->CreateStream(&d->stream);
     if (SUCCEEDED(hr)) {
-        hr = stream->InitializeFromMemory(reinterpret_cast<BYTE*>(const_cast<char*>(bytes.data())),
-                                          DWORD(bytes.size()));
+        hr = d->stream->InitializeFromMemory(
+            reinterpret_cast<BYTE*>(const_cast<char*>(bytes.data())), DWORD(bytes.size()));
     }
-    // A file whose first bytes name its format goes to that format's decoder, which then speaks
-    // for the file rather than "no decoder knows it"; anything else to whichever accepts it.
     if (SUCCEEDED(hr) && format == coded_format::other) {
-        hr = factory->CreateDecoderFromStream(stream.Get(), nullptr, WICDecodeMetadataCacheOnDemand,
-                                              &decoder);
+        hr = d->factory->CreateDecoderFromStream(d->stream.Get(), nullptr,
+                                                 WICDecodeMetadataCacheOnDemand, &d->decoder);
     } else if (SUCCEEDED(hr)) {
-        hr = factory->CreateDecoder(
+        hr = d->factory->CreateDecoder(
             format == coded_format::png ? GUID_ContainerFormatPng : GUID_ContainerFormatTiff,
-            nullptr, &decoder);
-        if (SUCCEEDED(hr)) hr = decoder->Initialize(stream.Get(), WICDecodeMetadataCacheOnDemand);
+            nullptr, &d->decoder);
+        if (SUCCEEDED(hr))
+            hr = d->decoder->Initialize(d->stream.Get(), WICDecodeMetadataCacheOnDemand);
     }
-    if (SUCCEEDED(hr)) hr = decoder->GetFrame(0, &frame);
-    UINT width = 0, height = 0;
-    if (SUCCEEDED(hr)) hr = frame->GetSize(&width, &height);
-    layout l{};
-    if (SUCCEEDED(hr)) hr = layout_of(factory.Get(), frame.Get(), &l);
-    if (FAILED(hr)) throw fail(hr);
-    check_size(path, width, height);
-    // No codec the system has packs more than 65536 bytes of samples into one byte of file (the
-    // bound the TIFF reader uses for its unknown codecs); a header claiming more is refused unread.
-    const uint64_t row_bytes = uint64_t(width) * l.depth * (l.bits / 8);
-    if (row_bytes * height / 65536 > bytes.size()) {
-        throw file_error(path, prefix + "its header claims " + std::to_string(width) + "x" +
-                                   std::to_string(height) + " pixels, more than a " +
-                                   std::to_string(bytes.size()) + "-byte file can hold");
-    }
-    if (row_bytes > 0xFFFFFFFFu) throw file_error(path, prefix + "its rows are too long to decode");
-    ComPtr<IWICBitmapSource> source = frame;
+    if (SUCCEEDED(hr)) hr = d->decoder->GetFrame(0, &d->frame);
+    return hr;
+}
+
+// The frame as `l` lays its samples out, through a converter when it decodes to another format.
+HRESULT source_in(const decoding& d, layout l, ComPtr<IWICBitmapSource>* source) {
+    *source = d.frame;
     WICPixelFormatGUID delivered{};
-    hr = frame->GetPixelFormat(&delivered);
+    HRESULT hr = d.frame->GetPixelFormat(&delivered);
     if (SUCCEEDED(hr) && !IsEqualGUID(delivered, wic_format(l))) {
         ComPtr<IWICFormatConverter> converter;
-        hr = factory->CreateFormatConverter(&converter);
+        hr = d.factory->CreateFormatConverter(&converter);
         if (SUCCEEDED(hr)) {
-            hr = converter->Initialize(frame.Get(), wic_format(l), WICBitmapDitherTypeNone, nullptr,
-                                       0.0, WICBitmapPaletteTypeCustom);
+            hr = converter->Initialize(d.frame.Get(), wic_format(l), WICBitmapDitherTypeNone,
+                                       nullptr, 0.0, WICBitmapPaletteTypeCustom);
         }
-        if (SUCCEEDED(hr)) source = converter;
+        if (SUCCEEDED(hr)) *source = converter;
     }
-    if (FAILED(hr)) throw fail(hr);
+    return hr;
+}
+
+// The samples of `source`, in bands of rows, widened to 16 bits.
+image copy_samples(const std::string& path, const std::string& prefix, IWICBitmapSource* source,
+                   UINT width, UINT height, layout l) {
+    const uint64_t row_bytes = uint64_t(width) * l.depth * (l.bits / 8);
     image out = empty_image(width, height, l.depth);
     const uint32_t band = std::min<uint32_t>(band_rows(row_bytes), height);
     const size_t row_samples = size_t(width) * l.depth;
@@ -260,8 +257,8 @@ image decode(const std::string& path, coded_format format, const std::string& by
         for (uint32_t y = 0; y < height; y += band) {
             const uint32_t rows = std::min(band, height - y);
             const WICRect rect{0, INT(y), INT(width), INT(rows)};
-            hr = source->CopyPixels(&rect, UINT(row_bytes), UINT(row_bytes * rows),
-                                    bytes_of_band.data());
+            const HRESULT hr = source->CopyPixels(&rect, UINT(row_bytes), UINT(row_bytes * rows),
+                                                  bytes_of_band.data());
             if (FAILED(hr)) {
                 throw file_error(path, prefix + "rows " + std::to_string(y) + " to " +
                                            std::to_string(y + rows - 1) +
@@ -280,36 +277,73 @@ image decode(const std::string& path, coded_format format, const std::string& by
     } catch (const std::bad_alloc&) {
         throw no_memory(path, width, height, out.channels);
     }
+    return out;
+}
+
+image decode(const std::string& path, coded_format format, const std::string& bytes) {
+    const std::string kind = format_name(format);
+    const std::string prefix = format == coded_format::other ? std::string() : kind + ": ";
+    const auto fail = [&](HRESULT hr) {
+        if (format == coded_format::other &&
+            (hr == WINCODEC_ERR_COMPONENTNOTFOUND || hr == WINCODEC_ERR_UNKNOWNIMAGEFORMAT)) {
+            return file_error(path,
+                              "not a PNG, PPM, PGM, PAM or TIFF image, nor one Windows "
+                              "decodes");
+        }
+        return file_error(path, prefix + "not " + (format == coded_format::other ? "an" : "a") +
+                                    " " + kind + " file the tool can read: " + hresult_words(hr));
+    };
+    const png_chunks chunks = precheck(path, format, bytes, prefix);
+    const com_session com;
+    decoding d;
+    HRESULT hr = open_frame(com, format, bytes, &d);
+    UINT width = 0, height = 0;
+    if (SUCCEEDED(hr)) hr = d.frame->GetSize(&width, &height);
+    layout l{};
+    if (SUCCEEDED(hr)) hr = layout_of(d.factory.Get(), d.frame.Get(), &l);
+    if (FAILED(hr)) throw fail(hr);
+    check_size(path, width, height);
+    // No codec the system has packs more than 65536 bytes of samples into one byte of file (the
+    // bound the TIFF reader uses for its unknown codecs); a header claiming more is refused unread.
+    const uint64_t row_bytes = uint64_t(width) * l.depth * (l.bits / 8);
+    if (row_bytes * height / 65536 > bytes.size()) {
+        throw file_error(path, prefix + "its header claims " + std::to_string(width) + "x" +
+                                   std::to_string(height) + " pixels, more than a " +
+                                   std::to_string(bytes.size()) + "-byte file can hold");
+    }
+    if (row_bytes > 0xFFFFFFFFu) throw file_error(path, prefix + "its rows are too long to decode");
+    ComPtr<IWICBitmapSource> source;
+    hr = source_in(d, l, &source);
+    if (FAILED(hr)) throw fail(hr);
+    image out = copy_samples(path, prefix, source.Get(), width, height, l);
     // Decoded whole, yet cut short after its image data: refused as libpng refuses it.
     if (chunks.cut)
         throw file_error(path, prefix + png_cut_fault(true, height, height, bytes.size()));
     return out;
 }
 
-// Encodes `picture` into a stream in memory, then writes the bytes to `path`.
-void encode(const std::string& path, coded_format format, const image& picture) {
-    const std::string prefix = std::string(format_name(format)) + ": ";
-    // Samples go in as the encoders take them natively: 8-bit ones in BGR order.
-    const bool wide = picture.bits == 16;
-    const bool alpha = picture.channels == 4;
-    const GUID& wanted = wide
-                             ? (alpha ? GUID_WICPixelFormat64bppRGBA : GUID_WICPixelFormat48bppRGB)
-                             : (alpha ? GUID_WICPixelFormat32bppBGRA : GUID_WICPixelFormat24bppBGR);
-    const com_session com;
+// An encoder writing into a stream in memory, and its one frame.
+struct encoding {
     ComPtr<IWICImagingFactory> factory;
     ComPtr<IStream> stream;
     ComPtr<IWICBitmapEncoder> encoder;
     ComPtr<IWICBitmapFrameEncode> frame;
     ComPtr<IPropertyBag2> options;
-    HRESULT hr = com.create_factory(&factory);
-    if (SUCCEEDED(hr)) hr = CreateStreamOnHGlobal(nullptr, TRUE, &stream);
+};
+
+// Sets up the encoder and its frame for `picture`; `offered` gets the pixel format the encoder
+// accepts, which may differ from the one asked for.
+HRESULT start_encoder(const com_session& com, coded_format format, const image& picture,
+                      encoding* e, WICPixelFormatGUID* offered) {
+    HRESULT hr = com.create_factory(&e->factory);
+    if (SUCCEEDED(hr)) hr = CreateStreamOnHGlobal(nullptr, TRUE, &e->stream);
     if (SUCCEEDED(hr)) {
-        hr = factory->CreateEncoder(
+        hr = e->factory->CreateEncoder(
             format == coded_format::png ? GUID_ContainerFormatPng : GUID_ContainerFormatTiff,
-            nullptr, &encoder);
+            nullptr, &e->encoder);
     }
-    if (SUCCEEDED(hr)) hr = encoder->Initialize(stream.Get(), WICBitmapEncoderNoCache);
-    if (SUCCEEDED(hr)) hr = encoder->CreateNewFrame(&frame, &options);
+    if (SUCCEEDED(hr)) hr = e->encoder->Initialize(e->stream.Get(), WICBitmapEncoderNoCache);
+    if (SUCCEEDED(hr)) hr = e->encoder->CreateNewFrame(&e->frame, &e->options);
     if (SUCCEEDED(hr) && format == coded_format::tiff) {
         // Deflate, lossless at both depths; an encoder without the option keeps its default.
         PROPBAG2 option{};
@@ -317,17 +351,18 @@ void encode(const std::string& path, coded_format format, const image& picture) 
         VARIANT value{};
         value.vt = VT_UI1;
         value.bVal = WICTiffCompressionZIP;
-        options->Write(1, &option, &value);
+        e->options->Write(1, &option, &value);
     }
-    if (SUCCEEDED(hr)) hr = frame->Initialize(options.Get());
-    if (SUCCEEDED(hr)) hr = frame->SetSize(UINT(picture.width), UINT(picture.height));
-    WICPixelFormatGUID offered = wanted;
-    if (SUCCEEDED(hr)) hr = frame->SetPixelFormat(&offered);
-    if (SUCCEEDED(hr) && !IsEqualGUID(offered, wanted)) {
-        throw file_error(path, prefix + "this system's encoder cannot write " +
-                                   std::to_string(picture.bits) + "-bit " +
-                                   (alpha ? "RGBA" : "RGB") + " samples");
-    }
+    if (SUCCEEDED(hr)) hr = e->frame->Initialize(e->options.Get());
+    if (SUCCEEDED(hr)) hr = e->frame->SetSize(UINT(picture.width), UINT(picture.height));
+    if (SUCCEEDED(hr)) hr = e->frame->SetPixelFormat(offered);
+    return hr;
+}
+
+// The samples in bands of rows, as the encoders take them natively: 8-bit ones in BGR order.
+HRESULT write_samples(const std::string& path, const std::string& prefix, const image& picture,
+                      IWICBitmapFrameEncode* frame) {
+    const bool wide = picture.bits == 16;
     const uint64_t row_samples = uint64_t(picture.width) * picture.channels;
     const uint64_t row_bytes = row_samples * (wide ? 2 : 1);
     if (row_bytes > 0xFFFFFFFFu) throw file_error(path, prefix + "its rows are too long to encode");
@@ -338,6 +373,7 @@ void encode(const std::string& path, coded_format format, const image& picture) 
     } catch (const std::bad_alloc&) {
         throw file_error(path, prefix + "not enough memory to encode");
     }
+    HRESULT hr = S_OK;
     for (uint32_t y = 0; SUCCEEDED(hr) && y < uint32_t(picture.height); y += band) {
         const uint32_t rows = std::min(band, uint32_t(picture.height) - y);
         const uint16_t* from = picture.samples.data() + size_t(y) * row_samples;
@@ -349,12 +385,15 @@ void encode(const std::string& path, coded_format format, const image& picture) 
         }
         hr = frame->WritePixels(rows, UINT(row_bytes), UINT(row_bytes * rows), packed.data());
     }
-    if (SUCCEEDED(hr)) hr = frame->Commit();
-    if (SUCCEEDED(hr)) hr = encoder->Commit();
+    return hr;
+}
+
+// The encoded bytes, from the stream's memory to `path`.
+void write_stream(const std::string& path, const std::string& prefix, IStream* stream) {
     STATSTG status{};
-    if (SUCCEEDED(hr)) hr = stream->Stat(&status, STATFLAG_NONAME);
+    HRESULT hr = stream->Stat(&status, STATFLAG_NONAME);
     HGLOBAL memory = nullptr;
-    if (SUCCEEDED(hr)) hr = GetHGlobalFromStream(stream.Get(), &memory);
+    if (SUCCEEDED(hr)) hr = GetHGlobalFromStream(stream, &memory);
     if (FAILED(hr)) throw file_error(path, prefix + "cannot encode: " + hresult_words(hr));
     struct locked {
         HGLOBAL memory;
@@ -365,6 +404,30 @@ void encode(const std::string& path, coded_format format, const image& picture) 
     } bytes{memory, GlobalLock(memory)};
     if (bytes.data == nullptr) throw file_error(path, prefix + "cannot encode: no memory to read");
     write_file(path, bytes.data, size_t(status.cbSize.QuadPart));
+}
+
+// Encodes `picture` into a stream in memory, then writes the bytes to `path`.
+void encode(const std::string& path, coded_format format, const image& picture) {
+    const std::string prefix = std::string(format_name(format)) + ": ";
+    const bool wide = picture.bits == 16;
+    const bool alpha = picture.channels == 4;
+    const GUID& wanted = wide
+                             ? (alpha ? GUID_WICPixelFormat64bppRGBA : GUID_WICPixelFormat48bppRGB)
+                             : (alpha ? GUID_WICPixelFormat32bppBGRA : GUID_WICPixelFormat24bppBGR);
+    const com_session com;
+    encoding e;
+    WICPixelFormatGUID offered = wanted;
+    HRESULT hr = start_encoder(com, format, picture, &e, &offered);
+    if (SUCCEEDED(hr) && !IsEqualGUID(offered, wanted)) {
+        throw file_error(path, prefix + "this system's encoder cannot write " +
+                                   std::to_string(picture.bits) + "-bit " +
+                                   (alpha ? "RGBA" : "RGB") + " samples");
+    }
+    if (SUCCEEDED(hr)) hr = write_samples(path, prefix, picture, e.frame.Get());
+    if (SUCCEEDED(hr)) hr = e.frame->Commit();
+    if (SUCCEEDED(hr)) hr = e.encoder->Commit();
+    if (FAILED(hr)) throw file_error(path, prefix + "cannot encode: " + hresult_words(hr));
+    write_stream(path, prefix, e.stream.Get());
 }
 
 }  // namespace

@@ -1,14 +1,14 @@
 // Curves and .cube files for the LUT stages.
-#include "curves.h"
+#include "pipeline/curves.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <sstream>
 
-#include "file_access.h"
-#include "numbers.h"
-#include "tool_error.h"
+#include "cli/numbers.h"
+#include "cli/tool_error.h"
+#include "pipeline/file_access.h"
 
 namespace kv_tool {
 namespace {
@@ -65,57 +65,64 @@ double cube_at(const cube_LUT& cube, int column, double x) {
 
 }  // namespace
 
+namespace {
+
+// One line of a .cube file into `cube`; `declared` is the LUT_1D_SIZE seen so far, 0 for none.
+void read_cube_line(const std::string& name, size_t line_number, std::string line, cube_LUT& cube,
+                    size_t& declared) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.rfind("TITLE", 0) != 0) line = line.substr(0, line.find('#'));  // comments
+    std::istringstream in(line);
+    std::string keyword;
+    if (!(in >> keyword)) return;
+    if (keyword == "TITLE") {
+        std::getline(in, cube.title);
+        const size_t first = cube.title.find('"'), last = cube.title.rfind('"');
+        if (first != std::string::npos && last > first) {
+            cube.title = cube.title.substr(first + 1, last - first - 1);
+        }
+    } else if (keyword == "LUT_1D_SIZE") {
+        const double size = cube_numbers<1>(name, line_number, in, "LUT_1D_SIZE")[0];
+        if (declared != 0) throw cube_error(name, line_number, "LUT_1D_SIZE given twice");
+        if (!(size >= 2 && size <= 65536) || size != std::floor(size)) {
+            throw cube_error(name, line_number,
+                             "LUT_1D_SIZE must be a whole number from 2 "
+                             "to 65536");
+        }
+        declared = size_t(size);
+    } else if (keyword == "LUT_3D_SIZE") {
+        throw cube_error(name, line_number, "a 3D LUT; kelvane-color applies 1D LUTs only");
+    } else if (keyword == "DOMAIN_MIN" || keyword == "DOMAIN_MAX") {
+        const bool is_min = keyword == "DOMAIN_MIN";
+        (is_min ? cube.domain_min : cube.domain_max) =
+            cube_numbers<3>(name, line_number, in, keyword.c_str());
+    } else if (keyword == "LUT_1D_INPUT_RANGE") {
+        const auto range = cube_numbers<2>(name, line_number, in, "LUT_1D_INPUT_RANGE");
+        cube.domain_min.fill(range[0]);
+        cube.domain_max.fill(range[1]);
+    } else if (std::isalpha(static_cast<unsigned char>(keyword[0]))) {
+        throw cube_error(name, line_number, "unknown keyword " + excerpt(keyword));
+    } else {
+        if (declared == 0) throw cube_error(name, line_number, "data before LUT_1D_SIZE");
+        if (cube.entries.size() == declared) {
+            throw cube_error(
+                name, line_number,
+                "more than the " + std::to_string(declared) + " entries LUT_1D_SIZE gives");
+        }
+        std::istringstream whole(line);
+        cube.entries.push_back(cube_numbers<3>(name, line_number, whole, "entry"));
+    }
+}
+
+}  // namespace
+
 cube_LUT parse_cube(const std::string& name, const std::string& text) {
     cube_LUT cube;
     size_t declared = 0;
     size_t line_number = 0;
     std::istringstream lines(text);
     std::string line;
-    while (std::getline(lines, line)) {
-        ++line_number;
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.rfind("TITLE", 0) != 0) line = line.substr(0, line.find('#'));  // comments
-        std::istringstream in(line);
-        std::string keyword;
-        if (!(in >> keyword)) continue;
-        if (keyword == "TITLE") {
-            std::getline(in, cube.title);
-            const size_t first = cube.title.find('"'), last = cube.title.rfind('"');
-            if (first != std::string::npos && last > first) {
-                cube.title = cube.title.substr(first + 1, last - first - 1);
-            }
-        } else if (keyword == "LUT_1D_SIZE") {
-            const double size = cube_numbers<1>(name, line_number, in, "LUT_1D_SIZE")[0];
-            if (declared != 0) throw cube_error(name, line_number, "LUT_1D_SIZE given twice");
-            if (!(size >= 2 && size <= 65536) || size != std::floor(size)) {
-                throw cube_error(name, line_number,
-                                 "LUT_1D_SIZE must be a whole number from 2 "
-                                 "to 65536");
-            }
-            declared = size_t(size);
-        } else if (keyword == "LUT_3D_SIZE") {
-            throw cube_error(name, line_number, "a 3D LUT; kelvane-color applies 1D LUTs only");
-        } else if (keyword == "DOMAIN_MIN" || keyword == "DOMAIN_MAX") {
-            const bool is_min = keyword == "DOMAIN_MIN";
-            (is_min ? cube.domain_min : cube.domain_max) =
-                cube_numbers<3>(name, line_number, in, keyword.c_str());
-        } else if (keyword == "LUT_1D_INPUT_RANGE") {
-            const auto range = cube_numbers<2>(name, line_number, in, "LUT_1D_INPUT_RANGE");
-            cube.domain_min.fill(range[0]);
-            cube.domain_max.fill(range[1]);
-        } else if (std::isalpha(static_cast<unsigned char>(keyword[0]))) {
-            throw cube_error(name, line_number, "unknown keyword " + excerpt(keyword));
-        } else {
-            if (declared == 0) throw cube_error(name, line_number, "data before LUT_1D_SIZE");
-            if (cube.entries.size() == declared) {
-                throw cube_error(
-                    name, line_number,
-                    "more than the " + std::to_string(declared) + " entries LUT_1D_SIZE gives");
-            }
-            std::istringstream whole(line);
-            cube.entries.push_back(cube_numbers<3>(name, line_number, whole, "entry"));
-        }
-    }
+    while (std::getline(lines, line)) read_cube_line(name, ++line_number, line, cube, declared);
     if (declared == 0) throw cube_error(name, line_number, "no LUT_1D_SIZE line");
     if (cube.entries.size() != declared) {
         throw cube_error(name, line_number,

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "image_io.h"
+#include "image/image.h"
 
 namespace kv_tool {
 

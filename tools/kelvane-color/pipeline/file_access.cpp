@@ -1,6 +1,6 @@
 // Exclusive creation, bounded reading and checked standard output. The tool runs on Windows and
 // on POSIX systems, and this file is the one place where that shows.
-#include "file_access.h"
+#include "pipeline/file_access.h"
 
 #include <cctype>
 #include <cerrno>
@@ -13,8 +13,8 @@
 #include <system_error>
 #include <thread>
 
-#include "interruption.h"
-#include "tool_error.h"
+#include "cli/tool_error.h"
+#include "pipeline/interruption.h"
 
 #if defined(_WIN32)
 #include <fcntl.h>

@@ -1,61 +1,16 @@
-// Benchmark of the tiers through the library's exports.
-#include "bench.h"
-
+// The bench results as a table, as JSON and as an SVG bar chart.
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <functional>
 
-#include "processing.h"
-#include "tool_error.h"
+#include "bench/bench.h"
+#include "bench/bench_timing.h"
+#include "cli/tool_error.h"
+#include "pipeline/plan.h"
 
 namespace kv_tool {
 namespace {
 
-using clock_type = std::chrono::steady_clock;
-
-// Runs `frame` until `min_time` seconds have passed and at least three frames were timed, after
-// one untimed frame. Returns the frame times in seconds.
-std::vector<double> time_frames(double min_time, const std::function<void()>& frame) {
-    frame();
-    std::vector<double> times;
-    const auto start = clock_type::now();
-    while (times.size() < 3 ||
-           std::chrono::duration<double>(clock_type::now() - start).count() < min_time) {
-        const auto before = clock_type::now();
-        frame();
-        times.push_back(std::chrono::duration<double>(clock_type::now() - before).count());
-    }
-    return times;
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-std::string module_problem(const module_report& module) {
-    return "module " + module.file_name + " " + module_state_name(module.state) +
-           (module.detail.empty() ? "" : " (" + module.detail + ")");
-}
-
-std::string json_text(const std::string& text) {
-    std::string out = "\"";
-    for (char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            out += escaped;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
+using kv::bench::json_string;
 
 std::string number(double value, int decimals) {
     char text[64];
@@ -103,57 +58,6 @@ std::string threads_text(const bench_result& r) {
 
 }  // namespace
 
-bench_result run_bench(const settings& s, const system_report& system, const image& picture,
-                       const std::string& source) {
-    bench_result result;
-    result.source = source;
-    result.width = picture.width;
-    result.height = picture.height;
-    result.detected_tier = system.cpu.tier;
-    result.processor = system.cpu.name;
-    result.threads = s.threads;
-    const pipeline_plan plan = plan_pipeline(s);
-    const auto pixels = int32_t(picture.pixel_count());
-    const std::vector<uint16_t> input = to_input_buffer(picture, s.input_layout);
-    const size_t out_size = output_bytes(s, picture.pixel_count());
-    std::vector<uint16_t> scalar_output((out_size + 1) / 2), output((out_size + 1) / 2);
-
-    for (int32_t tier = 0; tier < 4; ++tier) {
-        bench_row row;
-        row.tier = tier;
-        if (!cpu_supports(system.cpu, tier)) {
-            row.status = "not supported by this processor";
-        } else if (tier > 0 && system.vector[tier - 1].state != module_state::ready) {
-            row.status = module_problem(system.vector[tier - 1]);
-        } else {
-            processor p(s, plan, tier);
-            std::vector<uint16_t>& target = tier == 0 ? scalar_output : output;
-            std::fill(target.begin(), target.end(), uint16_t(0xA5A5));
-            kv_status status = KV_STATUS_SUCCESS;
-            const std::vector<double> times = time_frames(s.min_time, [&] {
-                status = run_transform(p, s, plan, input.data(), target.data(), pixels, s.threads);
-            });
-            check_transform(status, source, s, plan);
-            row.measured = true;
-            row.status = "measured";
-            row.frames = int(times.size());
-            row.mpix_per_s = pixels / median(times) / 1e6;
-            row.best_mpix_per_s = pixels / *std::min_element(times.begin(), times.end()) / 1e6;
-            row.matches_scalar =
-                tier == 0 || std::memcmp(target.data(), scalar_output.data(), out_size) == 0;
-        }
-        result.tiers.push_back(row);
-    }
-
-    const size_t in_size = input.size() * sizeof(uint16_t);
-    std::vector<uint16_t> copy(input.size());
-    const std::vector<double> times =
-        time_frames(s.min_time, [&] { std::memcpy(copy.data(), input.data(), in_size); });
-    result.memcpy_mpix_per_s = pixels / median(times) / 1e6;
-    result.memcpy_gb_per_s = double(in_size) / median(times) / 1e9;
-    return result;
-}
-
 std::string bench_table(const bench_result& r, const settings& s) {
     std::string out = "kelvane-color bench: " + printable(settings_text(r, s)) +
                       "; detected tier " + tier_name(r.detected_tier) + "; " + threads_text(r) +
@@ -182,22 +86,22 @@ std::string bench_table(const bench_result& r, const settings& s) {
 
 std::string bench_json(const bench_result& r, const settings& s) {
     std::string out = "{\n";
-    out += "  \"source\": " + json_text(r.source) + ",\n";
+    out += "  \"source\": " + json_string(r.source) + ",\n";
     out += "  \"width\": " + std::to_string(r.width) + ",\n";
     out += "  \"height\": " + std::to_string(r.height) + ",\n";
     out += "  \"output_bits\": " + std::to_string(s.bits) + ",\n";
     out += "  \"output_channels\": " + std::to_string(s.channels) + ",\n";
-    out += "  \"input_layout\": " + json_text(layout_name(s.input_layout)) + ",\n";
-    out += "  \"output_layout\": " + json_text(layout_name(s.output_layout)) + ",\n";
-    out += "  \"detected_tier\": " + json_text(tier_name(r.detected_tier)) + ",\n";
+    out += "  \"input_layout\": " + json_string(layout_name(s.input_layout)) + ",\n";
+    out += "  \"output_layout\": " + json_string(layout_name(s.output_layout)) + ",\n";
+    out += "  \"detected_tier\": " + json_string(tier_name(r.detected_tier)) + ",\n";
     out += "  \"threads\": " + std::to_string(r.threads) + ",\n";
     out += "  \"tiers\": [\n";
     for (size_t i = 0; i < r.tiers.size(); ++i) {
         const bench_row& row = r.tiers[i];
         out += "    {\"tier\": " + std::to_string(row.tier) +
-               ", \"name\": " + json_text(tier_name(row.tier)) +
+               ", \"name\": " + json_string(tier_name(row.tier)) +
                ", \"measured\": " + (row.measured ? "true" : "false") +
-               ", \"status\": " + json_text(row.status);
+               ", \"status\": " + json_string(row.status);
         if (row.measured) {
             out += ", \"mpix_per_s\": " + number(row.mpix_per_s, 3) +
                    ", \"best_mpix_per_s\": " + number(row.best_mpix_per_s, 3) +

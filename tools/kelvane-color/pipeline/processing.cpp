@@ -1,10 +1,10 @@
 // The library seen from a host: sessions, processors, buffers and transforms.
-#include "processing.h"
+#include "pipeline/processing.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "tool_error.h"
+#include "cli/tool_error.h"
 
 namespace kv_tool {
 namespace {
