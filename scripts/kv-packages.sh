@@ -3,11 +3,14 @@
 
 kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config libpng-dev libtiff-dev
                    libgtest-dev libgmock-dev python3-numpy python3-pytest python3-setuptools
-                   python3-wheel python3-pip valgrind)
+                   python3-wheel python3-pip valgrind liblcms2-dev libexpat1-dev colord-data
+                   icc-profiles-free)
 
-# The Windows cross build: MinGW-w64 (POSIX threads), GoogleTest's sources to build it with, and
-# Wine to run the tests.
-kv_windows_packages=(g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 googletest wine64)
+# The Windows cross build: MinGW-w64 (POSIX threads), GoogleTest's sources to build it with, Wine
+# to run the tests, and dpkg-dev for apt-get source (the colour layer's LittleCMS and expat are
+# built from Debian's source packages, cmake/kv_color_deps.cmake).
+kv_windows_packages=(g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 googletest wine64
+                     dpkg-dev)
 
 kv_ensure_packages() {
     local missing=() pkg
