@@ -3,11 +3,13 @@
 
 kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config libpng-dev libtiff-dev
                    libgtest-dev libgmock-dev python3-numpy python3-pytest python3-setuptools
-                   python3-wheel python3-pip valgrind)
+                   python3-wheel python3-pip valgrind dpkg-dev file)
 
-# The Windows cross build: MinGW-w64 (POSIX threads), GoogleTest's sources to build it with, and
-# Wine to run the tests.
-kv_windows_packages=(g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 googletest wine64)
+# The Windows cross build: MinGW-w64 (POSIX threads), GoogleTest's sources to build it with, Wine
+# to run the tests, llvm-dlltool for the MSVC import library, and clang and lld-link for the test
+# host built as Visual Studio builds it.
+kv_windows_packages=(g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 googletest wine64 llvm
+                     clang lld)
 
 kv_ensure_packages() {
     local missing=() pkg
