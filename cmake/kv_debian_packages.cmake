@@ -13,6 +13,10 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${KV_PACKAGE_MAINTAINER}")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# kelvane-color needs the library, which lies in another package: dpkg-shlibdeps finds it in the
+# build and leaves it to the component dependency below.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+    "${PROJECT_BINARY_DIR}/kelvane_qor_color_processing_suite")
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 # Programs linked against the library then depend on this version or a later one of .so.0.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)

@@ -34,7 +34,7 @@ endfunction()
 file(STRINGS "${PROJECT_SOURCE_DIR}/python/pyproject.toml" _kv_python_version
      REGEX "^version *= *\"[^\"]*\"")
 string(REGEX REPLACE "^version *= *\"([^\"]*)\".*" "\\1" _kv_python_version "${_kv_python_version}")
-if(NOT _kv_python_version STREQUAL PROJECT_VERSION)
+if(_kv_python_version AND NOT _kv_python_version STREQUAL PROJECT_VERSION)
   message(FATAL_ERROR "python/pyproject.toml gives version \"${_kv_python_version}\", the project "
                       "(CMakeLists.txt) ${PROJECT_VERSION}: set its version line to "
                       "\"${PROJECT_VERSION}\"")
