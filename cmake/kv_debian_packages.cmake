@@ -1,7 +1,8 @@
 # The Debian packages, one per install component: the library with its modules, named by its
 # soname; the development files; kelvane-color; the Python package. dpkg-shlibdeps computes what
 # each needs of the system; the dependencies among our own packages come from the components'
-# DEPENDS, at this exact version.
+# DEPENDS, at this exact version. Each package's description starts with its own summary line
+# (CPack would put CPACK_PACKAGE_DESCRIPTION_SUMMARY before every one).
 set(KV_PACKAGE_MAINTAINER "kelvane_qor_color_processing developers <maintainers@kelvane.invalid>"
     CACHE STRING "Maintainer field of the Debian packages")
 
@@ -26,7 +27,7 @@ set(KV_DEBIAN_LIBRARY_PACKAGE "libkelvane-qor-color-processing${PROJECT_VERSION_
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME "${KV_DEBIAN_LIBRARY_PACKAGE}")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 string(CONCAT CPACK_COMPONENT_LIBRARY_DESCRIPTION
-    "${CPACK_PACKAGE_DESCRIPTION_SUMMARY}\n"
+    "${KV_PACKAGE_SUMMARY}\n"
     "The shared library libkelvane_qor_color_processing.so.${PROJECT_VERSION_MAJOR} and the "
     "modules it loads from its own folder: the LUT module, the logging module and the SSE4.1, "
     "AVX2 and AVX-512 vector modules.")
@@ -34,7 +35,7 @@ string(CONCAT CPACK_COMPONENT_LIBRARY_DESCRIPTION
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME "libkelvane-qor-color-processing-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 string(CONCAT CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-    "${CPACK_PACKAGE_DESCRIPTION_SUMMARY} (development files)\n"
+    "Color processing of 48-bit pixels (development files)\n"
     "The C header, the header-only C++ interface, the link to the library, the CMake package "
     "(find_package(kelvane_qor_color_processing)), the pkg-config file and the documentation.")
 

@@ -37,8 +37,8 @@ endif()
 
 set(CPACK_PACKAGE_NAME kelvane_qor_color_processing)
 set(CPACK_PACKAGE_VENDOR "kelvane_qor_color_processing developers")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
-    "Color processing of 48-bit pixels: LUTs, a 3x3 matrix, clamp, shift and narrowing")
+set(KV_PACKAGE_SUMMARY
+    "Color processing of 48-bit pixels: LUTs, 3x3 matrix, clamp, shift, narrowing")
 set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
 set(CPACK_COMPONENTS_ALL library development tool python)
 set(CPACK_VERBATIM_VARIABLES ON)
@@ -49,6 +49,7 @@ set(CPACK_COMPONENT_PYTHON_DEPENDS library)
 if(WIN32)
   # One archive holding every component.
   set(CPACK_GENERATOR ZIP)
+  set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${KV_PACKAGE_SUMMARY}")
   set(CPACK_ARCHIVE_COMPONENT_INSTALL ON)
   set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
   set(CPACK_COMPONENT_INCLUDE_TOPLEVEL_DIRECTORY ON)
