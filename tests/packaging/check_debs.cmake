@@ -3,6 +3,7 @@
 # names for it); the library package declares its soname in shlibs; no file is in two packages;
 # and apt accepts them all for installation on this machine (--simulate: nothing is installed).
 # Run with cmake -P and: OUT_DIR VERSION READELF.
+cmake_minimum_required(VERSION 3.25)
 file(GLOB debs "${OUT_DIR}/*.deb")
 set(check_dir "${OUT_DIR}/../depends")
 file(REMOVE_RECURSE "${check_dir}")
@@ -11,6 +12,7 @@ file(REMOVE_RECURSE "${check_dir}")
 foreach(deb IN LISTS debs)
   execute_process(COMMAND dpkg-deb -f "${deb}" Package OUTPUT_VARIABLE package
                   OUTPUT_STRIP_TRAILING_WHITESPACE)
+  file(MAKE_DIRECTORY "${check_dir}/${package}")
   execute_process(COMMAND dpkg-deb -x "${deb}" "${check_dir}/${package}" COMMAND_ERROR_IS_FATAL ANY)
   file(GLOB_RECURSE files LIST_DIRECTORIES false RELATIVE "${check_dir}/${package}"
        "${check_dir}/${package}/*")
@@ -33,13 +35,20 @@ function(kv_providers soname out)
     return()
   endif()
   execute_process(COMMAND dpkg -S "*/${soname}" OUTPUT_VARIABLE found ERROR_QUIET)
-  string(REGEX MATCHALL "[^\n]+: /[^\n]*/${soname}(\n|$)" lines "${found}")
+  string(REPLACE "\n" ";" lines "${found}")
+  string(LENGTH "/${soname}" tail)
   set(names)
-  foreach(line IN LISTS lines) # "libc6:amd64, libc6-dbg: /path"
-    string(REGEX REPLACE ": /.*" "" line "${line}")
-    string(REPLACE ", " ";" line "${line}")
-    list(TRANSFORM line REPLACE ":.*" "")
-    list(APPEND names ${line})
+  foreach(line IN LISTS lines) # "libc6:amd64, libc6-dbg: /path/libc.so.6"
+    string(FIND "${line}" ": /" colon)
+    string(FIND "${line}" "/${soname}" at REVERSE)
+    string(LENGTH "${line}" length)
+    math(EXPR end "${length} - ${tail}")
+    if(colon GREATER 0 AND at EQUAL end)
+      string(SUBSTRING "${line}" 0 ${colon} owners)
+      string(REPLACE ", " ";" owners "${owners}")
+      list(TRANSFORM owners REPLACE ":.*" "")
+      list(APPEND names ${owners})
+    endif()
   endforeach()
   set(${out} ${names} PARENT_SCOPE)
 endfunction()
