@@ -27,8 +27,13 @@ for preset in release windows; do
         exit 1
     fi
     echo "=== ${preset}: packages"
-    # CPack's scratch folder is the preset's own, so the two runs do not share it.
-    cpack --config "build/${preset}/CPackConfig.cmake" -B "build/${preset}/cpack" >/dev/null
+    # CPack's scratch folder is the preset's own, so the two runs do not share it. Its output (a
+    # warning for each module without a soname among them) is shown only when it fails.
+    if ! cpack --config "build/${preset}/CPackConfig.cmake" -B "build/${preset}/cpack" \
+            >"build/${preset}/cpack.log" 2>&1; then
+        cat "build/${preset}/cpack.log" >&2
+        exit 1
+    fi
     find "build/${preset}/cpack" -maxdepth 1 -type f \( -name '*.deb' -o -name '*.zip' \) \
         -exec mv -f {} "${out}/" \;
 done
