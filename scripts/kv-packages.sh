@@ -3,7 +3,7 @@
 
 kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config libpng-dev libtiff-dev
                    libgtest-dev libgmock-dev python3-numpy python3-pytest python3-setuptools
-                   python3-wheel python3-pip valgrind)
+                   python3-wheel python3-pip python3-dask python3-distributed valgrind)
 
 # The Windows cross build: MinGW-w64 (POSIX threads), GoogleTest's sources to build it with, and
 # Wine to run the tests.
