@@ -87,3 +87,20 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/python/kelvane_color"
 configure_file("${CMAKE_CURRENT_LIST_DIR}/install/python_location.cmake.in"
   "${PROJECT_BINARY_DIR}/kv_python_location.cmake" @ONLY)
 install(SCRIPT "${PROJECT_BINARY_DIR}/kv_python_location.cmake" COMPONENT python)
+
+# The Windows version resources, the MSVC import library, and the archive and packages made from
+# all of the above.
+include("${CMAKE_CURRENT_LIST_DIR}/kv_version.cmake")
+foreach(_kv_resource
+    "kelvane_qor_color_processing:Color processing of 48-bit pixels"
+    "kelvane_qor_LUT:kelvane_qor_color_processing LUT module"
+    "kelvane_qor_logger:kelvane_qor_color_processing logging module"
+    "kelvane_qor_color_processing_vector_sse:kelvane_qor_color_processing SSE4.1 module"
+    "kelvane_qor_color_processing_vector_avx2:kelvane_qor_color_processing AVX2 module"
+    "kelvane_qor_color_processing_vector_avx512:kelvane_qor_color_processing AVX-512 module"
+    "kelvane-color:kelvane-color, the command-line tool of kelvane_qor_color_processing")
+  string(REPLACE ":" ";" _kv_resource "${_kv_resource}")
+  kv_add_version_resource(${_kv_resource})
+endforeach()
+include("${CMAKE_CURRENT_LIST_DIR}/kv_msvc_import_library.cmake")
+include("${CMAKE_CURRENT_LIST_DIR}/kv_packaging.cmake")

@@ -3,14 +3,15 @@
 
 kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config libpng-dev libtiff-dev
                    libgtest-dev libgmock-dev python3-numpy python3-pytest python3-setuptools
-                   python3-wheel python3-pip valgrind liblcms2-dev libexpat1-dev colord-data
-                   icc-profiles-free)
+                   python3-wheel python3-pip python3-dask python3-distributed valgrind
+                   liblcms2-dev libexpat1-dev colord-data icc-profiles-free dpkg-dev file ffmpeg)
 
 # The Windows cross build: MinGW-w64 (POSIX threads), GoogleTest's sources to build it with, Wine
-# to run the tests, and dpkg-dev for apt-get source (the colour layer's LittleCMS and expat are
-# built from Debian's source packages, cmake/kv_color_deps.cmake).
+# to run the tests, dpkg-dev for apt-get source (the colour layer's LittleCMS and expat are built
+# from Debian's source packages, cmake/kv_color_deps.cmake), llvm-dlltool for the MSVC import
+# library, and clang and lld-link for the test host built as Visual Studio builds it.
 kv_windows_packages=(g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 googletest wine64
-                     dpkg-dev)
+                     dpkg-dev llvm clang lld)
 
 kv_ensure_packages() {
     local missing=() pkg

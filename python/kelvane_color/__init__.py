@@ -13,8 +13,22 @@ pixel, uint8 or uint16. See docs/python.md.
 """
 
 import enum
+import sys
 
-from . import _arguments as arguments
+try:  # the other modules use numpy; this says what to do without it
+    import numpy
+except ModuleNotFoundError as error:
+    if error.name != "numpy":
+        raise
+    raise ModuleNotFoundError(
+        f"kelvane_color needs numpy, which this interpreter lacks: {sys.executable} (Python "
+        f"{sys.version.split()[0]}). The library's install serves Debian's /usr/bin/python3 "
+        "(apt install python3-numpy). For another interpreter, use a virtual environment with "
+        f"numpy: {sys.executable} -m venv env && env/bin/python -m pip install numpy, and put the "
+        "package's folder on PYTHONPATH (see docs/python.md, Install)", name="numpy") from None
+del numpy
+
+from . import _arguments as arguments, _stripes as stripes
 from ._frames import Layout, input_frame, output_array
 from ._gate import Gate
 from ._lifetime import ProcessorHandle, Session, forget
@@ -91,6 +105,12 @@ class Processor:
             self.input_luts = self.output_luts = None
             forget(self)
 
+    def __reduce__(self):
+        raise TypeError(
+            "a kelvane_color.Processor cannot be pickled: it is the library's processor in this "
+            "process. Send its settings instead and create the Session and Processor once in "
+            "each worker process (docs/python-dask.md shows how)")
+
     def _configure(self, name, *values):
         with self._gate.alone():
             _check(name, getattr(library(), name)(self._handle.value, *values))
@@ -117,7 +137,7 @@ class Processor:
         self._enable("output", (blue, green, red))
 
     def transform(self, frame, bits=16, channels=3, input_layout=Layout.BGR, output_layout=None,
-                  clamp=(0, 65535), shifts=0, out=None):
+                  clamp=(0, 65535), shifts=0, out=None, threads=None):
         """Runs a frame through the pipeline and returns the result.
 
         frame: uint16, shape (..., 3) for Layout.BGR and Layout.RGB, (3, ...) for
@@ -128,6 +148,10 @@ class Processor:
         distance or three (blue, green, red), -15 to 15: positive left, negative right.
         out: an array to write into, of exactly the result's dtype and shape, C-contiguous,
         writable and not overlapping frame; it is returned.
+        threads: None cuts a frame interleaved on both sides into a stripe for each core, 1 to
+        1024 into at most that many, never more than cores nor below 32,768 pixels a stripe;
+        1 keeps the calling thread alone. A planar side runs whole on the calling thread. The
+        output is the same for any count.
         A request the library refuses raises StatusError and leaves out untouched.
         """
         input_layout = arguments.member(Layout, input_layout, "input_layout")
@@ -139,12 +163,22 @@ class Processor:
         out = output_array(out, pixel_shape, output_layout, bits, channels, frame)
         bounds = arguments.clamp_bounds(clamp)
         distances = arguments.channel_triple(shifts, "shifts", -0x80000000, 0x7FFFFFFF)
+        if threads is not None:
+            threads = arguments.integer(threads, "threads", 1, stripes.MAX_THREADS)
+        interleaved = Layout.BGR_PLANES not in (input_layout, output_layout)
 
         name = f"kv_color_transform_48_to_{bits * channels}"
+        function, pixel_bytes = getattr(library(), name), out.itemsize * channels
+        source, target = frame.ctypes.data, out.ctypes.data
         with self._gate.transform():
-            # The call releases the GIL (ctypes.CDLL): other threads run meanwhile.
-            status = getattr(library(), name)(self._handle.value, frame.ctypes.data, input_layout,
-                                              *bounds, *distances, out.ctypes.data, output_layout,
-                                              pixels)
-        _check(name, status)
+            handle = self._handle.value
+
+            def stripe(first, count):
+                # The call releases the GIL (ctypes.CDLL): the stripes run at once.
+                return function(handle, source + 6 * first, input_layout, *bounds, *distances,
+                                target + pixel_bytes * first, output_layout, count)
+
+            statuses = stripes.run(stripe, pixels, stripes.count(threads, pixels, interleaved))
+        for status in statuses:
+            _check(name, status)
         return out

@@ -5,32 +5,23 @@
 # library.
 # Run with cmake -P and: BUILD_DIR WORK_DIR HOST_DIR C_COMPILER C_FLAGS LINKER_FLAGS GENERATOR
 # PKG_CONFIG VERSION READELF PYTHON (empty: no Python check) PYTHON_DIR, CXX_COMPILER and CPP_EXAMPLE for
-# the C++ example, SHIM_SOURCE and BROKEN_LUT_DIR (a folder whose LUT module lacks an entry point).
+# the C++ example, SHIM_SOURCE and BROKEN_LUT_DIR (a folder whose LUT module lacks an entry point);
+# PREFIX, when given, names a tree installed already, which is checked instead of a fresh install.
 
-# kv_run(WHAT <text> [EXPECT <exit code>] COMMAND <command...>): fails unless the command exits
-# with EXPECT (0 unless given).
-function(kv_run)
-  cmake_parse_arguments(PARSE_ARGV 0 R "" "WHAT;EXPECT" "COMMAND")
-  if(NOT DEFINED R_EXPECT)
-    set(R_EXPECT 0)
-  endif()
-  execute_process(COMMAND ${R_COMMAND} RESULT_VARIABLE code OUTPUT_VARIABLE out
-                  ERROR_VARIABLE err)
-  if(NOT code EQUAL R_EXPECT)
-    message(FATAL_ERROR "${R_WHAT} failed (exit ${code}, expected ${R_EXPECT}):\n"
-                        "${R_COMMAND}\n${out}\n${err}")
-  endif()
-  message(STATUS "${R_WHAT}: ok ${out}")
-endfunction()
+include("${CMAKE_CURRENT_LIST_DIR}/kv_run.cmake")
 
-set(prefix "${WORK_DIR}/prefix")
 file(REMOVE_RECURSE "${WORK_DIR}")
 file(MAKE_DIRECTORY "${WORK_DIR}")
-foreach(component library development tool python)
-  kv_run(WHAT "install ${component}"
-         COMMAND "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}"
-                 --component ${component})
-endforeach()
+if(PREFIX)
+  set(prefix "${PREFIX}") # an install made another way: the Debian packages, unpacked
+else()
+  set(prefix "${WORK_DIR}/prefix")
+  foreach(component library development tool python)
+    kv_run(WHAT "install ${component}"
+           COMMAND "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}"
+                   --component ${component})
+  endforeach()
+endif()
 
 file(GLOB_RECURSE library "${prefix}/*/libkelvane_qor_color_processing.so")
 file(GLOB_RECURSE pc_file "${prefix}/*/kelvane_qor_color_processing.pc")

@@ -168,3 +168,18 @@ def test_a_wrong_library_is_named_escaped(tmp_path, kind, message):
     for raw in (b"\x1b", b"\x7f", b"\xc2\x9b", b"\xff"):
         assert raw not in result.stdout
 
+
+def test_a_processor_is_not_pickled(session):
+    import copy
+    import pickle
+    with kc.Processor() as p:
+        for send in (pickle.dumps, copy.deepcopy):
+            with pytest.raises(TypeError, match="create the Session and Processor once in each "
+                                                "worker process"):
+                send(p)
+
+
+def test_a_missing_numpy_names_the_interpreter_and_the_way_out():
+    result = run_python("import sys\nsys.modules['numpy'] = None\nimport kelvane_color")
+    assert "ModuleNotFoundError: kelvane_color needs numpy" in result.stderr
+    assert sys.executable in result.stderr and "-m venv" in result.stderr, result.stderr
