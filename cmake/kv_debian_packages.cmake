@@ -16,8 +16,9 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${KV_PACKAGE_MAINTAINER}")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # kelvane-color needs the library, which lies in another package: dpkg-shlibdeps finds it in the
 # build and leaves it to the component dependency below.
+# The colour layer, which kelvane-color's package carries beside the tool, is built at the top.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
-    "${PROJECT_BINARY_DIR}/kelvane_qor_color_processing_suite")
+    "${PROJECT_BINARY_DIR}/kelvane_qor_color_processing_suite" "${PROJECT_BINARY_DIR}")
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 # Programs linked against the library then depend on this version or a later one of .so.0.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
@@ -43,8 +44,9 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_NAME kelvane-color)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION graphics)
 string(CONCAT CPACK_COMPONENT_TOOL_DESCRIPTION
     "Command-line tool of the kelvane_qor_color_processing library\n"
-    "kelvane-color runs images and test charts through the color processor, reports the "
-    "processor's tier and the modules it found, and measures throughput.")
+    "kelvane-color runs images and test charts through the color processor, converts between "
+    "colour spaces and ICC profiles with the colour layer libkelvane_qor_color (packaged with "
+    "it), reports the processor's tier and the modules it found, and measures throughput.")
 
 # Pure Python over ctypes: dpkg-shlibdeps has nothing to read, so its Python needs are named.
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-kelvane-color)
