@@ -64,11 +64,8 @@ int run_file_info(const settings& s) {
     for (const std::string& input : s.inputs) {
         try {
             const image picture = read_image(input);
-            std::printf(
-                "%s: %dx%d, %s
-                ", printable(input).c_str(), picture.width,
-                picture.height,
-                picture.channels == 4 ? "RGBA" : "RGB");
+            std::printf("%s: %dx%d, %s\n", printable(input).c_str(), picture.width, picture.height,
+                        picture.channels == 4 ? "RGBA" : "RGB");
             std::printf("  profile: %s\n", printable(profile_text(picture.profile)).c_str());
             const std::string refusal = profile_refusal(picture.profile);
             if (!refusal.empty()) {
