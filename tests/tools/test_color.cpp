@@ -378,12 +378,6 @@ const refusal refusals[] = {
      },
      1, "is the ICC profile"},
 };
-}
-, 1, "is the ICC profile"
-}
-,
-}
-;
 
 TEST(ToolColor, Refusals) {
     const fs::path root = scratch_dir();
