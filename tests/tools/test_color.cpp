@@ -94,13 +94,23 @@ bool has(const std::vector<std::string>& list, const std::string& item) {
 }
 #endif
 
+// Profiles the layer makes carry the time they were made (header bytes 24 to 35) and an ID over
+// it (84 to 99): two of the same space compare equal elsewhere.
+bool same_profile(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+    if (a.size() != b.size() || a.size() < 128) return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (a[i] != b[i] && !(i >= 24 && i < 36) && !(i >= 84 && i < 100)) return false;
+    }
+    return true;
+}
+
 // The profile bytes of a written file, checked apart from the tool's reader where the build can.
 void expect_profile(const std::string& path, const std::vector<uint8_t>& icc, bool srgb_chunk) {
     const kv_tool::color_profile read = kv_tool::read_image(path).profile;
     if (srgb_chunk) {
         EXPECT_TRUE(read.srgb && read.icc.empty()) << path;
     } else {
-        EXPECT_TRUE(read.icc == icc) << path << ": " << read.icc.size() << " bytes";
+        EXPECT_TRUE(same_profile(read.icc, icc)) << path << ": " << read.icc.size() << " bytes";
     }
 #if defined(KV_TOOL_HAVE_PNG)
     if (path.size() > 4 && path.substr(path.size() - 4) == ".png") {
@@ -117,7 +127,7 @@ void expect_profile(const std::string& path, const std::vector<uint8_t>& icc, bo
         const void* data = nullptr;
         ASSERT_EQ(TIFFGetField(t, TIFFTAG_ICCPROFILE, &count, &data), 1) << path;
         const auto* p = static_cast<const uint8_t*>(data);
-        EXPECT_TRUE(std::vector<uint8_t>(p, p + count) == icc) << path;
+        EXPECT_TRUE(same_profile(std::vector<uint8_t>(p, p + count), icc)) << path;
         TIFFClose(t);
     }
 #endif
@@ -348,7 +358,7 @@ const refusal refusals[] = {
          return std::vector<std::string>{
              in, "--to", write_text(dir / "cmyk.icc", std::string(b.begin(), b.end()))};
      },
-     1, "cmyk.icc: colour space 'CMYK', not RGB"},
+     1, "cmyk.icc: a CMYK profile; the data is RGB"},
     {"embedded Lab profile",
      [](const fs::path& dir, const std::string&) {
          const std::string in = (dir / "lab.tif").string();
