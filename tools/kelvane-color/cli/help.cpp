@@ -12,13 +12,15 @@ std::string build_usage_text() {
         R"(usage: kelvane-color [OPTIONS] [INPUT...]     process images (none: a built-in test chart)
        kelvane-color bench [OPTIONS] [INPUT]    Mpix/s of each tier next to memcpy
        kelvane-color --info                     tier, modules and back-end of this machine
+       kelvane-color --raw-input WxH:FMT IN --raw-output FMT -o OUT   raw video frames
 
 Input: PNG, PPM/PGM/PAM (binary, maximum value up to 65535), TIFF; read as 16-bit samples.
 )" +
         std::string(system_codecs
                         ? "       On Windows also JPEG, BMP and any other format Windows decodes.\n"
                         : "") +
-        R"(       Regular files only (no FIFOs or devices); .cube files up to 64 MiB.
+        R"(       Regular files only (no FIFOs or devices; --raw-input also reads - and FIFOs);
+       .cube files up to 64 MiB.
 )";
     const char* section = nullptr;
     for (const option_spec& o : all_options()) {

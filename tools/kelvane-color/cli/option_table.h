@@ -15,6 +15,8 @@ struct parse_state {
     bool output_options = false;
     bool bench_options = false;
     bool chart_size_given = false;
+    bool layout_options = false;  // --bits, --channels, --input-layout, --output-layout
+    bool json_given = false;
     bool stop = false;  // --help or --version: the rest of the line is not looked at
 };
 

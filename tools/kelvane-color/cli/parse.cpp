@@ -4,6 +4,7 @@
 
 #include "cli/option_table.h"
 #include "cli/tool_error.h"
+#include "stream/stream_options.h"
 
 namespace kv_tool {
 namespace {
@@ -58,7 +59,9 @@ void check_modes(const parse_state& p) {
                 "--output-type");
         if (s.inputs.size() > 1) throw usage_error("bench: one input image at most");
     } else if (p.bench_options) {
-        throw usage_error("--json, --svg and --min-time are options of bench");
+        throw usage_error("--svg and --min-time are options of bench");
+    } else if (p.json_given && !s.raw_input) {
+        throw usage_error("--json goes with bench or --raw-input");
     }
 }
 
@@ -106,6 +109,10 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
     read_arguments(arguments, p);
     if (p.stop) return p.s;
     check_modes(p);
+    if (p.s.raw_input || p.s.raw_output) {
+        check_stream_options(p.s, p.layout_options);
+        return p.s;
+    }
     check_output_places(p.s);
     if (p.chart_size_given && !p.s.inputs.empty()) {
         throw usage_error("--chart-size: only without input files");
