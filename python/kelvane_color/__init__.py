@@ -192,7 +192,8 @@ class Processor:
         frame: uint16, shape (..., 3) for Layout.BGR and Layout.RGB, (3, ...) for
         Layout.BGR_PLANES; a frame that is not C-contiguous is copied first.
         bits: 8 or 16, the output element: 16 by default, and for a processor from converting()
-        or from_clf() its own depth, the only one its tables are made for. channels: 3, or 4 for a fourth element of 0.
+        or from_clf() its own depth, the only one its tables are made for.
+        channels: 3, or 4 for a fourth element of 0.
         output_layout: defaults to input_layout. clamp: (min, max) for every channel, or three
         such pairs, blue, green, red; limits apply to the matrix result, 0 to 65535. shifts: one
         distance or three (blue, green, red), -15 to 15: positive left, negative right. Left out
