@@ -56,3 +56,11 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3, python3-numpy")
 string(CONCAT CPACK_COMPONENT_PYTHON_DESCRIPTION
     "Python interface of the kelvane_qor_color_processing library\n"
     "The package kelvane_color: numpy frames through the color processor, over ctypes.")
+
+# The colour layer's library and headers (it has no soname yet, hence no number in the name).
+set(CPACK_DEBIAN_COLOR_PACKAGE_NAME libkelvane-qor-color)
+set(CPACK_DEBIAN_COLOR_PACKAGE_SECTION libs)
+string(CONCAT CPACK_COMPONENT_COLOR_DESCRIPTION
+    "Colour layer of the kelvane_qor_color_processing library\n"
+    "libkelvane_qor_color.so and its headers: named colour spaces, ICC matrix-shaper profiles "
+    "(LittleCMS) and CLF/CTF process lists (expat) turned into color processor set-ups.")

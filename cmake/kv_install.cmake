@@ -98,7 +98,8 @@ foreach(_kv_resource
     "kelvane_qor_color_processing_vector_sse:kelvane_qor_color_processing SSE4.1 module"
     "kelvane_qor_color_processing_vector_avx2:kelvane_qor_color_processing AVX2 module"
     "kelvane_qor_color_processing_vector_avx512:kelvane_qor_color_processing AVX-512 module"
-    "kelvane-color:kelvane-color, the command-line tool of kelvane_qor_color_processing")
+    "kelvane-color:kelvane-color, the command-line tool of kelvane_qor_color_processing"
+    "kelvane_qor_color:kelvane_qor_color_processing colour layer")
   string(REPLACE ":" ";" _kv_resource "${_kv_resource}")
   kv_add_version_resource(${_kv_resource})
 endforeach()

@@ -45,6 +45,22 @@ set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS library)
 set(CPACK_COMPONENT_TOOL_DEPENDS library)
 set(CPACK_COMPONENT_PYTHON_DEPENDS library)
+# The colour layer (cmake/kv_color.cmake), when it is built. On Windows LittleCMS and expat are
+# linked into its DLL from Debian's sources (cmake/kv_color_deps.cmake), so their licences go along.
+if(TARGET kelvane_qor_color)
+  list(APPEND CPACK_COMPONENTS_ALL color)
+  set(CPACK_COMPONENT_COLOR_DEPENDS library)
+  set(_kv_color_sources "${PROJECT_BINARY_DIR}/color-deps/install/.complete")
+  if(WIN32 AND EXISTS "${_kv_color_sources}")
+    file(STRINGS "${_kv_color_sources}" _kv_color_sources LIMIT_COUNT 1)
+    separate_arguments(_kv_color_sources UNIX_COMMAND "${_kv_color_sources}")
+    foreach(_kv_source IN LISTS _kv_color_sources)
+      get_filename_component(_kv_name "${_kv_source}" NAME)
+      string(REGEX REPLACE "-[0-9.]+$" "" _kv_name "${_kv_name}")
+      kv_bundle_dependency(${_kv_name} LICENSE "${_kv_source}/COPYING")
+    endforeach()
+  endif()
+endif()
 
 if(WIN32)
   # One archive holding every component.

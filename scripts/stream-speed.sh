@@ -2,16 +2,16 @@
 # The speed of kelvane-color's raw frame streams beside the pipe itself and beside ffmpeg's own
 # filters, on the same frames in one run: ffmpeg's testsrc2 at 3840x2160 as rgb48le, fed from
 # memory through a pipe and read from a pipe. Prints the processor, a table of best-of-N times
-# and the two ratios:
+# and the two ratios (rounds of every job in turn, best of each):
 #   matrix only / cat                       (the stream keeps up with the pipe: at most 1.25)
 #   ffmpeg lut1d+colorchannelmixer+lut1d / the same job in kelvane-color   (at least 2)
-# Usage: scripts/stream-speed.sh [FRAMES [RUNS]]     (default 8 frames, best of 3 runs)
+# Usage: scripts/stream-speed.sh [FRAMES [RUNS]]     (default 8 frames, best of 5 rounds)
 # KV_TOOL names the program (default build/release/stage/bin/kelvane-color, which
 # scripts/run-main.sh --version builds and installs); KV_THREADS its --threads (default: all).
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 frames="${1:-8}"
-runs="${2:-3}"
+runs="${2:-5}"
 tool="${KV_TOOL:-${root}/build/release/stage/bin/kelvane-color}"
 threads="${KV_THREADS:-$(nproc)}"
 size=3840x2160
@@ -38,39 +38,43 @@ mixer="rr=1.2:rg=-0.1:rb=-0.1:gr=-0.05:gg=1.1:gb=-0.05:br=0.02:bg=-0.2:bb=1.18"
 kv=("${tool}" -q --threads "${threads}" --raw-input "${size}:rgb48le" - --raw-output rgb48le -o -)
 ff=(ffmpeg -v error -nostdin -f rawvideo -pix_fmt rgb48le -s "${size}" -i -)
 
-# Best wall-clock seconds of `runs` runs of: cat frames | <command> | cat > /dev/null
-best_of() {
-    local best="" t0 t1
-    for ((r = 0; r < runs; ++r)); do
-        t0=$(date +%s.%N)
-        cat "${work}/frames.raw" | "$@" | cat >/dev/null
-        t1=$(date +%s.%N)
-        best=$(awk -v a="${t0}" -v b="${t1}" -v best="${best}" \
-            'BEGIN { t = b - a; print (best == "" || t < best) ? t : best }')
-    done
-    printf '%.3f' "${best}"
+# The five jobs, each as: cat frames | JOB | cat > /dev/null.
+job_cat() { cat; }
+job_matrix() { "${kv[@]}" --matrix "${matrix}"; }
+job_luts() {
+    "${kv[@]}" --input-lut "${work}/in.cube" --matrix "${matrix}" --output-lut "${work}/out.cube"
 }
+job_mixer() { "${ff[@]}" -vf "colorchannelmixer=${mixer}" -f rawvideo -pix_fmt rgb48le -; }
+job_ff_luts() {
+    "${ff[@]}" -vf "lut1d=file=${work}/in.cube,colorchannelmixer=${mixer},lut1d=file=${work}/out.cube" \
+        -f rawvideo -pix_fmt rgb48le -
+}
+jobs=(cat matrix mixer luts ff_luts)
 
-cat_s=$(best_of cat)
-matrix_s=$(best_of "${kv[@]}" --matrix "${matrix}")
-luts_s=$(best_of "${kv[@]}" --input-lut "${work}/in.cube" --matrix "${matrix}" \
-    --output-lut "${work}/out.cube")
-mixer_s=$(best_of "${ff[@]}" -vf "colorchannelmixer=${mixer}" -f rawvideo -pix_fmt rgb48le -)
-ff_luts_s=$(best_of "${ff[@]}" \
-    -vf "lut1d=file=${work}/in.cube,colorchannelmixer=${mixer},lut1d=file=${work}/out.cube" \
-    -f rawvideo -pix_fmt rgb48le -)
+# Best wall-clock seconds of each job over `runs` rounds; a round runs every job once, so that
+# every job meets the same load on a shared machine.
+declare -A best
+for ((r = 0; r < runs; ++r)); do
+    for job in "${jobs[@]}"; do
+        t0=$(date +%s.%N)
+        cat "${work}/frames.raw" | "job_${job}" | cat >/dev/null
+        t1=$(date +%s.%N)
+        best[${job}]=$(awk -v a="${t0}" -v b="${t1}" -v best="${best[${job}]:-}" \
+            'BEGIN { t = b - a; printf "%.3f", (best == "" || t < best) ? t : best }')
+    done
+done
 
 lscpu | sed -n 's/^\(Model name\|CPU family\|Model\|CPU(s)\):\s*/\1: /p'
 echo "${frames} frames of testsrc2 ${size} rgb48le ($(stat -c %s "${work}/frames.raw") bytes)," \
-    "cat frames | COMMAND | cat > /dev/null, best of ${runs}, kelvane-color --threads ${threads}," \
+    "cat frames | COMMAND | cat > /dev/null, best of ${runs} rounds, --threads ${threads}," \
     "tier $("${tool}" --info | sed -n 's/^frames at tier //p')"
 printf '| %-64s | %7s |\n' "command" "seconds" "---" "---" \
-    "cat" "${cat_s}" \
-    "kelvane-color --matrix" "${matrix_s}" \
-    "ffmpeg colorchannelmixer" "${mixer_s}" \
-    "kelvane-color --input-lut in.cube --matrix --output-lut out.cube" "${luts_s}" \
-    "ffmpeg lut1d + colorchannelmixer + lut1d" "${ff_luts_s}"
+    "cat" "${best[cat]}" \
+    "kelvane-color --matrix" "${best[matrix]}" \
+    "ffmpeg colorchannelmixer" "${best[mixer]}" \
+    "kelvane-color --input-lut in.cube --matrix --output-lut out.cube" "${best[luts]}" \
+    "ffmpeg lut1d + colorchannelmixer + lut1d" "${best[ff_luts]}"
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
-echo "matrix only / cat: $(ratio "${matrix_s}" "${cat_s}") (target at most 1.25)"
-echo "ffmpeg LUTs + matrix / kelvane-color LUTs + matrix: $(ratio "${ff_luts_s}" "${luts_s}")" \
+echo "matrix only / cat: $(ratio "${best[matrix]}" "${best[cat]}") (target at most 1.25)"
+echo "ffmpeg LUTs + matrix / kelvane-color LUTs + matrix: $(ratio "${best[ff_luts]}" "${best[luts]}")" \
     "(target at least 2)"

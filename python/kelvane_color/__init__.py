@@ -28,13 +28,16 @@ except ModuleNotFoundError as error:
         "package's folder on PYTHONPATH (see docs/python.md, Install)", name="numpy") from None
 del numpy
 
-from . import _arguments as arguments, _stripes as stripes
+from . import _arguments as arguments, _color as color, _stripes as stripes
+from ._color import COLOR_LIBRARY_VARIABLE, ColorError, color_space_names
 from ._frames import Layout, input_frame, output_array
 from ._gate import Gate
 from ._lifetime import ProcessorHandle, Session, forget
 from ._native import LIBRARY_VARIABLE, LibraryNotFound, Status, StatusError, library, library_path
 
 __all__ = [
+    "COLOR_LIBRARY_VARIABLE",
+    "ColorError",
     "LIBRARY_VARIABLE",
     "Layout",
     "LibraryNotFound",
@@ -43,6 +46,7 @@ __all__ = [
     "Status",
     "StatusError",
     "Tier",
+    "color_space_names",
     "library_path",
 ]
 
@@ -88,6 +92,42 @@ class Processor:
         # transform reads. Each keeps the tables alive, also past close().
         self.input_luts = self._handle.tables("input", input_lut_bits)
         self.output_luts = self._handle.tables("output", output_lut_bits)
+        # What transform() uses when the caller leaves them out; a conversion sets its own.
+        self.description, self.bits, self.clamp, self.shifts = None, None, (0, 65535), 0
+
+    @classmethod
+    def converting(cls, source, destination, bits=16, tier=None):
+        """A Processor set up by the colour layer to convert from source to destination, with
+        output elements of bits (8 or 16). Each of source and destination is a space name (str,
+        one of color_space_names()), ICC profile bytes (bytes, bytearray, memoryview: e.g.
+        Pillow's image.info["icc_profile"]) or a profile file (os.PathLike, e.g. pathlib.Path;
+        a plain str is always a name). A refusal raises ColorError (a ValueError)."""
+        bits = arguments.choice(bits, "bits", (8, 16))
+        return cls._configured(color.between(source, destination, bits), bits, tier)
+
+    @classmethod
+    def from_clf(cls, process_list, bits=16, tier=None):
+        """A Processor set up from a CLF or CTF process list: a file (str or os.PathLike) or
+        its bytes. Input elements are 16-bit codes; the output has bits (8 or 16)."""
+        bits = arguments.choice(bits, "bits", (8, 16))
+        return cls._configured(color.from_clf(process_list, bits), bits, tier)
+
+    @classmethod
+    def _configured(cls, conversion, bits, tier):
+        try:
+            processor = cls(16, 16, tier)
+        except BaseException:
+            color.layer().kv_color_conversion_destroy(conversion)
+            raise
+        try:
+            with processor._gate.alone():
+                description, clamp, shifts = color.apply(conversion, processor._handle.value)
+        except BaseException:
+            processor.close()
+            raise
+        processor.description, processor.bits = description, bits
+        processor.clamp, processor.shifts = clamp, shifts
+        return processor
 
     def __enter__(self):
         return self
@@ -136,16 +176,29 @@ class Processor:
         """Turns the named output LUTs on and the others off (all three are set on every call)."""
         self._enable("output", (blue, green, red))
 
-    def transform(self, frame, bits=16, channels=3, input_layout=Layout.BGR, output_layout=None,
-                  clamp=(0, 65535), shifts=0, out=None, threads=None):
+    def _output_bits(self, bits):
+        if bits is None:
+            return self.bits or 16
+        bits = arguments.choice(bits, "bits", (8, 16))
+        if self.bits is not None and bits != self.bits:
+            raise ValueError(f"bits: {bits}, but the tables of {self.description} are made for "
+                             f"{self.bits}-bit output")
+        return bits
+
+    def transform(self, frame, bits=None, channels=3, input_layout=Layout.BGR, output_layout=None,
+                  clamp=None, shifts=None, out=None, threads=None):
         """Runs a frame through the pipeline and returns the result.
 
         frame: uint16, shape (..., 3) for Layout.BGR and Layout.RGB, (3, ...) for
         Layout.BGR_PLANES; a frame that is not C-contiguous is copied first.
-        bits: 8 or 16, the output element. channels: 3, or 4 for a fourth element of 0.
+        bits: 8 or 16, the output element: 16 by default, and for a processor from converting()
+        or from_clf() its own depth, the only one its tables are made for.
+        channels: 3, or 4 for a fourth element of 0.
         output_layout: defaults to input_layout. clamp: (min, max) for every channel, or three
         such pairs, blue, green, red; limits apply to the matrix result, 0 to 65535. shifts: one
-        distance or three (blue, green, red), -15 to 15: positive left, negative right.
+        distance or three (blue, green, red), -15 to 15: positive left, negative right. Left out
+        (None), both are the processor's: self.clamp and self.shifts, (0, 65535) and 0 unless
+        a conversion set them.
         out: an array to write into, of exactly the result's dtype and shape, C-contiguous,
         writable and not overlapping frame; it is returned.
         threads: None cuts a frame interleaved on both sides into a stripe for each core, 1 to
@@ -157,12 +210,13 @@ class Processor:
         input_layout = arguments.member(Layout, input_layout, "input_layout")
         output_layout = input_layout if output_layout is None else arguments.member(
             Layout, output_layout, "output_layout")
-        bits = arguments.choice(bits, "bits", (8, 16))
+        bits = self._output_bits(bits)
         channels = arguments.choice(channels, "channels", (3, 4))
         frame, pixel_shape, pixels = input_frame(frame, input_layout)
         out = output_array(out, pixel_shape, output_layout, bits, channels, frame)
-        bounds = arguments.clamp_bounds(clamp)
-        distances = arguments.channel_triple(shifts, "shifts", -0x80000000, 0x7FFFFFFF)
+        bounds = arguments.clamp_bounds(self.clamp if clamp is None else clamp)
+        distances = arguments.channel_triple(self.shifts if shifts is None else shifts, "shifts",
+                                             -0x80000000, 0x7FFFFFFF)
         if threads is not None:
             threads = arguments.integer(threads, "threads", 1, stripes.MAX_THREADS)
         interleaved = Layout.BGR_PLANES not in (input_layout, output_layout)

@@ -75,34 +75,34 @@ for _bits in (24, 32, 48, 64):
     _PROTOTYPES[f"kv_color_transform_48_to_{_bits}"] = (_i32, _TRANSFORM_ARGUMENTS)
 
 
-def _candidates():
+def _candidates(file_name, variable, stem):
     """(where, path or name) in the order tried: beside this package, the library folder of the
     install this package came with, the environment variable, the system's search order."""
     here = os.path.dirname(os.path.abspath(__file__))
-    yield "beside the package", os.path.join(here, FILE_NAME)
+    yield "beside the package", os.path.join(here, file_name)
     try:
         from . import _installed
     except ImportError:
         pass
     else:
         yield "in the install's library folder", os.path.normpath(
-            os.path.join(here, _installed.library_directory, FILE_NAME)
+            os.path.join(here, _installed.library_directory, file_name)
         )
-    explicit = os.environ.get(LIBRARY_VARIABLE)
+    explicit = os.environ.get(variable)
     if explicit:
-        yield LIBRARY_VARIABLE, explicit
+        yield variable, explicit
     if os.name == "nt":
         # A bare name is not looked up on PATH by ctypes on Windows; find_library does that.
-        yield "on PATH", ctypes.util.find_library("kelvane_qor_color_processing")
+        yield "on PATH", ctypes.util.find_library(stem)
     else:
-        yield "in the system's search order", FILE_NAME
+        yield "in the system's search order", file_name
 
 
 def _is_file(path):
     return os.sep in path or bool(os.altsep and os.altsep in path)
 
 
-def _open(where, path):
+def _open(where, path, what, prototypes):
     """(the library at path with its prototypes set, None), or (None, why) for a bare name the
     system did not find. A file that is there but is no loadable copy of the library raises
     LibraryNotFound: a broken install, so the search goes no further."""
@@ -116,38 +116,43 @@ def _open(where, path):
         if not _is_file(path):
             return None, why
         raise LibraryNotFound(f"{where}: {quoted(path)} does not load: {why}") from None
-    for name, (result, arguments) in _PROTOTYPES.items():
+    for name, (result, arguments) in prototypes.items():
         try:
             function = getattr(loaded, name)
         except AttributeError:
-            raise LibraryNotFound(f"{where}: {quoted(path)} is not the color processing "
-                                  f"library: it lacks {name}") from None
+            raise LibraryNotFound(f"{where}: {quoted(path)} is not the {what}: it lacks "
+                                  f"{name}") from None
         function.restype = result
         function.argtypes = arguments
     return loaded, None
 
 
-def _load():
+def load(what, file_name, variable, stem, prototypes):
+    """(library, path): the first loadable copy of the library what among the candidates, with
+    prototypes ({name: (result, arguments)}) set; LibraryNotFound lists every place tried."""
     tried = []
-    for where, path in _candidates():
+    for where, path in _candidates(file_name, variable, stem):
         if not path:
             continue
         shown = quoted(path)
         if _is_file(path) and not os.path.isfile(path):
-            if where == LIBRARY_VARIABLE:
-                raise LibraryNotFound(f"{LIBRARY_VARIABLE} names {shown}, which is not a file")
+            if where == variable:
+                raise LibraryNotFound(f"{variable} names {shown}, which is not a file")
             tried.append(f"{where}: {shown} does not exist")
             continue
-        loaded, failure = _open(where, path)
+        loaded, failure = _open(where, path, what, prototypes)
         if loaded is not None:
             return loaded, path
         tried.append(f"{where}: {failure}")
     raise LibraryNotFound(
-        "the color processing library was not found (set "
-        + LIBRARY_VARIABLE
-        + " to its full path); tried:\n  "
+        f"the {what} was not found (set {variable} to its full path); tried:\n  "
         + "\n  ".join(tried)
     )
+
+
+def _load():
+    return load("color processing library", FILE_NAME, LIBRARY_VARIABLE,
+                "kelvane_qor_color_processing", _PROTOTYPES)
 
 
 _lock = threading.Lock()

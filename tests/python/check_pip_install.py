@@ -29,7 +29,9 @@ def main(source, work):
              "    out = p.transform(np.array([[1, 2, 3]], np.uint16))\n"
              "assert out.tolist() == [[1, 2, 6]], out\n"
              "print('installed at', kc.__file__)\n")
-    subprocess.run([python, "-c", check], check=True, cwd=work)
+    # Without PYTHONPATH, which may name the source tree: the installed copy must be the one found.
+    clean = {k: v for k, v in os.environ.items() if k != "PYTHONPATH"}
+    subprocess.run([python, "-c", check], check=True, cwd=work, env=clean)
 
 
 if __name__ == "__main__":

@@ -54,7 +54,7 @@ struct refusal_case {
 TEST(RunSafety, OutputsThatAreReadOrNotFilesRefuseTheWholeRun) {
     const refusal_case cases[] = {
         {"a later input of the batch",
-         {"{dir}/src/a.ppm", "{dir}/a.ppm", "--output-dir", "{dir}", "--output-type", "ppm"},
+         {"{dir}/src/a.ppm", "{dir}/a.ppm", "--output-dir", "{dir}/", "--output-type", "ppm"},
          "a.ppm: is the input {dir}/a.ppm; not overwritten, and the run writes nothing",
          false},
         {"an earlier input of the batch",

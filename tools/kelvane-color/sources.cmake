@@ -14,7 +14,9 @@ set(KV_TOOL_PARSER_SOURCES
   pipeline/curves.cpp
   pipeline/file_access.cpp
   pipeline/interruption.cpp
-  pipeline/plan.cpp)
+  pipeline/plan.cpp
+  stream/raw_format.cpp
+  stream/stream_options.cpp)
 # The formats of the libraries found at build time (libpng, libtiff; off Windows).
 set(KV_TOOL_PNG_SOURCES image/png.cpp)
 set(KV_TOOL_TIFF_SOURCES image/tiff.cpp)
@@ -33,4 +35,8 @@ set(KV_TOOL_HOST_SOURCES
   pipeline/processing.cpp
   pipeline/profile_info.cpp
   pipeline/run.cpp
-  pipeline/system_probe.cpp)
+  pipeline/system_probe.cpp
+  stream/frame_pipeline.cpp
+  stream/stream_io.cpp
+  stream/stream_mode.cpp
+  stream/stream_report.cpp)

@@ -14,6 +14,7 @@
 #include "pipeline/profile_info.h"
 #include "pipeline/run.h"
 #include "pipeline/system_probe.h"
+#include "stream/stream_mode.h"
 
 #if !defined(KV_TOOL_VERSION)
 #define KV_TOOL_VERSION "0"
@@ -137,7 +138,7 @@ int run_selected(const settings& s) {
         case run_mode::bench:
             return run_bench_mode(s);
         case run_mode::process:
-            return run_process(s);
+            return s.raw_input ? run_stream(s) : run_process(s);
     }
     return EXIT_OK;
 }

@@ -14,13 +14,15 @@ std::string build_usage_text() {
        kelvane-color --info                     tier, modules and back-end of this machine
        kelvane-color --info FILE...             an image's size and colour profile
        kelvane-color --list-spaces              the colour space names of --to and --from
+       kelvane-color --raw-input WxH:FMT IN --raw-output FMT -o OUT   raw video frames
 
 Input: PNG, PPM/PGM/PAM (binary, maximum value up to 65535), TIFF; read as 16-bit samples.
 )" +
         std::string(system_codecs
                         ? "       On Windows also JPEG, BMP and any other format Windows decodes.\n"
                         : "") +
-        R"(       Regular files only (no FIFOs or devices); .cube files up to 64 MiB.
+        R"(       Regular files only (no FIFOs or devices; --raw-input also reads - and FIFOs);
+       .cube files up to 64 MiB.
 )";
     const char* section = nullptr;
     for (const option_spec& o : all_options()) {

@@ -6,6 +6,7 @@
 #include "cli/numbers.h"
 #include "cli/option_values.h"
 #include "cli/tool_error.h"
+#include "stream/stream_options.h"
 
 namespace kv_tool {
 namespace {
@@ -17,6 +18,8 @@ constexpr const char* pipeline_section =
     "red):";
 constexpr const char* color_section =
     "Colour (instead of the pipeline options; the outputs carry the destination's profile):";
+constexpr const char* stream_section =
+    "Streams (raw frames as ffmpeg's -f rawvideo reads and writes them; docs/video.md):";
 constexpr const char* other_section = "Other:";
 
 // A colour option's value, noted for the checks of how options go together.
@@ -58,6 +61,7 @@ const option_spec options[] = {
          const int64_t bits = parse_whole(value, name, 8, 16);
          if (bits != 8 && bits != 16) throw usage_error("--bits: must be 8 or 16");
          p.s.bits = int(bits);
+         p.layout_options = true;
      }},
     {nullptr, "--narrow", "round|truncate", output_section,
      "8-bit image files: round(v x 255 / 65535) of the 16-bit result as\n"
@@ -72,16 +76,31 @@ const option_spec options[] = {
      "elements a pixel (default 3; the fourth carries the input's alpha)",
      [](parse_state& p, const std::string& name, const std::string& value) {
          p.s.channels = int(parse_whole(value, name, 3, 4));
+         p.layout_options = true;
      }},
     {nullptr, "--input-layout", "L", output_section,
      "planes, bgr or rgb: the buffer handed to the library (default rgb)",
      [](parse_state& p, const std::string& name, const std::string& value) {
          p.s.input_layout = parse_layout(value, name);
+         p.layout_options = true;
      }},
     {nullptr, "--output-layout", "L", output_section,
      "planes, bgr or rgb: the buffer the library writes (default rgb)",
      [](parse_state& p, const std::string& name, const std::string& value) {
          p.s.output_layout = parse_layout(value, name);
+         p.layout_options = true;
+     }},
+    {nullptr, "--raw-input", "WxH:FMT", stream_section,
+     "frames of that size from INPUT (- for standard input, a FIFO or a\n"
+     "file): rgb48le, bgr48le, rgb48be or bgr48be",
+     [](parse_state& p, const std::string&, const std::string& value) {
+         p.s.raw_input = parse_raw_input(value);
+     }},
+    {nullptr, "--raw-output", "FMT", stream_section,
+     "frames to -o FILE or -o - (standard output): the input formats, rgb24,\n"
+     "bgr24 (rounded as 8-bit image files), rgba64le or bgra64le (opaque)",
+     [](parse_state& p, const std::string&, const std::string& value) {
+         p.s.raw_output = &parse_raw_output(value);
      }},
     {nullptr, "--matrix", "M", pipeline_section,
      "nine numbers by rows, red, green, blue; repeatable, appended in order\n"
@@ -168,11 +187,11 @@ const option_spec options[] = {
     {"-q", "--quiet", nullptr, other_section, "no summary and no progress line",
      [](parse_state& p, const std::string&, const std::string&) { p.s.quiet = true; }},
     {nullptr, "--json", "FILE", other_section,
-     "bench: also write the results as JSON (- for stdout)",
+     "bench or a stream: also write the results as JSON (- for stdout)",
      [](parse_state& p, const std::string&, const std::string& value) {
          p.s.json = value;
          if (p.s.json.empty()) throw usage_error("--json: empty file name (use - for stdout)");
-         p.bench_options = true;
+         p.json_given = true;
      }},
     {nullptr, "--svg", "FILE", other_section, "bench: also draw the results as an SVG bar chart",
      [](parse_state& p, const std::string&, const std::string& value) {

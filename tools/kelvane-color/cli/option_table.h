@@ -17,7 +17,9 @@ struct parse_state {
     bool chart_size_given = false;
     std::string color_option;     // the first of --from, --to, --clf given
     std::string pipeline_option;  // the first option given that sets what a conversion sets
-    bool stop = false;            // --help or --version: the rest of the line is not looked at
+    bool layout_options = false;  // --bits, --channels, --input-layout, --output-layout
+    bool json_given = false;
+    bool stop = false;  // --help or --version: the rest of the line is not looked at
 };
 
 // One option: its names, the value it takes (nullptr: none), where --help lists it (nullptr: not

@@ -4,6 +4,7 @@
 
 #include "cli/option_table.h"
 #include "cli/tool_error.h"
+#include "stream/stream_options.h"
 
 namespace kv_tool {
 namespace {
@@ -74,7 +75,9 @@ void check_modes(const parse_state& p) {
                 "--output-type");
         if (s.inputs.size() > 1) throw usage_error("bench: one input image at most");
     } else if (p.bench_options) {
-        throw usage_error("--json, --svg and --min-time are options of bench");
+        throw usage_error("--svg and --min-time are options of bench");
+    } else if (p.json_given && !s.raw_input) {
+        throw usage_error("--json goes with bench or --raw-input");
     }
 }
 
@@ -90,6 +93,11 @@ void check_color(const parse_state& p) {
     if (!s.clf.empty() && (!s.color_to.empty() || !s.color_from.empty())) {
         throw usage_error(std::string("--clf and ") + (s.color_to.empty() ? "--from" : "--to") +
                           ": a process list is the whole conversion; give one or the other");
+    }
+    if (s.raw_input || s.raw_output) {
+        throw usage_error(p.color_option +
+                          " with raw streams: not wired into the stream mode yet; convert files, "
+                          "or give the stream's conversion as --matrix and LUTs");
     }
     if (!s.color_from.empty() && s.color_to.empty()) {
         throw usage_error("--from: needs --to (the space to convert to)");
@@ -141,6 +149,10 @@ settings parse_command_line(const std::vector<std::string>& arguments) {
     if (p.stop) return p.s;
     check_modes(p);
     check_color(p);
+    if (p.s.raw_input || p.s.raw_output) {
+        check_stream_options(p.s, p.layout_options);
+        return p.s;
+    }
     check_output_places(p.s);
     if (p.chart_size_given && !p.s.inputs.empty()) {
         throw usage_error("--chart-size: only without input files");

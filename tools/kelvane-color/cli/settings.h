@@ -10,6 +10,7 @@
 
 #include "image/image.h"
 #include "pipeline/curves.h"
+#include "stream/raw_format.h"
 
 namespace kv_tool {
 
@@ -48,9 +49,11 @@ struct settings {
     int32_t chart_width = 1920;
     int32_t chart_height = 1080;
     bool quiet = false;
-    unsigned threads = default_threads();  // stripes of a frame, files of a batch, bench frames
+    unsigned threads = default_threads();     // stripes of a frame, files of a batch, bench frames
+    std::optional<raw_input_spec> raw_input;  // --raw-input: frames from one raw stream
+    const raw_format* raw_output = nullptr;   // --raw-output
 
-    std::string json;       // bench: "" none, "-" stdout, else a file
+    std::string json;       // bench, streams: "" none, "-" stdout, else a file
     std::string svg;        // bench: "" none, else a file for the bar chart
     double min_time = 0.5;  // bench: seconds of frames per tier
 };

@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "cli/tool_error.h"
 #include "stream/slot_queue.h"
-#include "tool_error.h"
 
 namespace kv_tool {
 namespace {

@@ -3,8 +3,8 @@
 
 #include <cstring>
 
-#include "numbers.h"
-#include "tool_error.h"
+#include "cli/numbers.h"
+#include "cli/tool_error.h"
 
 namespace kv_tool {
 namespace {

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "tool_error.h"
+#include "cli/tool_error.h"
 
 #if defined(_WIN32)
 #include <fcntl.h>

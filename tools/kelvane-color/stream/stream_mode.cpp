@@ -7,15 +7,15 @@
 #include <functional>
 #include <vector>
 
-#include "application.h"
-#include "file_access.h"
-#include "image_io.h"
-#include "processing.h"
+#include "cli/tool_error.h"
+#include "image/image.h"
+#include "pipeline/file_access.h"
+#include "pipeline/processing.h"
+#include "pipeline/run.h"
+#include "pipeline/system_probe.h"
 #include "stream/frame_pipeline.h"
 #include "stream/raw_format.h"
 #include "stream/stream_report.h"
-#include "system_probe.h"
-#include "tool_error.h"
 
 namespace kv_tool {
 namespace {

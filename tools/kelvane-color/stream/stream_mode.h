@@ -2,7 +2,7 @@
 // written as a raw stream, to standard output or a file.
 #pragma once
 
-#include "options.h"
+#include "cli/settings.h"
 
 namespace kv_tool {
 

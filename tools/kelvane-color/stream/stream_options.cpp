@@ -1,7 +1,7 @@
 // The checks of the stream options once the whole command line is read.
 #include "stream/stream_options.h"
 
-#include "tool_error.h"
+#include "cli/tool_error.h"
 
 namespace kv_tool {
 

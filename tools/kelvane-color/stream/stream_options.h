@@ -1,7 +1,7 @@
 // What the command line may say beside --raw-input and --raw-output.
 #pragma once
 
-#include "options.h"
+#include "cli/settings.h"
 
 namespace kv_tool {
 
