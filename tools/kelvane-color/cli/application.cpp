@@ -2,7 +2,9 @@
 // mode, and the error reporting around them.
 #include "cli/application.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <optional>
 
@@ -126,7 +128,11 @@ int run_bench_mode(const settings& s) {
 int run_selected(const settings& s) {
     switch (s.mode) {
         case run_mode::help:
-            std::fputs(usage_text(), stdout);
+            // The text outgrows stdio's buffer: a full disk shows here, with its reason.
+            if (std::fputs(usage_text(), stdout) == EOF) {
+                throw tool_error(EXIT_FILE, std::string("cannot write to standard output: ") +
+                                                std::strerror(errno));
+            }
             return EXIT_OK;
         case run_mode::version:
             std::printf("kelvane-color %s\n", KV_TOOL_VERSION);
