@@ -130,6 +130,9 @@ int run_selected(const settings& s) {
         case run_mode::help:
             // The text outgrows stdio's buffer: a full disk shows here, with its reason.
             if (std::fputs(usage_text(), stdout) == EOF) {
+                const int error = errno;
+                std::clearerr(stdout);  // said once, here
+                errno = error;
                 throw tool_error(EXIT_FILE, std::string("cannot write to standard output: ") +
                                                 std::strerror(errno));
             }
