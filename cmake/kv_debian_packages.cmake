@@ -45,8 +45,8 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION graphics)
 string(CONCAT CPACK_COMPONENT_TOOL_DESCRIPTION
     "Command-line tool of the kelvane_qor_color_processing library\n"
     "kelvane-color runs images and test charts through the color processor, converts between "
-    "colour spaces and ICC profiles with the colour layer libkelvane_qor_color (packaged with "
-    "it), reports the processor's tier and the modules it found, and measures throughput.")
+    "colour spaces and ICC profiles with the colour layer libkelvane_qor_color (package "
+    "libkelvane-qor-color), reports the processor's tier and the modules it found, and measures throughput.")
 
 # Pure Python over ctypes: dpkg-shlibdeps has nothing to read, so its Python needs are named.
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-kelvane-color)

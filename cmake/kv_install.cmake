@@ -72,10 +72,9 @@ install(FILES "${PROJECT_BINARY_DIR}/kelvane_qor_color_processing.pc"
   DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
 
 if(TARGET kelvane-color)
-  # The tool runs on the colour layer too: the tool component brings it along.
+  # The tool runs on the colour layer too, which its own component installs (the tool's
+  # package depends on it).
   install(TARGETS kelvane-color RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tool)
-  install(TARGETS kelvane_qor_color COMPONENT tool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
-          LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 endif()
 
 # The Python package, and beside it a record of where this install put the library, so that the

@@ -16,7 +16,7 @@ if(PREFIX)
   set(prefix "${PREFIX}") # an install made another way: the Debian packages, unpacked
 else()
   set(prefix "${WORK_DIR}/prefix")
-  foreach(component library development tool python)
+  foreach(component library development tool python color)
     kv_run(WHAT "install ${component}"
            COMMAND "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}"
                    --component ${component})
