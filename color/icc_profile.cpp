@@ -4,7 +4,9 @@
 
 #include <lcms2.h>
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <memory>
 
 #include "color/color_error.h"
@@ -171,6 +173,21 @@ rgb_space read_icc_profile(const uint8_t* bytes, size_t size, const std::string&
     return s;
 }
 
+namespace {
+
+std::vector<uint8_t> saved(cmsHPROFILE h, const std::string& label, const lcms_context& lcms) {
+    cmsUInt32Number size = 0;
+    if (!cmsSaveProfileToMem(h, nullptr, &size))
+        throw color_error(status::internal, "no profile for " + label + lcms.said());
+    std::vector<uint8_t> bytes(size);
+    if (size < 128 || !cmsSaveProfileToMem(h, bytes.data(), &size))
+        throw color_error(status::internal, "no profile for " + label + lcms.said());
+    bytes.resize(size);
+    return bytes;
+}
+
+}  // namespace
+
 std::vector<uint8_t> icc_bytes(const rgb_space& space) {
     if (!space.icc.empty()) return space.icc;
     auto xy_of = [](double x, double y, double z) {
@@ -199,16 +216,19 @@ std::vector<uint8_t> icc_bytes(const rgb_space& space) {
                            cmsMLUsetASCII(text, "en", "US", space.label.c_str()) &&
                            cmsWriteTag(h.get(), cmsSigProfileDescriptionTag, text);
     if (text != nullptr) cmsMLUfree(text);
-    cmsUInt32Number size = 0;
-    if (!described || !cmsSaveProfileToMem(h.get(), nullptr, &size)) {
+    if (!described)
+        throw color_error(status::internal, "no profile for " + space.label + lcms.said());
+    std::vector<uint8_t> bytes = saved(h.get(), space.label, lcms);
+    // LittleCMS dates a new profile with the clock; a fixed date and the MD5 profile ID make the
+    // same space give the same bytes in every run, so converted files are reproducible.
+    static const uint8_t fixed_date[12] = {0x07, 0xEA, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0};
+    std::copy(std::begin(fixed_date), std::end(fixed_date), bytes.begin() + 24);
+    profile_ptr dated(
+        cmsOpenProfileFromMemTHR(lcms.context, bytes.data(), cmsUInt32Number(bytes.size())));
+    if (!dated || !cmsMD5computeID(dated.get())) {
         throw color_error(status::internal, "no profile for " + space.label + lcms.said());
     }
-    std::vector<uint8_t> bytes(size);
-    if (!cmsSaveProfileToMem(h.get(), bytes.data(), &size)) {
-        throw color_error(status::internal, "no profile for " + space.label + lcms.said());
-    }
-    bytes.resize(size);
-    return bytes;
+    return saved(dated.get(), space.label, lcms);
 }
 
 }  // namespace kv_color

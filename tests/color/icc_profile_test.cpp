@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <lcms2.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -78,6 +79,26 @@ TEST_F(ColorProfiles, ProfileBytesComeBackUnchanged) {
     EXPECT_EQ(kelvane::color_space::from_icc_file(path).icc(), bytes_of(path));
     EXPECT_NE(kelvane::color_space::from_icc_file(path).label().find("ProPhotoRGB.icc"),
               std::string::npos);
+}
+
+// A profile made for a named space is the same bytes in every run: a fixed creation date and the
+// MD5 profile ID, which LittleCMS recomputes to the same value.
+TEST(NamedProfiles, AreReproducibleAndCarryTheirId) {
+    const uint8_t fixed_date[12] = {0x07, 0xEA, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0};
+    for (const char* name : {"srgb", "display-p3", "rec2020", "prophoto", "linear-srgb"}) {
+        SCOPED_TRACE(name);
+        const std::vector<uint8_t> bytes = kelvane::color_space::named(name).icc();
+        ASSERT_GE(bytes.size(), 128u);
+        EXPECT_TRUE(std::equal(fixed_date, fixed_date + 12, bytes.begin() + 24));
+        cmsHPROFILE h = cmsOpenProfileFromMem(bytes.data(), cmsUInt32Number(bytes.size()));
+        ASSERT_NE(h, nullptr);
+        ASSERT_TRUE(cmsMD5computeID(h));
+        uint8_t id[16];
+        cmsGetHeaderProfileID(h, id);
+        cmsCloseProfile(h);
+        EXPECT_TRUE(std::equal(id, id + 16, bytes.begin() + 84));
+        EXPECT_TRUE(std::any_of(id, id + 16, [](uint8_t b) { return b != 0; }));
+    }
 }
 
 // sRGB.icc with the type of one tag's data overwritten.
