@@ -63,6 +63,11 @@ if(TARGET kelvane_qor_color)
   endif()
 endif()
 
+# zlib is linked into kelvane-color.exe (it compresses the PNG profiles it embeds).
+if(WIN32 AND TARGET kv_zlib AND EXISTS /usr/share/doc/libz-mingw-w64-dev/copyright)
+  kv_bundle_dependency(zlib LICENSE /usr/share/doc/libz-mingw-w64-dev/copyright)
+endif()
+
 if(WIN32)
   # One archive holding every component.
   set(CPACK_GENERATOR ZIP)

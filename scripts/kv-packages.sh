@@ -11,7 +11,7 @@ kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config libp
 # from Debian's source packages, cmake/kv_color_deps.cmake), llvm-dlltool for the MSVC import
 # library, and clang and lld-link for the test host built as Visual Studio builds it.
 kv_windows_packages=(g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 googletest wine64
-                     dpkg-dev llvm clang lld)
+                     dpkg-dev llvm clang lld libz-mingw-w64-dev)
 
 kv_ensure_packages() {
     local missing=() pkg

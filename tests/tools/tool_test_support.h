@@ -13,6 +13,7 @@
 #include "cli/settings.h"
 #include "cli/tool_error.h"
 #include "pipeline/plan.h"
+#include "platform/windows_api.h"
 
 namespace kv_tool_test {
 
@@ -53,6 +54,15 @@ kv_tool::tool_error error_of(Action&& action) {
     }
     ADD_FAILURE() << "no error thrown";
     return kv_tool::tool_error(kv_tool::EXIT_OK, "");
+}
+
+// Wine writes the samples of 16-bit PNG files in the wrong byte order (docs/windows.md).
+inline bool under_wine() {
+#if defined(_WIN32)
+    return GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") != nullptr;
+#else
+    return false;
+#endif
 }
 
 }  // namespace kv_tool_test

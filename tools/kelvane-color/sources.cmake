@@ -20,6 +20,8 @@ set(KV_TOOL_PARSER_SOURCES
 # The formats of the libraries found at build time (libpng, libtiff; off Windows).
 set(KV_TOOL_PNG_SOURCES image/png.cpp)
 set(KV_TOOL_TIFF_SOURCES image/tiff.cpp)
+# Profiles put into encoded PNG and TIFF bytes (needs zlib; used by the Windows codecs).
+set(KV_TOOL_EMBEDDING_SOURCES image/profile_embedding.cpp)
 # The Windows Imaging Component (Windows only).
 set(KV_TOOL_WIC_SOURCES image/wic.cpp)
 # The rest: modes, --help, the chart, the processor and its runs, colour conversions and

@@ -119,6 +119,7 @@ png_chunks walk_png(const std::string& bytes) {
             return walk;
         }
         seen_data = seen_data || data;
+        walk.srgb = walk.srgb || bytes.compare(size_t(at) + 4, 4, "sRGB") == 0;
         at = end;
     }
 }

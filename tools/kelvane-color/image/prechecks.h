@@ -44,6 +44,7 @@ std::string png_header_fault(const std::string& bytes);
 struct png_chunks {
     bool cut = false;
     bool after_image_data = false;  // the cut comes after the last image data chunk (IDAT)
+    bool srgb = false;              // an sRGB chunk, which not every decoder reports
 };
 png_chunks walk_png(const std::string& bytes);
 

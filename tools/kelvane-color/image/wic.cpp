@@ -17,6 +17,7 @@
 
 #include "image/codec.h"
 #include "image/prechecks.h"
+#include "image/profile_embedding.h"
 #include "pipeline/file_access.h"
 
 namespace kv_tool {
@@ -357,6 +358,7 @@ image decode(const std::string& path, coded_format format, const std::string& by
     if (FAILED(hr)) throw fail(hr);
     image out = copy_samples(path, prefix, source.Get(), width, height, l);
     read_color_context(d, &out.profile);
+    if (!out.profile.present() && chunks.srgb) out.profile.srgb = true;  // Wine's decoder omits it
     // Decoded whole, yet cut short after its image data: refused as libpng refuses it.
     if (chunks.cut)
         throw file_error(path, prefix + png_cut_fault(true, height, height, bytes.size()));
@@ -400,26 +402,6 @@ HRESULT start_encoder(const com_session& com, coded_format format, const image& 
     return hr;
 }
 
-// The output's profile as the frame's colour context, before its pixels.
-void write_color_context(const std::string& path, const std::string& prefix, const image& picture,
-                         encoding* e) {
-    if (picture.profile.icc.empty()) return;
-    ComPtr<IWICColorContext> context;
-    HRESULT hr = e->factory->CreateColorContext(&context);
-    if (SUCCEEDED(hr)) {
-        hr = context->InitializeFromMemory(picture.profile.icc.data(),
-                                           UINT(picture.profile.icc.size()));
-    }
-    IWICColorContext* contexts[1] = {context.Get()};
-    if (SUCCEEDED(hr)) hr = e->frame->SetColorContexts(1, contexts);
-    if (FAILED(hr)) {
-        throw file_error(path, prefix +
-                                   "this system's encoder cannot embed the colour profile "
-                                   "(IWICBitmapFrameEncode::SetColorContexts: " +
-                                   hresult_words(hr) + "); nothing written");
-    }
-}
-
 // The samples in bands of rows, as the encoders take them natively: 8-bit ones in BGR order.
 HRESULT write_samples(const std::string& path, const std::string& prefix, const image& picture,
                       IWICBitmapFrameEncode* frame) {
@@ -449,8 +431,8 @@ HRESULT write_samples(const std::string& path, const std::string& prefix, const 
     return hr;
 }
 
-// The encoded bytes, from the stream's memory to `path`.
-void write_stream(const std::string& path, const std::string& prefix, IStream* stream) {
+// The encoded bytes, from the stream's memory.
+std::string encoded_bytes(const std::string& path, const std::string& prefix, IStream* stream) {
     STATSTG status{};
     HRESULT hr = stream->Stat(&status, STATFLAG_NONAME);
     HGLOBAL memory = nullptr;
@@ -458,13 +440,30 @@ void write_stream(const std::string& path, const std::string& prefix, IStream* s
     if (FAILED(hr)) throw file_error(path, prefix + "cannot encode: " + hresult_words(hr));
     struct locked {
         HGLOBAL memory;
-        const void* data;
+        const char* data;
         ~locked() {
             if (data != nullptr) GlobalUnlock(memory);
         }
-    } bytes{memory, GlobalLock(memory)};
+    } bytes{memory, static_cast<const char*>(GlobalLock(memory))};
     if (bytes.data == nullptr) throw file_error(path, prefix + "cannot encode: no memory to read");
-    write_file(path, bytes.data, size_t(status.cbSize.QuadPart));
+    return std::string(bytes.data, size_t(status.cbSize.QuadPart));
+}
+
+// The encoder's bytes with the picture's profile embedded (the encoders are given no colour
+// context: Wine's refuse one, and one way on every system is one way tested).
+std::string with_profile(const std::string& path, const std::string& prefix, coded_format format,
+                         const image& picture, std::string encoded) {
+    const color_profile& profile = picture.profile;
+    try {
+        if (format == coded_format::png && (profile.srgb || !profile.icc.empty()))
+            return png_with_profile(encoded, profile);
+        if (format == coded_format::tiff && !profile.icc.empty())
+            return tiff_with_profile(encoded, profile.icc);
+    } catch (const embedding_error& e) {
+        throw file_error(
+            path, prefix + "cannot embed the colour profile: " + e.what() + "; nothing written");
+    }
+    return encoded;
 }
 
 // Encodes `picture` into a stream in memory, then writes the bytes to `path`.
@@ -484,12 +483,13 @@ void encode(const std::string& path, coded_format format, const image& picture) 
                                    std::to_string(picture.bits) + "-bit " +
                                    (alpha ? "RGBA" : "RGB") + " samples");
     }
-    if (SUCCEEDED(hr)) write_color_context(path, prefix, picture, &e);
     if (SUCCEEDED(hr)) hr = write_samples(path, prefix, picture, e.frame.Get());
     if (SUCCEEDED(hr)) hr = e.frame->Commit();
     if (SUCCEEDED(hr)) hr = e.encoder->Commit();
     if (FAILED(hr)) throw file_error(path, prefix + "cannot encode: " + hresult_words(hr));
-    write_stream(path, prefix, e.stream.Get());
+    const std::string bytes =
+        with_profile(path, prefix, format, picture, encoded_bytes(path, prefix, e.stream.Get()));
+    write_file(path, bytes.data(), bytes.size());
 }
 
 }  // namespace
