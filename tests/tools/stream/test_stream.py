@@ -266,3 +266,61 @@ def test_refused_streams_say_why_and_write_nothing(tmp_path, arguments, code, me
     assert message in done.stderr.decode()
     assert (tmp_path / "frames.raw").read_bytes() == b"\x07" * N * 6
     assert [p.name for p in tmp_path.iterdir()] == ["frames.raw"]
+
+
+CLF = """<?xml version="1.0" encoding="UTF-8"?>
+<ProcessList id="grade" compCLFversion="3">
+  <LUT1D inBitDepth="16i" outBitDepth="16f"><Array dim="3 1">0 0.25 1</Array></LUT1D>
+  <Matrix inBitDepth="16f" outBitDepth="16f">
+    <Array dim="3 3">0.9 0.1 0 0.05 0.9 0.05 0 0.1 0.9</Array>
+  </Matrix>
+  <LUT1D inBitDepth="16f" outBitDepth="16i"><Array dim="4 1">0 30000 50000 65535</Array></LUT1D>
+</ProcessList>
+"""
+
+
+def pam_bytes(frame):
+    """One native frame (pixels x 3) as a 16-bit PAM image of W x H."""
+    header = f"P7\nWIDTH {W}\nHEIGHT {H}\nDEPTH 3\nMAXVAL 65535\nTUPLTYPE RGB\nENDHDR\n"
+    return header.encode() + frame.astype(">u2").tobytes()
+
+
+def pam_samples(data, bits):
+    """The samples of a PAM file the tool wrote, red green blue, as the raw output's bytes."""
+    body = data[data.index(b"ENDHDR\n") + 7:]
+    return body if bits == 8 else np.frombuffer(body, ">u2").astype("<u2").tobytes()
+
+
+# The colour options on a stream, against the same conversion of each frame as an untagged image
+# file (taken as sRGB unless --from says otherwise): (options, output format, notes on stderr).
+COLOR_CASES = [
+    (["--to", "display-p3"], "rgb24", ["taken as sRGB", "raw outputs carry no colour profile"]),
+    (["--from", "rec709", "--to", "rec2020"], "rgb48le", ["raw outputs carry no colour profile"]),
+    (["--clf", "grade.clf"], "rgb48le", []),
+    (["--to", "prophoto", "-q"], "rgb24", []),
+]
+
+
+@pytest.mark.parametrize("options,out_format,notes", COLOR_CASES)
+def test_colour_options_convert_frames_as_image_files_convert(tmp_path, options, out_format,
+                                                              notes):
+    (tmp_path / "grade.clf").write_text(CLF)
+    bits = FORMATS[out_format][1]
+    frames = random_frames(2, 77)
+    done = subprocess.run([TOOL, "--raw-input", f"{W}x{H}:bgr48be", "-", "--raw-output",
+                           out_format, "-o", "-", *options], input=as_input(frames, "bgr48be"),
+                          capture_output=True, cwd=tmp_path, timeout=60)
+    assert done.returncode == 0, done.stderr.decode()
+    files = []
+    for i, frame in enumerate(frames):
+        (tmp_path / f"in{i}.pam").write_bytes(pam_bytes(frame))
+        converted = subprocess.run([TOOL, f"in{i}.pam", "--bits", str(bits), "-q", "-o",
+                                    f"out{i}.pam", *[o for o in options if o != "-q"]],
+                                   capture_output=True, cwd=tmp_path, timeout=60)
+        assert converted.returncode == 0, converted.stderr.decode()
+        files.append(pam_samples((tmp_path / f"out{i}.pam").read_bytes(), bits))
+    assert done.stdout == b"".join(files), f"seed {SEED}"
+    said = done.stderr.decode()
+    for note in notes:
+        assert said.count(note) == 1, said
+    assert ("taken as sRGB" in said) == ("taken as sRGB" in notes)

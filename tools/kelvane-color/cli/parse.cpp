@@ -94,11 +94,6 @@ void check_color(const parse_state& p) {
         throw usage_error(std::string("--clf and ") + (s.color_to.empty() ? "--from" : "--to") +
                           ": a process list is the whole conversion; give one or the other");
     }
-    if (s.raw_input || s.raw_output) {
-        throw usage_error(p.color_option +
-                          " with raw streams: not wired into the stream mode yet; convert files, "
-                          "or give the stream's conversion as --matrix and LUTs");
-    }
     if (!s.color_from.empty() && s.color_to.empty()) {
         throw usage_error("--from: needs --to (the space to convert to)");
     }

@@ -5,10 +5,12 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "cli/tool_error.h"
 #include "image/image.h"
+#include "pipeline/color.h"
 #include "pipeline/file_access.h"
 #include "pipeline/processing.h"
 #include "pipeline/run.h"
@@ -40,28 +42,39 @@ int32_t frame_pixels(const settings& s) {
 }
 
 // The processor and what it makes of one frame as read: the frame in the output format's bytes.
+// With --to or --clf the colour layer sets the processor up, the stream taken as untagged
+// (--from, else sRGB, said once); otherwise the pipeline options do.
 class frame_converter {
   public:
-    frame_converter(const settings& s, const std::string& source)
-        : s_(s),
-          // 8-bit frames are rounded as 8-bit image files are.
-          route_(route_output(s, s.raw_output->bits == 8 ? file_type::pam : file_type::raw)),
-          processor_(route_.library, route_.plan, s.tier),
-          source_(source) {
+    frame_converter(const settings& s, const std::string& source) : s_(s), source_(source) {
+        if (color_requested(s)) {
+            color_.emplace(s);
+            color_->note_output_type(file_type::raw);
+            const color_setup& setup = color_->setup_for_untagged(source);
+            route_ = &setup.route;
+            processor_ = &setup.p;
+        } else {
+            // 8-bit frames are rounded as 8-bit image files are.
+            own_route_.emplace(
+                route_output(s, s.raw_output->bits == 8 ? file_type::pam : file_type::raw));
+            own_processor_.emplace(own_route_->library, own_route_->plan, s.tier);
+            route_ = &*own_route_;
+            processor_ = &*own_processor_;
+        }
         // Settings the library refuses are refused before a frame is read.
         uint16_t in[3] = {}, out[4] = {};
-        check(run_transform(processor_, route_.library, route_.plan, in, out, 0));
+        check(run_transform(*processor_, route_->library, route_->plan, in, out, 0));
     }
 
     void operator()(uint16_t* input, void* output, size_t first, size_t count) {
         input_to_library(*s_.raw_input->format, input, 3 * count);
         auto* out = static_cast<uint8_t*>(output) + first * raw_frame_bytes(*s_.raw_output, 1);
         uint16_t* wide = nullptr;
-        if (route_.how == narrowing::rounding_pass) {
+        if (route_->how == narrowing::rounding_pass) {
             if (wide_.size() < 3 * count) wide_.resize(3 * count);
             wide = wide_.data();
         }
-        check(run_transform(processor_, route_.library, route_.plan, input,
+        check(run_transform(*processor_, route_->library, route_->plan, input,
                             wide != nullptr ? static_cast<void*>(wide) : out, int32_t(count),
                             s_.threads));
         for (size_t i = 0; wide != nullptr && i < 3 * count; ++i) out[i] = round_to_8_bits(wide[i]);
@@ -70,13 +83,16 @@ class frame_converter {
 
   private:
     void check(kv_status status) const {
-        check_transform(status, source_, route_.library, route_.plan);
+        check_transform(status, source_, route_->library, route_->plan);
     }
 
     const settings& s_;
-    output_route route_;
-    processor processor_;
     std::string source_;
+    std::optional<color_run> color_;
+    std::optional<output_route> own_route_;
+    std::optional<processor> own_processor_;
+    const output_route* route_ = nullptr;
+    const processor* processor_ = nullptr;
     std::vector<uint16_t> wide_;  // a band's 16-bit result that the tool rounds to 8 bits
 };
 
