@@ -66,6 +66,7 @@ transfer_curve transfer_curve::parametric(int type, const double* q, const std::
             c.p_ = {g, q[1], q[2], q[3], q[4], q[5], q[6]};
             break;
     }
+    if (c.p_[4] > 0.0) c.knee_ = c.decode_parametric(c.p_[4]);
     return c;
 }
 
@@ -97,8 +98,7 @@ double transfer_curve::decode(double encoded) const {
 double transfer_curve::encode_parametric(double y) const {
     const auto& [g, a, b, c, d, e, f] = p_;
     // Below the power branch's value at d the linear toe answers (when there is one).
-    const double knee = d > 0.0 ? decode_parametric(d) : -1.0;
-    if (y < knee) {
+    if (y < knee_) {
         return c > 0.0 ? std::min((y - f) / c, d) : 0.0;
     }
     const double lifted = y - e;

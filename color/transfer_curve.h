@@ -46,6 +46,7 @@ class transfer_curve {
     int type_ = 1;
     std::array<double, 7> given_{1, 0, 0, 0, 0, 0, 0};
     std::array<double, 7> p_{1, 1, 0, 0, 0, 0, 0};  // every type in the form of type 5
+    double knee_ = -1.0;  // the power branch's value at d, below which the toe answers (d > 0)
     std::vector<double> samples_;
 };
 
