@@ -5,6 +5,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <utility>
 
 #include "color/color_error.h"
 
@@ -31,7 +32,7 @@ std::array<std::vector<uint32_t>, 3> tables_for(const std::array<transfer_curve,
     for (auto& table : rgb) {
         if (top == 65535 && is_identity(table)) table.clear();
     }
-    return {rgb[2], rgb[1], rgb[0]};  // blue, green, red
+    return {std::move(rgb[2]), std::move(rgb[1]), std::move(rgb[0])};  // blue, green, red
 }
 
 void check(kv_status s, const char* call) {
