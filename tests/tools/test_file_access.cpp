@@ -20,17 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What a folder holds: each name with its link target or its bytes.
-std::map<std::string, std::string> listing(const fs::path& dir) {
-    std::map<std::string, std::string> out;
-    for (const auto& entry : fs::directory_iterator(dir)) {
-        const fs::path p = entry.path();
-        out[p.filename().string()] =
-            fs::is_symlink(p) ? "-> " + fs::read_symlink(p).string() : contents(p);
-    }
-    return out;
-}
-
 struct planting_case {
     const char* name;
     const char* output;  // out.raw at the start: none (NULL), a link to the victim ("->"), or bytes
@@ -75,7 +64,7 @@ TEST(OutputFiles, NothingPlantedIsFollowedOrReplaced) {
             std::fputs(c.writer_fails ? "half" : "new bytes", f);
             return std::string(c.writer_fails ? "PNG: broken" : "");
         };
-        auto expected = listing(dir);
+        auto expected = folder_snapshot(dir);
         if (!c.writer_fails) expected["out.raw"] = "new bytes";
         std::string message;
         try {
@@ -84,7 +73,8 @@ TEST(OutputFiles, NothingPlantedIsFollowedOrReplaced) {
             message = e.what();
         }
         EXPECT_EQ(message, c.writer_fails ? out + ": PNG: broken" : "");
-        EXPECT_EQ(listing(dir), expected);  // victim, planted names untouched, no temporary left
+        EXPECT_EQ(folder_snapshot(dir),
+                  expected);  // victim, planted names untouched, no temporary left
 #if !defined(_WIN32)
         const mode_t mask = ::umask(0);
         ::umask(mask);
@@ -142,7 +132,8 @@ TEST(Interruption, RemovesTheRegisteredTemporariesOnly) {
     kv_tool::pending_removal a(names[0]), b(names[1]), never_created((dir / "none").string());
     for (const std::string& name : names) write_text(name, "partial");
     kv_tool::remove_pending_files();
-    EXPECT_EQ(listing(dir), (std::map<std::string, std::string>{{"done.kv-partial", "partial"}}));
+    EXPECT_EQ(folder_snapshot(dir),
+              (std::map<std::string, std::string>{{"done.kv-partial", "partial"}}));
 }
 
 struct escape_case {

@@ -19,23 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Every entry below `dir` with its kind and, for files, its bytes.
-std::map<std::string, std::string> tree(const fs::path& dir) {
-    std::map<std::string, std::string> out;
-    for (const auto& entry : fs::recursive_directory_iterator(dir)) {
-        const fs::path p = entry.path();
-        const std::string name = fs::relative(p, dir).generic_string();
-        if (fs::is_symlink(p)) {
-            out[name] = "-> " + fs::read_symlink(p).string();
-        } else if (fs::is_regular_file(p)) {
-            out[name] = contents(p);
-        } else {
-            out[name] = "(not a file)";
-        }
-    }
-    return out;
-}
-
 void write_picture(const fs::path& path) {
     kv_tool::image picture;
     picture.width = 3;
@@ -122,13 +105,13 @@ TEST(RunSafety, OutputsThatAreReadOrNotFilesRefuseTheWholeRun) {
         for (size_t at; (at = expected.find("{dir}")) != std::string::npos;) {
             expected.replace(at, 5, root);
         }
-        const auto before = tree(dir);
+        const auto before = folder_snapshot(dir);
         ::testing::internal::CaptureStderr();
         const int code = kv_tool::run_kelvane_color(arguments);
         const std::string message = ::testing::internal::GetCapturedStderr();
         EXPECT_EQ(code, kv_tool::EXIT_FILE);
         EXPECT_EQ(message.rfind(expected, 0), 0u) << message;
-        EXPECT_EQ(tree(dir), before);
+        EXPECT_EQ(folder_snapshot(dir), before);
 #if !defined(_WIN32)
         ::close(listener);
 #endif

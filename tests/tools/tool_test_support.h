@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,25 @@ inline std::string write_text(const std::filesystem::path& path, const std::stri
 inline std::string contents(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// What a folder holds, recursively: each relative name with its link target, its bytes, or
+// "(not a file)" for folders, FIFOs and sockets. Equal snapshots: nothing was written or removed.
+inline std::map<std::string, std::string> folder_snapshot(const std::filesystem::path& dir) {
+    namespace fs = std::filesystem;
+    std::map<std::string, std::string> out;
+    for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+        const fs::path p = entry.path();
+        const std::string name = fs::relative(p, dir).generic_string();
+        if (fs::is_symlink(p)) {
+            out[name] = "-> " + fs::read_symlink(p).string();
+        } else if (fs::is_regular_file(p)) {
+            out[name] = contents(p);
+        } else {
+            out[name] = "(not a file)";
+        }
+    }
+    return out;
 }
 
 // The error `action` throws; fails the test when it throws none.
