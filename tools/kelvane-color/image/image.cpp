@@ -22,6 +22,27 @@ std::string lower_extension(const std::string& path) {
     return ext;
 }
 
+// Each file type: its name in messages and the extensions read as it, the first one written.
+struct file_type_entry {
+    file_type type;
+    const char* name;
+    const char* extensions[3];
+};
+constexpr file_type_entry file_types[] = {
+    {file_type::ppm, "PPM", {".ppm", ".pnm", ".pgm"}},
+    {file_type::pam, "PAM", {".pam"}},
+    {file_type::png, "PNG", {".png"}},
+    {file_type::tiff, "TIFF", {".tif", ".tiff"}},
+    {file_type::raw, "raw", {".raw"}},
+};
+
+const file_type_entry& type_entry(file_type type) {
+    for (const file_type_entry& entry : file_types) {
+        if (entry.type == type) return entry;
+    }
+    return file_types[0];  // every enumerator has its row
+}
+
 std::string write_bytes(std::FILE* out, const void* data, size_t size) {
     if (std::fwrite(data, 1, size, out) != size) {
         return std::string("cannot write: ") + std::strerror(errno);
@@ -100,45 +121,21 @@ bool can_write(file_type type) {
 
 file_type file_type_of(const std::string& path, const char* option) {
     const std::string ext = lower_extension(path);
-    if (ext == ".ppm" || ext == ".pnm" || ext == ".pgm") return file_type::ppm;
-    if (ext == ".pam") return file_type::pam;
-    if (ext == ".png") return file_type::png;
-    if (ext == ".tif" || ext == ".tiff") return file_type::tiff;
-    if (ext == ".raw") return file_type::raw;
+    for (const file_type_entry& entry : file_types) {
+        for (const char* known : entry.extensions) {
+            if (known != nullptr && ext == known) return entry.type;
+        }
+    }
     throw usage_error(std::string(option) + ": cannot tell the file type of '" + path +
                       "' (use .png, .tif, .ppm, .pam or .raw)");
 }
 
 const char* file_type_name(file_type type) {
-    switch (type) {
-        case file_type::ppm:
-            return "PPM";
-        case file_type::pam:
-            return "PAM";
-        case file_type::png:
-            return "PNG";
-        case file_type::tiff:
-            return "TIFF";
-        case file_type::raw:
-            return "raw";
-    }
-    return "?";
+    return type_entry(type).name;
 }
 
 const char* file_type_extension(file_type type) {
-    switch (type) {
-        case file_type::ppm:
-            return ".ppm";
-        case file_type::pam:
-            return ".pam";
-        case file_type::png:
-            return ".png";
-        case file_type::tiff:
-            return ".tif";
-        case file_type::raw:
-            return ".raw";
-    }
-    return "";
+    return type_entry(type).extensions[0];
 }
 
 image read_image(const std::string& path) {

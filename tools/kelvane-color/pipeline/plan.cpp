@@ -15,6 +15,13 @@ int bit_length(uint64_t value) {
     return bits;
 }
 
+// Entry `value` of `names`, or `what` and the number for a value past them.
+template <size_t N>
+std::string name_in(const char* const (&names)[N], int32_t value, const char* what) {
+    if (value >= 0 && size_t(value) < N) return names[value];
+    return std::string(what) + " " + std::to_string(value);
+}
+
 }  // namespace
 
 pipeline_plan plan_pipeline(const settings& s) {
@@ -44,31 +51,13 @@ pipeline_plan plan_pipeline(const settings& s) {
 }
 
 std::string layout_name(int32_t layout) {
-    switch (layout) {
-        case 0:
-            return "BGR planes";
-        case 1:
-            return "BGR interleaved";
-        case 2:
-            return "RGB interleaved";
-        default:
-            return "layout " + std::to_string(layout);
-    }
+    static const char* const names[] = {"BGR planes", "BGR interleaved", "RGB interleaved"};
+    return name_in(names, layout, "layout");
 }
 
 std::string tier_name(int32_t tier) {
-    switch (tier) {
-        case 0:
-            return "scalar";
-        case 1:
-            return "sse";
-        case 2:
-            return "avx2";
-        case 3:
-            return "avx512";
-        default:
-            return "tier " + std::to_string(tier);
-    }
+    static const char* const names[] = {"scalar", "sse", "avx2", "avx512"};
+    return name_in(names, tier, "tier");
 }
 
 std::string backend_text(int32_t backend) {
