@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "image/image.h"
+#include "image/prechecks.h"
 #include "image/profile_embedding.h"
 #include "kelvane_qor_color.hpp"
 #include "tests/tools/tool_test_support.h"
@@ -100,6 +101,27 @@ TEST(ProfileEmbedding, TheReaderFindsTheProfileAndTheSameSamples) {
             EXPECT_EQ(png_chunks_of(with, "iCCP") + png_chunks_of(with, "sRGB"), 1);
             EXPECT_EQ(png_chunks_of(with, "IEND"), 1);
         }
+    }
+}
+
+// The chunk walk made before a Windows decoder sees a file tells an sRGB chunk, which Wine's
+// decoder does not report, from iCCP and from no colour chunk.
+TEST(ProfileEmbedding, TheChunkWalkSeesTheSrgbChunk) {
+    const auto dir = kv_tool_test::scratch_dir();
+    const struct {
+        const char* name;
+        color_profile profile;
+        bool srgb;
+    } cases[] = {{"srgb", srgb_profile(), true},
+                 {"icc", icc_profile("display-p3"), false},
+                 {"none", {}, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        image p = picture(8);
+        p.profile = c.profile;
+        const std::string path = (dir / (std::string(c.name) + ".png")).string();
+        kv_tool::write_image(path, file_type::png, p);
+        EXPECT_EQ(kv_tool::walk_png(kv_tool_test::contents(path)).srgb, c.srgb);
     }
 }
 
