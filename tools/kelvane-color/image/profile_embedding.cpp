@@ -68,6 +68,39 @@ bool is_color_chunk(const std::string& type) {
     return type == "iCCP" || type == "sRGB" || type == "gAMA" || type == "cHRM";
 }
 
+// The first directory again, with an entry for the profile (`size` bytes at `at`) in tag order in
+// place of any the encoder wrote, and the same pointer to the next directory.
+std::string directory_with_profile(const std::string& tiff, const byte_order& order,
+                                   uint64_t directory, uint64_t entries, uint32_t size,
+                                   uint32_t at) {
+    constexpr uint32_t profile_tag = 34675, undefined_type = 7;
+    std::string profile_entry;
+    order.append(profile_entry, profile_tag, 2);
+    order.append(profile_entry, undefined_type, 2);
+    order.append(profile_entry, size, 4);
+    order.append(profile_entry, at, 4);
+    std::string listed;
+    uint32_t count = 1;
+    for (uint64_t i = 0; i < entries; ++i) {
+        const size_t entry = size_t(directory + 2 + 12 * i);
+        const uint32_t tag = order.read(tiff, entry, 2);
+        if (tag > profile_tag && !profile_entry.empty()) {
+            listed += profile_entry;
+            profile_entry.clear();
+        }
+        if (tag != profile_tag) {
+            listed.append(tiff, entry, 12);
+            ++count;
+        }
+    }
+    listed += profile_entry;
+    std::string out;
+    order.append(out, count, 2);
+    out += listed;
+    out.append(tiff, size_t(directory + 2 + 12 * entries), 4);
+    return out;
+}
+
 }  // namespace
 
 std::string png_with_profile(const std::string& png, const color_profile& profile) {
@@ -99,12 +132,13 @@ std::string tiff_with_profile(const std::string& tiff, const std::vector<uint8_t
     const byte_order order{tiff[0] == 'M'};
     if (order.read(tiff, 2, 2) != 42)
         throw embedding_error("TIFF: not a classic TIFF (BigTIFF or another version)");
+    // A value of four bytes or fewer would sit in the entry itself; no ICC profile is that short.
+    if (icc.size() <= 4) throw embedding_error("TIFF: the ICC profile is too short to embed");
     const uint64_t directory = order.read(tiff, 4, 4);
     const uint64_t entries =
         directory + 2 <= tiff.size() ? order.read(tiff, size_t(directory), 2) : 0;
     if (entries == 0 || directory + 2 + 12 * entries + 4 > tiff.size())
         throw embedding_error("TIFF: the first directory lies outside the encoder's bytes");
-    constexpr uint32_t profile_tag = 34675, undefined_type = 7;
     std::string out = tiff;
     if (out.size() % 2 != 0) out += '\0';
     const uint64_t profile_at = out.size();
@@ -113,30 +147,8 @@ std::string tiff_with_profile(const std::string& tiff, const std::vector<uint8_t
     const uint64_t directory_at = out.size();
     if (directory_at + 2 + 12 * (entries + 1) + 4 > 0xFFFFFFFFu)
         throw embedding_error("TIFF: the file would pass 4 GiB with its profile");
-    std::string profile_entry;
-    order.append(profile_entry, profile_tag, 2);
-    order.append(profile_entry, undefined_type, 2);
-    order.append(profile_entry, uint32_t(icc.size()), 4);
-    order.append(profile_entry, uint32_t(profile_at), 4);
-    // Entries stay sorted by tag; one the encoder wrote for the profile is replaced.
-    std::string listed;
-    uint32_t count = 1;
-    for (uint64_t i = 0; i < entries; ++i) {
-        const size_t entry = size_t(directory + 2 + 12 * i);
-        const uint32_t tag = order.read(tiff, entry, 2);
-        if (tag > profile_tag && !profile_entry.empty()) {
-            listed += profile_entry;
-            profile_entry.clear();
-        }
-        if (tag != profile_tag) {
-            listed.append(tiff, entry, 12);
-            ++count;
-        }
-    }
-    listed += profile_entry;
-    order.append(out, count, 2);
-    out += listed;
-    out.append(tiff, size_t(directory + 2 + 12 * entries), 4);  // the next directory, as it was
+    out += directory_with_profile(tiff, order, directory, entries, uint32_t(icc.size()),
+                                  uint32_t(profile_at));
     std::string pointer;
     order.append(pointer, uint32_t(directory_at), 4);
     out.replace(4, 4, pointer);
