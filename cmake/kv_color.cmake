@@ -52,21 +52,33 @@ target_include_directories(kelvane_qor_color PUBLIC
 target_include_directories(kelvane_qor_color PRIVATE "${PROJECT_SOURCE_DIR}")
 target_link_libraries(kelvane_qor_color PUBLIC kelvane_qor_color_processing PRIVATE kv_color_core)
 target_compile_definitions(kelvane_qor_color PRIVATE KV_COLOR_LAYER_BUILD)
+# Linux: soname libkelvane_qor_color.so.0 on the real file .so.0.<minor>.<patch>, as the
+# processing library has, so a later incompatible layer can stand beside this one.
+set_target_properties(kelvane_qor_color PROPERTIES
+  VERSION "${PROJECT_VERSION}" SOVERSION "${PROJECT_VERSION_MAJOR}")
 if(WIN32)
   set_target_properties(kelvane_qor_color PROPERTIES PREFIX "")
+  if(NOT MSVC)
+    # The exports as a .def, from which cmake/kv_msvc_import_library.cmake makes the MSVC .lib.
+    set(KV_COLOR_LAYER_DEF "${PROJECT_BINARY_DIR}/kelvane_qor_color.def")
+    target_link_options(kelvane_qor_color PRIVATE "LINKER:--output-def,${KV_COLOR_LAYER_DEF}")
+  endif()
 else()
   # The processing library is found beside this one once installed.
   set_target_properties(kelvane_qor_color PROPERTIES
     BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH "\$ORIGIN")
 endif()
 
-# Installed beside the processing library, with both headers.
+# Installed beside the processing library: the library (component color), its headers and the
+# unnumbered link or import library for building hosts (component color_development).
 include(GNUInstallDirs)
-install(TARGETS kelvane_qor_color COMPONENT color
-        RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-        ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
-install(FILES include/kelvane_qor_color.h include/kelvane_qor_color.hpp COMPONENT color
-        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(TARGETS kelvane_qor_color
+        RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT color
+        LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT color
+          NAMELINK_COMPONENT color_development
+        ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT color_development)
+install(FILES include/kelvane_qor_color.h include/kelvane_qor_color.hpp
+        COMPONENT color_development DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 
 # The benchmarks: speed against LittleCMS (kv_color_benchmark) and the accuracy table
 # (kv_color_accuracy). They run with the real LUT and vector modules on the module search path.

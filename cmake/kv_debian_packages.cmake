@@ -25,6 +25,7 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(KV_DEBIAN_LIBRARY_PACKAGE "libkelvane-qor-color-processing${PROJECT_VERSION_MAJOR}")
+set(KV_DEBIAN_COLOR_PACKAGE "libkelvane-qor-color${PROJECT_VERSION_MAJOR}")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME "${KV_DEBIAN_LIBRARY_PACKAGE}")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 string(CONCAT CPACK_COMPONENT_LIBRARY_DESCRIPTION
@@ -46,7 +47,7 @@ string(CONCAT CPACK_COMPONENT_TOOL_DESCRIPTION
     "Command-line tool of the kelvane_qor_color_processing library\n"
     "kelvane-color runs images and test charts through the color processor, converts between "
     "colour spaces and ICC profiles with the colour layer libkelvane_qor_color (package "
-    "libkelvane-qor-color), reports the processor's tier and the modules it found, and measures throughput.")
+    "${KV_DEBIAN_COLOR_PACKAGE}), reports the processor's tier and the modules it found, and measures throughput.")
 
 # Pure Python over ctypes: dpkg-shlibdeps has nothing to read, so its Python needs are named.
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-kelvane-color)
@@ -57,10 +58,16 @@ string(CONCAT CPACK_COMPONENT_PYTHON_DESCRIPTION
     "Python interface of the kelvane_qor_color_processing library\n"
     "The package kelvane_color: numpy frames through the color processor, over ctypes.")
 
-# The colour layer's library and headers (it has no soname yet, hence no number in the name).
-set(CPACK_DEBIAN_COLOR_PACKAGE_NAME libkelvane-qor-color)
+# The colour layer: its library, named by its soname, and its development files.
+set(CPACK_DEBIAN_COLOR_PACKAGE_NAME "${KV_DEBIAN_COLOR_PACKAGE}")
 set(CPACK_DEBIAN_COLOR_PACKAGE_SECTION libs)
 string(CONCAT CPACK_COMPONENT_COLOR_DESCRIPTION
     "Colour layer of the kelvane_qor_color_processing library\n"
-    "libkelvane_qor_color.so and its headers: named colour spaces, ICC matrix-shaper profiles "
-    "(LittleCMS) and CLF/CTF process lists (expat) turned into color processor set-ups.")
+    "libkelvane_qor_color.so.${PROJECT_VERSION_MAJOR}: named colour spaces, ICC matrix-shaper "
+    "profiles (LittleCMS) and CLF/CTF process lists (expat) turned into color processor set-ups.")
+set(CPACK_DEBIAN_COLOR_DEVELOPMENT_PACKAGE_NAME libkelvane-qor-color-dev)
+set(CPACK_DEBIAN_COLOR_DEVELOPMENT_PACKAGE_SECTION libdevel)
+string(CONCAT CPACK_COMPONENT_COLOR_DEVELOPMENT_DESCRIPTION
+    "Colour layer of the kelvane_qor_color_processing library (development files)\n"
+    "The C header kelvane_qor_color.h, the C++ header kelvane_qor_color.hpp and the link to "
+    "libkelvane_qor_color.so.")

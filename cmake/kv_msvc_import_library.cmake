@@ -30,3 +30,16 @@ add_custom_command(OUTPUT "${KV_MSVC_IMPORT_LIBRARY}"
 add_custom_target(kv_msvc_import_library ALL DEPENDS "${KV_MSVC_IMPORT_LIBRARY}")
 install(FILES "${KV_MSVC_IMPORT_LIBRARY}" DESTINATION "${CMAKE_INSTALL_LIBDIR}"
         COMPONENT development)
+
+# The colour layer's the same way, from the .def its link writes (cmake/kv_color.cmake): a host
+# links kelvane_qor_color.lib beside kelvane_qor_color_processing.lib for the colour C ABI.
+if(TARGET kelvane_qor_color AND KV_COLOR_LAYER_DEF)
+  set(_kv_color_lib "$<TARGET_FILE_DIR:kelvane_qor_color>/kelvane_qor_color.lib")
+  add_custom_command(TARGET kelvane_qor_color POST_BUILD
+    COMMAND "${KV_LLVM_DLLTOOL}" -m i386:x86-64 -d "${KV_COLOR_LAYER_DEF}"
+            -D "$<TARGET_FILE_NAME:kelvane_qor_color>" -l "${_kv_color_lib}"
+    BYPRODUCTS "${PROJECT_BINARY_DIR}/kelvane_qor_color.lib"
+    COMMENT "Writing the MSVC import library kelvane_qor_color.lib" VERBATIM)
+  install(FILES "${_kv_color_lib}" DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+          COMPONENT color_development)
+endif()

@@ -48,8 +48,9 @@ set(CPACK_COMPONENT_PYTHON_DEPENDS library)
 # The colour layer (cmake/kv_color.cmake), when it is built. On Windows LittleCMS and expat are
 # linked into its DLL from Debian's sources (cmake/kv_color_deps.cmake), so their licences go along.
 if(TARGET kelvane_qor_color)
-  list(APPEND CPACK_COMPONENTS_ALL color)
+  list(APPEND CPACK_COMPONENTS_ALL color color_development)
   set(CPACK_COMPONENT_COLOR_DEPENDS library)
+  set(CPACK_COMPONENT_COLOR_DEVELOPMENT_DEPENDS color development)
   set(CPACK_COMPONENT_TOOL_DEPENDS library color)
   set(_kv_color_sources "${PROJECT_BINARY_DIR}/color-deps/install/.complete")
   if(WIN32 AND EXISTS "${_kv_color_sources}")

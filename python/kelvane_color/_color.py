@@ -13,7 +13,7 @@ COLOR_LIBRARY_VARIABLE = "KELVANE_COLOR_LAYER_LIBRARY"
 if os.name == "nt":
     _FILE_NAME = "kelvane_qor_color.dll"
 else:
-    _FILE_NAME = "libkelvane_qor_color.so"
+    _FILE_NAME = "libkelvane_qor_color.so.0"
 
 _p = ctypes.c_void_p
 _out = ctypes.POINTER(ctypes.c_void_p)

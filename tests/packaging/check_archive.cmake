@@ -11,6 +11,12 @@ set(required include/kelvane_qor_color_processing.h include/kelvane_qor_color_pr
              lib/cmake/kelvane_qor_color_processing/kelvane_qor_color_processingConfig.cmake
              lib/pkgconfig/kelvane_qor_color_processing.pc doc/README.md
              lib/python3/dist-packages/kelvane_color/__init__.py)
+# With the colour layer: its DLL, both its import libraries and its headers.
+if(EXISTS "${ROOT}/bin/kelvane_qor_color.dll")
+  list(APPEND ours kelvane_qor_color.dll)
+  list(APPEND required lib/kelvane_qor_color.lib lib/libkelvane_qor_color.dll.a
+                       include/kelvane_qor_color.h include/kelvane_qor_color.hpp)
+endif()
 foreach(file IN LISTS ours)
   list(APPEND required "bin/${file}")
 endforeach()

@@ -84,11 +84,17 @@ foreach(package IN LISTS packages)
   message(STATUS "${package}: Depends ${depends}")
 endforeach()
 
+# Each library package (named by its soname: libkelvane-qor-color-processing0 holds
+# libkelvane_qor_color_processing.so.0) declares that soname in its shlibs.
 list(FILTER packages INCLUDE REGEX "^lib[^-].*[0-9]$")
-execute_process(COMMAND dpkg-deb -I "${deb_${packages}}" shlibs OUTPUT_VARIABLE shlibs)
-if(NOT shlibs MATCHES "^libkelvane_qor_color_processing [0-9]+ ${packages} [(]>= ${VERSION}[)]")
-  message(FATAL_ERROR "${packages}: shlibs should declare the library's soname: '${shlibs}'")
-endif()
+foreach(package IN LISTS packages)
+  string(REGEX REPLACE "[0-9]+$" "" library "${package}")
+  string(REPLACE "-" "_" library "${library}")
+  execute_process(COMMAND dpkg-deb -I "${deb_${package}}" shlibs OUTPUT_VARIABLE shlibs)
+  if(NOT shlibs MATCHES "^${library} [0-9]+ ${package} [(]>= ${VERSION}[)]")
+    message(FATAL_ERROR "${package}: shlibs should declare the library's soname: '${shlibs}'")
+  endif()
+endforeach()
 
 find_program(APT_GET apt-get)
 if(APT_GET)

@@ -6,6 +6,9 @@
 #include <stdint.h>
 
 #include "kelvane_qor_color_processing.h"
+#if defined(KV_HOST_COLOR_LAYER)
+#include "kelvane_qor_color.h"
+#endif
 
 __declspec(dllimport) void __stdcall ExitProcess(unsigned int code);
 __declspec(dllimport) void* __stdcall GetStdHandle(unsigned long which);
@@ -146,6 +149,45 @@ static int run_all(void) {
     return 0;
 }
 
+#if defined(KV_HOST_COLOR_LAYER)
+/* sRGB to linear sRGB through the colour layer's processor: black and white stay, and the middle
+ * code 32768 becomes about 0.214 of white (round(65535 x 0.21404) = 14027, the layer's tests
+ * check every code exactly). 0, or the check number (50 and up). */
+static int run_color_layer(void) {
+    static const uint16_t in[9] = {0, 0, 0, 32768, 32768, 32768, 65535, 65535, 65535};
+    uint16_t out[9] = {0};
+    kv_color_space *from = NULL, *to = NULL;
+    kv_color_conversion* conversion = NULL;
+    kv_color_processor_handle p = NULL;
+    kv_color_frame_settings f;
+    int failed = 0;
+    if (kv_color_space_named("srgb", &from) != KV_COLOR_LAYER_OK ||
+        kv_color_space_named("linear-srgb", &to) != KV_COLOR_LAYER_OK ||
+        kv_color_conversion_between(from, to, 16, &conversion) != KV_COLOR_LAYER_OK ||
+        kv_color_conversion_frame_settings(conversion, &f) != KV_COLOR_LAYER_OK ||
+        kv_color_conversion_create_processor(conversion, &p) != KV_COLOR_LAYER_OK) {
+        failed = 50;
+    } else if (kv_color_transform_48_to_48(
+                   p, in, KV_FORMAT_BGR_INTERLEAVED, (uint16_t)f.blue_minimum,
+                   (uint16_t)f.blue_maximum, (uint16_t)f.green_minimum, (uint16_t)f.green_maximum,
+                   (uint16_t)f.red_minimum, (uint16_t)f.red_maximum, f.blue_shift, f.green_shift,
+                   f.red_shift, out, KV_FORMAT_BGR_INTERLEAVED, 3) != KV_STATUS_SUCCESS) {
+        failed = 51;
+    } else {
+        for (int k = 0; k < 3; ++k) {
+            if (out[k] != 0 || out[6 + k] != 65535 || out[3 + k] < 14020 || out[3 + k] > 14035)
+                failed = 52;
+        }
+    }
+    if (p != NULL) kv_color_destroy_color_processor(p);
+    kv_color_conversion_destroy(conversion);
+    kv_color_space_destroy(to);
+    kv_color_space_destroy(from);
+    if (failed == 0) say("msvc host: colour layer checked\r\n");
+    return failed;
+}
+#endif
+
 void kv_host_start(void) {
     uint32_t state = 20240611u; /* fixed seed of the pixel values (LCG) */
     int failed;
@@ -160,6 +202,9 @@ void kv_host_start(void) {
         ExitProcess(2);
     }
     failed = run_all();
+#if defined(KV_HOST_COLOR_LAYER)
+    if (failed == 0) failed = run_color_layer();
+#endif
     kv_color_processing_module_terminate();
     say(failed == 0 ? "msvc host: all checked\r\n" : "msvc host: a check failed\r\n");
     ExitProcess((unsigned int)failed);
