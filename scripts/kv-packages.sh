@@ -4,7 +4,8 @@
 kv_linux_packages=(cmake ninja-build g++ python3 binutils ccache pkg-config libpng-dev libtiff-dev
                    libgtest-dev libgmock-dev python3-numpy python3-pytest python3-setuptools
                    python3-wheel python3-pip python3-dask python3-distributed valgrind
-                   liblcms2-dev libexpat1-dev colord-data icc-profiles-free dpkg-dev file ffmpeg)
+                   liblcms2-dev libexpat1-dev colord-data icc-profiles-free dpkg-dev file ffmpeg
+                   python3-pil)
 
 # The Windows cross build: MinGW-w64 (POSIX threads), GoogleTest's sources to build it with, Wine
 # to run the tests, dpkg-dev for apt-get source (the colour layer's LittleCMS and expat are built

@@ -88,6 +88,24 @@ def test_profile_bytes_and_file_give_the_named_conversion(session, rng):
     assert np.abs(from_bytes - named).max() <= 1, f"seed {SEED}"
 
 
+def test_pillow_icc_profile_bytes_convert_the_image(session, tmp_path, rng):
+    image_module = pytest.importorskip("PIL.Image", reason="Pillow is not installed (python3-pil)")
+    path = ICC / "colord" / "AdobeRGB1998.icc"
+    if not path.is_file():
+        pytest.skip(f"{path} is missing (colord-data)")
+    pixels = rng.integers(0, 256, size=(32, 48, 3), dtype=np.uint8)
+    image_module.fromarray(pixels).save(tmp_path / "tagged.png", icc_profile=path.read_bytes())
+    with image_module.open(tmp_path / "tagged.png") as image:
+        icc = image.info["icc_profile"]
+        frame = np.asarray(image.convert("RGB"), dtype=np.uint16) * 257
+    results = []
+    for source in (icc, path):
+        with kc.Processor.converting(source, "srgb", bits=8) as p:
+            results.append(p.transform(frame, input_layout=kc.Layout.RGB))
+    assert np.array_equal(results[0], results[1]), f"seed {SEED}"
+    assert results[0].shape == (32, 48, 3) and not np.array_equal(results[0], pixels)
+
+
 def garbage_profile():
     return b"\x1b[31m" + bytes(range(256)) * 2
 
