@@ -8,7 +8,8 @@ import sys
 
 # What each example prints, in the page's order; the second needs the colour layer.
 EXPECTED = [("KV_STATUS_INVALID_CLAMP (12)", "library: "),
-            ("srgb to display-p3, 8 bits uint8", "KV_COLOR_LAYER_PROFILE_REFUSED")]
+            ("srgb to display-p3, 8 bits uint8", "(1, 4, 3) uint8",
+             "KV_COLOR_LAYER_PROFILE_REFUSED")]
 
 
 def test_documented_examples_run(tmp_path):
