@@ -121,9 +121,10 @@ constexpr bool is_interleaved(layout l) noexcept {
 
 enum class channel : int { blue = 0, green = 1, red = 2 };
 
-// Below this many pixels a stripe costs more to start a thread for than it saves: a thread's
-// start and join take about as long as the fastest path needs for this many pixels.
-constexpr int32_t minimum_stripe_pixels = 32768;
+// Below this many pixels a stripe costs more to start a thread for than it saves: it lies between
+// the break-even of the fastest path (matrix only, about 120,000 pixels) and of the six-table path
+// (about 30,000 to 65,000), as kv_stripe_benchmark measures them.
+constexpr int32_t minimum_stripe_pixels = 65536;
 
 // The cores std::thread reports, at least 1.
 inline unsigned core_count() noexcept {

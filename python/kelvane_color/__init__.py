@@ -202,7 +202,7 @@ class Processor:
         out: an array to write into, of exactly the result's dtype and shape, C-contiguous,
         writable and not overlapping frame; it is returned.
         threads: None cuts a frame interleaved on both sides into a stripe for each core, 1 to
-        1024 into at most that many, never more than cores nor below 32,768 pixels a stripe;
+        1024 into at most that many, never more than cores nor below 65,536 pixels a stripe;
         1 keeps the calling thread alone. A planar side runs whole on the calling thread. The
         output is the same for any count.
         A request the library refuses raises StatusError and leaves out untouched.

@@ -5,7 +5,7 @@ import os
 import threading
 
 # Below this many pixels a stripe is not worth a thread (as in the C++ header's transform_striped).
-MIN_STRIPE_PIXELS = 32768
+MIN_STRIPE_PIXELS = 65536
 MAX_THREADS = 1024
 
 

@@ -192,7 +192,7 @@ TEST(Striped, CountIsBoundedByCoresAndStripeSize) {
     } rows[] = {
         {200000, unsigned(-1), 2, m, 2},
         {200000, 0, 2, m, 2},
-        {200000, 0, 64, m, 6},
+        {200000, 0, 64, m, 200000 / m},
         {200000, 3, 64, m, 3},
         {2 * m - 1, 8, 8, m, 1},
         {2 * m, 8, 8, m, 2},

@@ -115,7 +115,7 @@ def test_every_format_pair_matches_the_model(in_format, out_format):
 
 def test_thread_counts_give_the_same_bytes():
     # Frames of two bands (2**20 pixels and 1,024 more) cut into stripes (the library's C++
-    # interface keeps stripes to 32,768 pixels or more, and to the number of cores).
+    # interface keeps stripes to 65,536 pixels or more, and to the number of cores).
     frames = random_frames(2, 1, 1024 * 1025)
     data = as_input(frames, "bgr48be")
     outputs = {t: run_tool(kelvane("bgr48be", "rgb48le", "-q", "--threads", str(t),
