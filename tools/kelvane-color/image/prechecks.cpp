@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "image/codec.h"
+#include "image/file_numbers.h"
 
 namespace kv_tool {
 
@@ -126,29 +127,13 @@ png_chunks walk_png(const std::string& bytes) {
 
 namespace {
 
-// A TIFF's numbers in the file's byte order, each read only where the file has it.
-struct tiff_bytes {
-    const std::string& bytes;
-    bool big;
-
-    bool number(uint64_t at, int size, uint64_t* value) const {
-        if (at > bytes.size() || uint64_t(size) > bytes.size() - at) return false;
-        *value = 0;
-        for (int i = 0; i < size; ++i) {
-            const uint64_t byte = static_cast<unsigned char>(bytes[size_t(at) + i]);
-            *value |= byte << (8 * (big ? size - 1 - i : i));
-        }
-        return true;
-    }
-};
-
 // What the directory says beyond tiff_strips, for the row size and the layout check.
 struct tiff_directory {
     uint64_t width = 0, samples = 1, bits = 1, planar = 1;
 };
 
 // Takes one tag's first value (or, for the strip lists, every value) into `out` and `d`.
-void take_tag(const tiff_bytes& file, uint64_t tag, uint64_t values, uint64_t count, int size,
+void take_tag(const file_numbers& file, uint64_t tag, uint64_t values, uint64_t count, int size,
               tiff_strips* out, tiff_directory* d) {
     uint64_t first = 0;
     file.number(values, size, &first);
@@ -187,7 +172,7 @@ void take_tag(const tiff_bytes& file, uint64_t tag, uint64_t values, uint64_t co
 }
 
 // Walks the entries of the directory at `directory`; false where an entry lies outside the file.
-bool walk_tiff_directory(const tiff_bytes& file, uint64_t directory, uint64_t entries,
+bool walk_tiff_directory(const file_numbers& file, uint64_t directory, uint64_t entries,
                          tiff_strips* out, tiff_directory* d) {
     std::vector<bool> seen(285);  // the tags read are all under 285
     for (uint64_t e = 0; e < entries; ++e) {
@@ -230,7 +215,7 @@ void recount_lone_strip(uint64_t file_size, tiff_strips* out) {
 }  // namespace
 
 bool read_tiff_strips(const std::string& bytes, tiff_strips* out) {
-    const tiff_bytes file{bytes, bytes.size() >= 8 && bytes[0] == 'M'};
+    const file_numbers file{bytes, bytes.size() >= 8 && bytes[0] == 'M'};
     uint64_t directory = 0, entries = 0, magic = 0;
     if (!file.number(2, 2, &magic) || magic != 42 || !file.number(4, 4, &directory) ||
         !file.number(directory, 2, &entries)) {
