@@ -74,19 +74,6 @@ std::vector<uint16_t> samples_of(const std::string& path, int bits) {
 }
 
 #if defined(KV_TOOL_HAVE_PNG)
-// The chunk types of a PNG file in order, read here rather than through libpng.
-std::vector<std::string> png_chunks(const std::string& path) {
-    const std::string b = contents(path);
-    std::vector<std::string> types;
-    for (size_t at = 8; at + 8 <= b.size();) {
-        const auto length = uint32_t(uint8_t(b[at])) << 24 | uint32_t(uint8_t(b[at + 1])) << 16 |
-                            uint32_t(uint8_t(b[at + 2])) << 8 | uint8_t(b[at + 3]);
-        types.push_back(b.substr(at + 4, 4));
-        at += 12 + size_t(length);
-    }
-    return types;
-}
-
 bool has(const std::vector<std::string>& list, const std::string& item) {
     return std::find(list.begin(), list.end(), item) != list.end();
 }
@@ -102,7 +89,7 @@ void expect_profile(const std::string& path, const std::vector<uint8_t>& icc, bo
     }
 #if defined(KV_TOOL_HAVE_PNG)
     if (path.size() > 4 && path.substr(path.size() - 4) == ".png") {
-        const std::vector<std::string> chunks = png_chunks(path);
+        const std::vector<std::string> chunks = kv_tool_test::png_chunk_types(contents(path));
         EXPECT_EQ(has(chunks, "sRGB"), srgb_chunk) << path;
         EXPECT_EQ(has(chunks, "iCCP"), !srgb_chunk) << path;
     }

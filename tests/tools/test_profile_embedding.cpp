@@ -3,6 +3,7 @@
 // reader finds it and the same samples; broken bytes are refused with the place named.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -46,14 +47,8 @@ color_profile srgb_profile() {
 
 // How many chunks of `type` a PNG has.
 int png_chunks_of(const std::string& png, const std::string& type) {
-    int n = 0;
-    for (size_t at = 8; at + 12 <= png.size();) {
-        const uint32_t length = uint32_t(uint8_t(png[at])) << 24 | uint8_t(png[at + 1]) << 16 |
-                                uint8_t(png[at + 2]) << 8 | uint8_t(png[at + 3]);
-        n += png.compare(at + 4, 4, type) == 0;
-        at += 12 + size_t(length);
-    }
-    return n;
+    const std::vector<std::string> types = kv_tool_test::png_chunk_types(png);
+    return int(std::count(types.begin(), types.end(), type));
 }
 
 struct embedding_case {

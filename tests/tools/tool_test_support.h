@@ -64,6 +64,19 @@ inline std::map<std::string, std::string> folder_snapshot(const std::filesystem:
     return out;
 }
 
+// The chunk types of a PNG's bytes in order, read here rather than through libpng.
+inline std::vector<std::string> png_chunk_types(const std::string& png) {
+    std::vector<std::string> types;
+    for (size_t at = 8; at + 8 <= png.size();) {
+        const auto length = uint32_t(uint8_t(png[at])) << 24 |
+                            uint32_t(uint8_t(png[at + 1])) << 16 |
+                            uint32_t(uint8_t(png[at + 2])) << 8 | uint8_t(png[at + 3]);
+        types.push_back(png.substr(at + 4, 4));
+        at += 12 + size_t(length);
+    }
+    return types;
+}
+
 // The error `action` throws; fails the test when it throws none.
 template <typename Action>
 kv_tool::tool_error error_of(Action&& action) {
