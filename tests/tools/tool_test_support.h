@@ -16,20 +16,44 @@
 #include "pipeline/plan.h"
 #include "platform/windows_api.h"
 
+#ifndef _WIN32
+#include <unistd.h>
+#endif
+
 namespace kv_tool_test {
 
 inline kv_tool::settings parse(const std::vector<std::string>& words) {
     return kv_tool::parse_command_line(words);
 }
 
-// A folder under the test's temporary directory, empty at the start of each test.
+// This process's folder of scratch folders: one a process, so that two build trees testing at
+// once never share a scratch file; removed with everything in it when the process ends.
+inline const std::filesystem::path& process_scratch_root() {
+    struct removed_at_exit {
+        std::filesystem::path path;
+        ~removed_at_exit() {
+            std::error_code ignored;
+            std::filesystem::remove_all(path, ignored);
+        }
+    };
+#ifdef _WIN32
+    const unsigned long id = GetCurrentProcessId();
+#else
+    const long id = static_cast<long>(getpid());
+#endif
+    static const removed_at_exit root{std::filesystem::temp_directory_path() /
+                                      ("kv_tool_tests_" + std::to_string(id))};
+    return root.path;
+}
+
+// A folder under this process's scratch root, empty at the start of each test.
 inline std::filesystem::path scratch_dir() {
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
     std::string name = std::string(info->test_suite_name()) + "_" + info->name();
     for (char& c : name) {
         if (c == '/') c = '_';
     }
-    const auto dir = std::filesystem::temp_directory_path() / "kv_tool_tests" / name;
+    const auto dir = process_scratch_root() / name;
     std::filesystem::remove_all(dir);
     std::filesystem::create_directories(dir);
     return dir;
