@@ -6,9 +6,11 @@
 //
 //   kv_color_benchmark [--from srgb] [--to display-p3] [--size 3840x2160] [--repeat 10]
 //
-// Two frames: a chart of smooth ramps (red across, green down, blue along the diagonal), as
-// photographs and renders are locally smooth, and seeded random values, the worst case for the
-// table lookups (every lookup misses the caches).
+// Four frames: a chart of smooth ramps (red across, green down, blue along the diagonal, each
+// sweeping the whole range of codes), an image-like frame (gentler gradients with a little sensor
+// noise, as photographs and renders are locally smooth), seeded random values, the worst case for
+// the table lookups (nearly every lookup misses the first-level cache), and seeded random values
+// within 256 codes, whose lookups all hit it: the bound of the lookup instructions alone.
 #include <lcms2.h>
 
 #include <algorithm>
@@ -22,6 +24,7 @@
 #include <vector>
 
 #include "bench/color_measure.h"
+#include "bench/image_like_frame.h"
 #include "kelvane_qor_color.hpp"
 
 namespace {
@@ -75,6 +78,13 @@ std::vector<uint16_t> chart(int width, int height) {
             rgb[i++] = uint16_t((int64_t(x) + y) * 65535 / (width + height - 2));
         }
     }
+    return rgb;
+}
+
+// Seeded random values from 30,000 to 30,255: every table entry they reach stays in the cache.
+std::vector<uint16_t> cached_random(size_t pixels) {
+    std::vector<uint16_t> rgb = kv_measure::random_pixels(pixels, 1);
+    for (uint16_t& v : rgb) v = uint16_t(30000 + (v & 255));
     return rgb;
 }
 
@@ -162,8 +172,12 @@ int main(int argc, char** argv) {
         std::printf("set-up (tables from curves): %.2f ms\n", setup * 1e3);
         const lcms_transform lcms(source, destination);
         compare("chart", c, p, lcms, chart(width, height), repeat);
+        std::vector<uint16_t> image(size_t(3) * size_t(width) * size_t(height));
+        kv_bench::image_like_frame(image.data(), width, height, false);
+        compare("image", c, p, lcms, image, repeat);
         compare("random", c, p, lcms, kv_measure::random_pixels(size_t(width) * size_t(height), 1),
                 repeat);
+        compare("cached", c, p, lcms, cached_random(size_t(width) * size_t(height)), repeat);
         tiers(c, library, chart(width, height), repeat);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "kv_color_benchmark: %s\n", e.what());

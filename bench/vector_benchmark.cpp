@@ -38,6 +38,7 @@
 #endif
 
 #include "bench/bench_timing.h"
+#include "bench/image_like_frame.h"
 #include "kernels/dispatch.h"
 #include "kernels/transform_request.h"
 #include "modules/vector/instruction_sets.h"
@@ -153,27 +154,6 @@ struct buffer {
     buffer(const buffer&) = delete;
     buffer& operator=(const buffer&) = delete;
 };
-
-// Image-like content: smooth gradients over the frame with a little sensor noise.
-void fill_image(uint16_t* input, const frame_size& size, kv::pixel_format format) {
-    const size_t n = size_t(size.width) * size.height;
-    uint32_t noise = 12345;
-    for (int y = 0; y < size.height; ++y) {
-        for (int x = 0; x < size.width; ++x) {
-            const size_t i = size_t(y) * size.width + x;
-            noise = noise * 1664525u + 1013904223u;
-            const int jitter = int(noise >> 28) - 8;
-            const int red = 4000 + 50000 * x / size.width + jitter;
-            const int green = 8000 + 40000 * y / size.height + jitter;
-            const int blue = 30000 + int(20000 * std::sin(0.002 * (x + y))) + jitter;
-            const uint16_t channel[3] = {uint16_t(blue), uint16_t(green), uint16_t(red)};
-            for (int c = 0; c < 3; ++c) {
-                const size_t place = format == kv::FORMAT_BGR_PLANES ? c * n + i : 3 * i + c;
-                input[place] = channel[c];
-            }
-        }
-    }
-}
 
 // Gamma-like curves: decode on the way in, encode on the way out (16-bit results).
 std::vector<uint32_t> curve(double exponent) {
@@ -393,7 +373,8 @@ void measure_case(const workload& w, const frame_size& size, const bench_context
     const uint64_t n = uint64_t(size.width) * size.height;
     const size_t input_bytes = 6 * n, output_bytes = n * 3 * (w.width / 8);
     buffer input(input_bytes), output(output_bytes), expected(output_bytes), copy(input_bytes);
-    fill_image(static_cast<uint16_t*>(input.data), size, w.input_format);
+    kv_bench::image_like_frame(static_cast<uint16_t*>(input.data), size.width, size.height,
+                               w.input_format == kv::FORMAT_BGR_PLANES);
     const transform_request r = request_for(w, size, input, output, matrix, c.tables);
     const double min_time = c.o.min_time;
     const int min_runs = c.o.min_runs;
