@@ -336,13 +336,19 @@ const refusal refusals[] = {
          return std::vector<std::string>{in, "--to", "srgb", "-o", (dir / "o.png").string()};
      },
      1, "lab.tif: embedded profile: a Lab profile"},
+    // The reader's own bound, met before the profile is copied (the colour layer has one too,
+    // whose message names no tag).
     {"oversized embedded profile",
      [](const fs::path& dir, const std::string&) {
          const std::string in = (dir / "big.tif").string();
          write_input(in, std::vector<uint8_t>((4 << 20) + 1, 0));
          return std::vector<std::string>{in, "--to", "srgb", "-o", (dir / "o.png").string()};
      },
-     1, "4194305 bytes, more than the 4194304 accepted"},
+#if defined(KV_TOOL_HAVE_TIFF)
+     1, "its ICC profile (tag 34675) is 4194305 bytes, more than the 4194304 accepted"},
+#else
+     1, "its ICC profile is 4194305 bytes, more than the 4194304 accepted"},
+#endif
     {"damaged CLF",
      [](const fs::path& dir, const std::string& in) {
          return std::vector<std::string>{
