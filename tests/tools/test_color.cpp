@@ -349,6 +349,21 @@ const refusal refusals[] = {
 #else
      1, "its ICC profile is 4194305 bytes, more than the 4194304 accepted"},
 #endif
+#if defined(KV_TOOL_HAVE_PNG)
+    // The same bound in the PNG reader: a real profile padded to 4 bytes over it (libpng wants a
+    // multiple of 4), its declared size patched, so that libpng writes and reads it back.
+    {"oversized iCCP profile",
+     [](const fs::path& dir, const std::string&) {
+         std::vector<uint8_t> icc = bytes_of(adobe);
+         const uint32_t size = (4u << 20) + 4;
+         icc.resize(size, 0);
+         for (int i = 0; i < 4; ++i) icc[size_t(i)] = uint8_t(size >> (24 - 8 * i));
+         const std::string in = (dir / "big.png").string();
+         write_input(in, icc);
+         return std::vector<std::string>{in, "--to", "srgb", "-o", (dir / "o.png").string()};
+     },
+     1, "its ICC profile (iCCP) is 4194308 bytes, more than the 4194304 accepted"},
+#endif
     {"damaged CLF",
      [](const fs::path& dir, const std::string& in) {
          return std::vector<std::string>{
